@@ -1,0 +1,66 @@
+#include "evmLog.h"
+
+#include <cstdio>
+#include <cstring>
+#include <syslog.h>
+#include <unistd.h>
+
+namespace {
+
+struct {
+    evmLogSinkFn sink = nullptr;
+    bool echo = true;
+    bool syslogOpen = false;
+} evmLogPrivateMembers;
+
+constexpr size_t EVM_LOG_LINE_MAX = 1024;
+
+} // namespace
+
+void evmLogSetSink(evmLogSinkFn sink)
+{
+    evmLogPrivateMembers.sink = sink;
+    evmLogPrivateMembers.echo = sink == nullptr;
+}
+
+void evmLogSetEcho(bool echo) { evmLogPrivateMembers.echo = echo; }
+
+extern "C" void evm_log(int level, const char *source, int line, const char *format, ...)
+{
+    auto &m = evmLogPrivateMembers;
+    char text[EVM_LOG_LINE_MAX];
+    va_list ap;
+    va_start(ap, format);
+    int n = vsnprintf(text, sizeof text, format, ap);
+    va_end(ap);
+    if (n < 0) {
+        text[0] = '\0';
+        n = 0;
+    }
+    size_t len = strnlen(text, sizeof text);
+    // Callers put their own newline at the end of some messages: never double it.
+    if (len > 0 && text[len - 1] == '\n') {
+        text[--len] = '\0';
+    }
+    if (m.sink != nullptr) {
+        m.sink(level, source, line, text);
+    }
+    if (!m.echo) {
+        return;
+    }
+    // One write per line so lines from a child and its parent never interleave.
+    char out[EVM_LOG_LINE_MAX + 128];
+    int outLen = snprintf(out, sizeof out, "tarnhold[%d] <%d> %s:%d: %s\n", static_cast<int>(getpid()),
+                          level, source, line, text);
+    if (outLen > 0) {
+        size_t w = static_cast<size_t>(outLen) < sizeof out ? static_cast<size_t>(outLen) : sizeof out - 1;
+        ssize_t ignored = write(STDERR_FILENO, out, w);
+        (void)ignored;
+    }
+    if (!m.syslogOpen) {
+        openlog("tarnhold", LOG_PID | LOG_NDELAY, LOG_DAEMON);
+        m.syslogOpen = true;
+    }
+    int prio = level <= 0 ? LOG_INFO : level >= 6 ? LOG_ERR : level >= 4 ? LOG_WARNING : LOG_NOTICE;
+    syslog(prio, "%s:%d: %s", source, line, text);
+}

@@ -1,0 +1,38 @@
+// The system-call seam: every touch of the device node, the I2C bus, sysfs,
+// shell commands, sleeps and the clock goes through this one table. The
+// product binds it to libc and libusb; tests bind it to the simulated
+// appliance and to virtual time.
+#pragma once
+
+#include <cstdint>
+#include <sys/select.h>
+#include <sys/types.h>
+#include <usb.h>
+
+struct platformSysOps {
+    int (*open)(const char *path, int flags, mode_t mode);
+    int (*close)(int fd);
+    int (*ioctl)(int fd, unsigned long request, void *arg);
+    ssize_t (*read)(int fd, void *buf, size_t len);
+    ssize_t (*write)(int fd, const void *buf, size_t len);
+    ssize_t (*pwrite)(int fd, const void *buf, size_t len, off_t offset);
+    int (*usleep)(useconds_t usec);
+    int (*system)(const char *command);
+    int (*select)(int nfds, fd_set *readfds, fd_set *writefds, fd_set *exceptfds, struct timeval *timeout);
+    uint64_t (*msSince1970)();
+
+    // libusb 0.1, for the microcontroller's USB port reset.
+    void (*usbInit)();
+    int (*usbFindBusses)();
+    int (*usbFindDevices)();
+    struct usb_bus *(*usbGetBusses)();
+    usb_dev_handle *(*usbOpen)(struct usb_device *dev);
+    int (*usbReset)(usb_dev_handle *handle);
+    int (*usbClose)(usb_dev_handle *handle);
+};
+
+// The live table; starts bound to the real system.
+extern platformSysOps platformSys;
+
+// The real bindings, for restoring the table or delegating to it.
+extern const platformSysOps PLATFORM_SYS_LIBC;

@@ -1,0 +1,32 @@
+// Request handling: the dispatcher, its 64-entry handler table, the relays,
+// the handlers answered in the service, and device management start-up.
+#pragma once
+
+#include "qxUsb.h"
+
+#include <cstdint>
+
+using usbMgmtHandler = int32_t (*)(qxUsbBlock &cmd, qxUsbBlock &resp);
+
+constexpr int32_t USB_MGMT_UNKNOWN_FUNCTION = 8;
+constexpr size_t USB_MGMT_TABLE_SIZE = 64;
+
+// Dispatches one request by cmd[0]; codes above 63 give 8 untouched.
+int32_t usbMgmtCmd(qxUsbBlock &cmd, qxUsbBlock &resp);
+
+// Device management start-up: settles the firmware file, loads it and brings
+// the microcontroller to it. 0 with the link open for the request loop.
+int32_t usbMgmtInit(const char *fileName);
+
+// The handlers, by the table's names.
+int32_t netUsbFuncUnknown(qxUsbBlock &cmd, qxUsbBlock &resp);
+int32_t netUsbFuncGeneric(qxUsbBlock &cmd, qxUsbBlock &resp);
+int32_t netUsbFuncIoGenericCmd(qxUsbBlock &cmd, qxUsbBlock &resp);
+int32_t netUsbFuncSetXmlDaemonDetect(qxUsbBlock &cmd, qxUsbBlock &resp);
+int32_t netUsbFuncGetXmlDaemonDetect(qxUsbBlock &cmd, qxUsbBlock &resp);
+int32_t netUsbFuncForceDriveBayShutDown(qxUsbBlock &cmd, qxUsbBlock &resp);
+int32_t netUsbFuncResumeDrvBayOperation(qxUsbBlock &cmd, qxUsbBlock &resp);
+int32_t netUsbFuncGetForceShutDownInd(qxUsbBlock &cmd, qxUsbBlock &resp);
+
+// The handler each code 0-63 dispatches to.
+extern const std::array<usbMgmtHandler, USB_MGMT_TABLE_SIZE> networkUsbFuncTable;

@@ -1,0 +1,13 @@
+#!/usr/bin/env bash
+# Installs every Debian package that building, running and testing tarnhold needs.
+set -euo pipefail
+export DEBIAN_FRONTEND=noninteractive
+apt-get update
+apt-get install -y --no-install-recommends \
+  build-essential g++ cmake make pkg-config git \
+  libgtest-dev libgmock-dev libbenchmark-dev \
+  libssl-dev libusb-dev libudev-dev \
+  libumockdev-dev umockdev libglib2.0-dev \
+  srecord binutils faketime \
+  clang libclang-rt-14-dev \
+  util-linux procps

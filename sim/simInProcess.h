@@ -1,0 +1,22 @@
+// In-process front end of the simulated appliance: binds the system-call seam
+// to the model, with virtual time (a sleep advances the clock and returns at
+// once). Only the device node, module commands, libusb, sleeps, select and
+// the clock are simulated; every other path goes to the real system.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+void simInProcessInstall(); // resets the model too
+void simInProcessUninstall();
+
+uint64_t simVirtualNowUs();
+void simAdvanceUs(uint64_t us);
+
+// Every usleep the code under test made, in microseconds, in order.
+const std::vector<uint64_t> &simSleeps();
+void simClearSleeps();
+
+// Every shell command the code under test ran, in order.
+const std::vector<std::string> &simCommands();
