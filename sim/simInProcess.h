@@ -20,3 +20,13 @@ void simClearSleeps();
 
 // Every shell command the code under test ran, in order.
 const std::vector<std::string> &simCommands();
+
+// The wall clock the seam reports at virtual time 0, in ms since 1970.
+constexpr uint64_t SIM_WALL_CLOCK_START_MS = 1700000000000ull;
+
+// The microcontroller's USB device as libusb sees it: listed on the bus at
+// all, and whether opening it for the port reset succeeds. Both on by default.
+void simSetUsbDevice(bool listed, bool openable);
+
+// How many descriptors of the device node are open right now.
+int simOpenNodeFds();
