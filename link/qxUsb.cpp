@@ -1,1 +1,278 @@
-// placeholder
+// The device link: the one owner of the microcontroller's device node. Sends
+// reports and driver requests, reads reports, retries a busy driver, re-opens
+// the node after errors and resets the USB device after a GOTO command.
+#include "qxUsb.h"
+
+#include "evmLog.h"
+#include "sysSeam.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+
+namespace {
+
+constexpr const char *QX_USB_LOG_SOURCE = "qxUsb";
+
+constexpr size_t QX_USB_DEV_PATH_SIZE = 100;
+constexpr int QX_USB_ATTEMPTS = 3;               // first try and two retries while the driver says EAGAIN
+constexpr useconds_t QX_USB_RETRY_SLEEP_US = 100000;
+constexpr uint32_t QX_USB_REOPEN_ERR_CNT = 15;
+constexpr useconds_t QX_USB_MODULE_SLEEP_US = 2000000;
+constexpr uint32_t QX_USB_PIC_USB_ID = (uint32_t{QX_USB_PRODUCT_ID} << 16) | QX_USB_VENDOR_ID;
+static_assert(QX_USB_PIC_USB_ID == 0x003C04D8);
+
+// Codes 0-20 whose raw requests are sent without a trace (the bootloader's
+// steady traffic and the frequent queries).
+constexpr uint32_t QX_USB_QUIET_CODES = 0x1862E4;
+constexpr uint8_t QX_USB_QUIET_CODE_MAX = 20;
+constexpr size_t QX_USB_TRACE_BYTES_PER_LINE = 16;
+
+// Payload offsets of the values a report carries for the driver.
+constexpr size_t QX_USB_IO_REQUEST = 3;  // code 38: the driver request number
+constexpr size_t QX_USB_XFER_LEN = 3;    // code 37: transfer length
+constexpr size_t QX_USB_XFER_BUF = 7;    // code 37: buffer address
+
+struct {
+    int32_t fd = -1;
+    uint8_t seqNum = 1;
+    char devPath[QX_USB_DEV_PATH_SIZE] = {};
+    uint32_t errCnt = 0;
+} qxUsbPrivateMembers;
+
+auto &M = qxUsbPrivateMembers;
+
+enum class qxUsbIssue : uint8_t { OK, BUSY, FAILED };
+
+uint32_t __qxUsbGetLe32(const uint8_t *p)
+{
+    return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 | static_cast<uint32_t>(p[2]) << 16 |
+           static_cast<uint32_t>(p[3]) << 24;
+}
+
+uint64_t __qxUsbGetLe64(const uint8_t *p)
+{
+    return static_cast<uint64_t>(__qxUsbGetLe32(p)) | static_cast<uint64_t>(__qxUsbGetLe32(p + 4)) << 32;
+}
+
+// Issues a request, again after 100 ms while the driver answers EAGAIN, three
+// attempts in all. The error is taken right after each attempt, so a retry
+// sleep cut short by a signal simply leads to the next attempt.
+qxUsbIssue __qxUsbIssueWithRetry(uint32_t request, picHidIoctlArg &arg, int &err)
+{
+    for (int attempt = 1;; ++attempt) {
+        if (platformSys.ioctl(M.fd, request, &arg) == 0) {
+            return qxUsbIssue::OK;
+        }
+        err = errno;
+        if (err != EAGAIN) {
+            return qxUsbIssue::FAILED;
+        }
+        if (attempt == QX_USB_ATTEMPTS) {
+            return qxUsbIssue::BUSY;
+        }
+        platformSys.usleep(QX_USB_RETRY_SLEEP_US);
+    }
+}
+
+void __qxUsbCloseNode()
+{
+    // The node's descriptor lives in the state record across requests and is
+    // closed through the seam, so no scoped owner holds it.
+    if (M.fd >= 0) {
+        platformSys.close(M.fd);
+    }
+    M.fd = -1;
+}
+
+// A counted failure: the caller has logged it; re-open after EBADF or too many.
+void __qxUsbCountFailure(int err, const char *operation)
+{
+    ++M.errCnt;
+    if (err == EBADF || M.errCnt >= QX_USB_REOPEN_ERR_CNT) {
+        evm_log(1, QX_USB_LOG_SOURCE, __LINE__, "%s: re-opening device file (errCnt=%d)", operation,
+                static_cast<int>(M.errCnt));
+        __qxUsbCloseNode();
+        qxUsbInit();
+    }
+}
+
+bool __qxUsbIsQuiet(uint8_t code, uint32_t request)
+{
+    if (code == QX_HID_CMD_IO_CMD) {
+        return request == PIC_HID_PIC32_IS_URB_AVAILABLE || request == PIC_HID_IS_URB_AVAILABLE;
+    }
+    return code <= QX_USB_QUIET_CODE_MAX && ((QX_USB_QUIET_CODES >> code) & 1u) != 0;
+}
+
+void __qxUsbTrace(const uint8_t *report)
+{
+    evm_log(0, QX_USB_LOG_SOURCE, __LINE__, "QX_TRACE_USB-cmd: %s\n", qxUsbCmdName(report[QX_REPORT_CODE]));
+    constexpr size_t LINE_CHARS = QX_USB_TRACE_BYTES_PER_LINE * 3;
+    for (size_t start = 0; start < QX_REPORT_SIZE; start += QX_USB_TRACE_BYTES_PER_LINE) {
+        char line[LINE_CHARS + 1];
+        for (size_t i = 0; i < QX_USB_TRACE_BYTES_PER_LINE; ++i) {
+            std::snprintf(&line[i * 3], sizeof line - i * 3, " %02x", report[start + i]);
+        }
+        evm_log(0, QX_USB_LOG_SOURCE, __LINE__, "QX_TRACE_USB-%s", line);
+    }
+}
+
+} // namespace
+
+int32_t qxUsbInit()
+{
+    M.fd = -1;
+    M.errCnt = 0;
+    char path[QX_USB_DEV_PATH_SIZE];
+    std::snprintf(path, sizeof path, "/dev/%s", QX_USB_DEVICE_NAME);
+    const int fd = platformSys.open(path, O_RDWR, 0);
+    if (fd < 0) {
+        const int err = errno;
+        evm_log(6, QX_USB_LOG_SOURCE, __LINE__, "qxUsbInit: Failed to open '%s' - '%s'", path, std::strerror(err));
+        return 1;
+    }
+    M.fd = fd;
+    std::memcpy(M.devPath, path, sizeof path);
+    evm_log(1, QX_USB_LOG_SOURCE, __LINE__, "qxUsbInit: Open '%s' success; fd=%d", path, fd);
+    return 0;
+}
+
+void qxUsbCleanUp()
+{
+    __qxUsbCloseNode();
+}
+
+int32_t qxUsbCmd(const uint8_t *report)
+{
+    if (M.fd < 0) {
+        evm_log(4, QX_USB_LOG_SOURCE, __LINE__, "qxUsbCmd: device not open");
+        return -1;
+    }
+    picHidIoctlArg arg{};
+    uint32_t request = PIC_HID_SEND_REPORT;
+    switch (report[QX_REPORT_CODE]) {
+    case QX_HID_CMD_FILE_TRANSFER_TEST:
+        request = PIC_HID_FILE_TRANSFER_TEST;
+        arg.xferLen = __qxUsbGetLe32(&report[QX_USB_XFER_LEN]);
+        arg.xferBuf = __qxUsbGetLe64(&report[QX_USB_XFER_BUF]);
+        break;
+    case QX_HID_CMD_IO_CMD:
+        request = __qxUsbGetLe32(&report[QX_USB_IO_REQUEST]);
+        break;
+    default:
+        break;
+    }
+    std::memcpy(arg.report, report, QX_REPORT_SIZE);
+    arg.param = PIC_HID_PARAM;
+
+    int err = 0;
+    switch (__qxUsbIssueWithRetry(request, arg, err)) {
+    case qxUsbIssue::BUSY:
+        evm_log(4, QX_USB_LOG_SOURCE, __LINE__, "qxUsbCmd: ioctl failed max times");
+        return -1;
+    case qxUsbIssue::FAILED:
+        evm_log(6, QX_USB_LOG_SOURCE, __LINE__, "qxUsbCmd: ioctl(%d) failed - '%s'", static_cast<int32_t>(request),
+                std::strerror(err));
+        __qxUsbCountFailure(err, "qxUsbCmd");
+        return -1;
+    case qxUsbIssue::OK:
+        break;
+    }
+    M.errCnt = 0;
+    const uint8_t code = report[QX_REPORT_CODE];
+    if (code == QX_HID_CMD_GOTO_APPLICATION || code == QX_HID_CMD_GOTO_BOOTLOADER) {
+        // The microcontroller restarts into the other firmware: the driver has
+        // to let go of the old device before it comes back.
+        evm_log(6, QX_USB_LOG_SOURCE, __LINE__, "qxUsbCmd: reset USB device");
+        resetUsb();
+    }
+    return 0;
+}
+
+int32_t qxUsbGetReport(uint8_t *report)
+{
+    // No check of fd: a closed link fails with EBADF and so re-opens.
+    picHidIoctlArg arg{};
+    arg.param = PIC_HID_PARAM;
+    int err = 0;
+    switch (__qxUsbIssueWithRetry(PIC_HID_GET_REPORT, arg, err)) {
+    case qxUsbIssue::BUSY:
+        // Same text as the send's, so one pattern covers both in the log.
+        evm_log(4, QX_USB_LOG_SOURCE, __LINE__, "qxUsbCmd: ioctl failed max times");
+        return -1;
+    case qxUsbIssue::FAILED:
+        evm_log(6, QX_USB_LOG_SOURCE, __LINE__, "qxUsbGetReport: ioctl(PIC_HID_GET_REPORT) failed - '%s'",
+                std::strerror(err));
+        __qxUsbCountFailure(err, "qxUsbGetReport");
+        return -1;
+    case qxUsbIssue::OK:
+        break;
+    }
+    // Only a report the driver filled reaches the caller.
+    M.errCnt = 0;
+    std::memcpy(report, arg.report, QX_REPORT_SIZE);
+    return 0;
+}
+
+int32_t qxUsbRawIoctCmd(picHidIoctlArg *block)
+{
+    if (M.fd < 0) {
+        evm_log(4, QX_USB_LOG_SOURCE, __LINE__, "qxUsbRawIoctCmd: device not open");
+        return -1;
+    }
+    const uint8_t code = block->report[QX_REPORT_CODE];
+    const uint32_t request =
+        code == QX_HID_CMD_IO_CMD ? __qxUsbGetLe32(&block->report[QX_USB_IO_REQUEST]) : PIC_HID_SEND_REPORT;
+    if (!__qxUsbIsQuiet(code, request)) {
+        __qxUsbTrace(block->report);
+    }
+    // Once: the callers poll these requests themselves.
+    if (platformSys.ioctl(M.fd, request, block) != 0) {
+        const int err = errno;
+        evm_log(6, QX_USB_LOG_SOURCE, __LINE__, "qxUsbRawIoctCmd: ioctl(%d) failed - '%s'",
+                static_cast<int32_t>(request), std::strerror(err));
+        return -1;
+    }
+    return 0;
+}
+
+uint8_t qxUsbGetNextSeqNumber()
+{
+    return ++M.seqNum;
+}
+
+void resetUsb()
+{
+    if (M.fd >= 0) {
+        __qxUsbCloseNode();
+        platformSys.system("rmmod picdev");
+        platformSys.usleep(QX_USB_MODULE_SLEEP_US);
+    }
+    platformSys.usbInit();
+    platformSys.usbFindBusses();
+    platformSys.usbFindDevices();
+    for (struct usb_bus *bus = platformSys.usbGetBusses(); bus != nullptr; bus = bus->next) {
+        for (struct usb_device *dev = bus->devices; dev != nullptr; dev = dev->next) {
+            const uint32_t id = (uint32_t{dev->descriptor.idProduct} << 16) | dev->descriptor.idVendor;
+            if (id != QX_USB_PIC_USB_ID) {
+                continue;
+            }
+            usb_dev_handle *handle = platformSys.usbOpen(dev);
+            if (handle == nullptr) {
+                continue; // another process may hold it; the module reload still follows
+            }
+            evm_log(6, QX_USB_LOG_SOURCE, __LINE__, "resetUsb: resetting PIC");
+            platformSys.usbReset(handle);
+            platformSys.usbClose(handle);
+        }
+    }
+    platformSys.system("modprobe picdev");
+    platformSys.usleep(QX_USB_MODULE_SLEEP_US);
+}
+
+qxUsbState qxUsbGetState()
+{
+    return {M.fd, M.seqNum, M.errCnt};
+}

@@ -11,6 +11,9 @@ using usbMgmtHandler = int32_t (*)(qxUsbBlock &cmd, qxUsbBlock &resp);
 constexpr int32_t USB_MGMT_UNKNOWN_FUNCTION = 8;
 constexpr size_t USB_MGMT_TABLE_SIZE = 64;
 
+// Drive bays of the host-held tables: 0-9 and 15-22 exist, 10-14 never do.
+constexpr size_t USB_MGMT_BAY_COUNT = 23;
+
 // Dispatches one request by cmd[0]; codes above 63 give 8 untouched.
 int32_t usbMgmtCmd(qxUsbBlock &cmd, qxUsbBlock &resp);
 
