@@ -13,6 +13,8 @@ constexpr uint32_t QX_FILE_DIGEST_SIZE = 32;
 constexpr int32_t QX_FILE_BAD_ROW = 1;
 constexpr int32_t QX_FILE_ERROR = 5;
 
+constexpr const char *QX_FILE_LOG_SOURCE = "qxFile";
+
 int32_t qxFileInit(const char *path);
 const uint8_t *qxFileGetData();
 void qxFileGetMd5AndLen(int32_t *len, uint8_t *digest);
@@ -20,3 +22,9 @@ uint32_t strToH(const char *s, int32_t len);
 int32_t qxFileAddData(uint32_t address, int32_t count, const char *hex, int32_t *offset);
 void qxFileDumpData();
 void dumpMd5Digest(const uint8_t *digest);
+
+// For tests and tools only: forgets a loaded image so that the next
+// qxFileInit loads again (the service loads once per process and keeps that
+// image). Restores the state the process starts with: not loaded, image,
+// digest and length all zero.
+void qxFileReset();

@@ -33,7 +33,6 @@ constexpr size_t SIM_PROGRAM_COUNT = 5;
 constexpr size_t SIM_PROGRAM_MAX_DATA = QX_REPORT_SIZE - 6;
 
 // Where the driver finds the packet of a PIC32 PROGRAM / PROGRAM_DONE request.
-constexpr size_t SIM_IO_REQUEST = 3;
 constexpr size_t SIM_IO_ADDRESS = 12;
 
 constexpr const char *SIM_BOARD_INFO = "SIM BOARD REV A";
