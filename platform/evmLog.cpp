@@ -1,6 +1,7 @@
 #include "evmLog.h"
 
 #include <cstdio>
+#include <csignal>
 #include <cstring>
 #include <syslog.h>
 #include <unistd.h>
@@ -48,6 +49,12 @@ extern "C" void evm_log(int level, const char *source, int line, const char *for
     if (!m.echo) {
         return;
     }
+    // The exit handler logs from signal context; syslog() holds a lock, so a signal landing inside it
+    // here would deadlock the handler. Keep signals out while this line goes out.
+    sigset_t all;
+    sigset_t previous;
+    sigfillset(&all);
+    sigprocmask(SIG_BLOCK, &all, &previous);
     // One write per line so lines from a child and its parent never interleave.
     char out[EVM_LOG_LINE_MAX + 128];
     int outLen = snprintf(out, sizeof out, "tarnhold[%d] <%d> %s:%d: %s\n", static_cast<int>(getpid()),
@@ -63,4 +70,5 @@ extern "C" void evm_log(int level, const char *source, int line, const char *for
     }
     int prio = level <= 0 ? LOG_INFO : level >= 6 ? LOG_ERR : level >= 4 ? LOG_WARNING : LOG_NOTICE;
     syslog(prio, "%s:%d: %s", source, line, text);
+    sigprocmask(SIG_SETMASK, &previous, nullptr);
 }
