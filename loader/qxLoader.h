@@ -7,6 +7,8 @@
 
 #include <cstdint>
 
+constexpr const char *QX_LOADER_LOG_SOURCE = "qxLoader";
+
 constexpr uint8_t QX_PRODUCT_ID_APPLICATION = 17;
 constexpr uint8_t QX_PRODUCT_ID_BOOTLOADER = 18;
 constexpr int QX_SLOT_FIRMWARE = 4;
@@ -14,6 +16,13 @@ constexpr int QX_SLOT_CPLD = 9;
 constexpr int QX_SLOT_PLATFORM = 10;
 constexpr uint32_t QX_STORED_NUM_MAX = 48;
 constexpr uint32_t QX_PACKET_DATA_SIZE = 56;
+constexpr size_t QX_LOADER_FILE_NAME_MIN = 34; // longest firmware path and its NUL
+static_assert(QX_PACKET_DATA_SIZE <= 64 - 6, "PROGRAM_DEVICE data must fit behind the 6-byte header");
+
+// The driver is asked for room before every chunk; a busy driver is polled
+// again after this wait, at most this many times in a row.
+constexpr uint32_t QX_PROGRAM_POLL_WAIT_US = 50000;
+constexpr uint32_t QX_PROGRAM_POLL_MAX = 600;
 
 // Stored value slot exchange: byte offsets inside a GET/SET_FLASH_VAL report.
 constexpr size_t QX_SLOT_BYTE_SLOT = 3;
@@ -34,6 +43,12 @@ int32_t qxLoaderGetClientFileName(char *fileName);
 int32_t __qxLoaderGetPicClientFileNameFromPlatform(const char *platformStr, char *fileName);
 int32_t qxLoaderGetPlatform();
 int32_t qxLoaderGenericCmd(uint8_t *block);
+
+// The number of image bytes per PROGRAM_DEVICE packet: 0 until qxLoaderInit
+// settles it on its first pass. qxLoaderSetPacketDataSize settles it the same
+// way, for a programming run outside the start-up upgrade (tests, benchmark).
+uint32_t qxLoaderGetPacketDataSize();
+void qxLoaderSetPacketDataSize();
 
 // Device search, firmware identity, bootloader commands and programming.
 int32_t __qxLoaderFindUsbDev();

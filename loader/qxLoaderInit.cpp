@@ -1,0 +1,95 @@
+// The start-up upgrade: bring the microcontroller to the application whose
+// image has been loaded, through its bootloader when needed.
+#include "qxFile.h"
+#include "qxLoader.h"
+
+#include "evmLog.h"
+#include "sysSeam.h"
+
+#include <cstring>
+
+namespace {
+
+constexpr useconds_t QX_LOADER_BEFORE_BOOTLOADER_US = 2000000;
+constexpr size_t QX_LOADER_INVALIDATED_BYTES = 10;
+
+// Slot 4 must answer before anything is decided: two rounds of three tries.
+bool __qxLoaderProbeFirmwareRecord()
+{
+    uint32_t len = 0;
+    uint8_t digest[QX_STORED_NUM_MAX] = {};
+    return qxLoaderGetStoredHash(&len, digest) == 0 || qxLoaderGetStoredHash(&len, digest) == 0;
+}
+
+// Slot 4 gets the image's length and digest, the digest's first 10 bytes
+// replaced by 0xFF when `invalidate` is set.
+void __qxLoaderStoreImageRecord(bool invalidate)
+{
+    int32_t len = 0;
+    uint8_t digest[QX_FILE_DIGEST_SIZE] = {};
+    qxFileGetMd5AndLen(&len, digest);
+    if (invalidate) {
+        memset(digest, 0xFF, QX_LOADER_INVALIDATED_BYTES);
+    }
+    // Not looked at: the next pass's checks decide.
+    qxLoaderSetHash(len, digest);
+}
+
+} // namespace
+
+int32_t qxLoaderInit(int32_t forceUpgrade)
+{
+    // Every change of the microcontroller's state ends in a fresh pass. The
+    // passes have no bound, so they loop here and keep nothing from one pass
+    // to the next.
+    for (;;) {
+        evm_log(1, QX_LOADER_LOG_SOURCE, __LINE__, "qxLoaderInit: forceUpgrade=%d", forceUpgrade);
+
+        int32_t rc = __qxLoaderFindUsbDev();
+        if (rc != 0) {
+            evm_log(0, QX_LOADER_LOG_SOURCE, __LINE__,
+                    "QX_TRACE_PRINTF-qxLoaderInit():: Error Finding QX_HID_DEVICE *****************");
+            return rc;
+        }
+        qxLoaderSetPacketDataSize();
+
+        if (!__qxLoaderProbeFirmwareRecord()) {
+            // A microcontroller that cannot answer a slot read is wedged
+            // somewhere between application and bootloader.
+            evm_log(6, QX_LOADER_LOG_SOURCE, __LINE__, "qxLoaderInit: resetting USB device!");
+            resetUsb();
+            continue;
+        }
+
+        if (qxLoaderVerifyApplicationCode(0) == 0 && qxLoaderIsHidApplication() == 1) {
+            return 0;
+        }
+
+        // Slot 4 is made to describe the image before the application goes.
+        qxLoaderVerifyApplicationCode(1);
+
+        if (qxLoaderIsHidBootloader() == 0) {
+            // Slot 4 now describes the image, which is not in flash yet: until
+            // it is, the slot must not match, or a switch cut short would
+            // leave the old application passing the check.
+            __qxLoaderStoreImageRecord(true);
+            platformSys.usleep(QX_LOADER_BEFORE_BOOTLOADER_US);
+            qxLoaderGotoBootLoader();
+            // A go command that went out has already closed the link through
+            // the USB reset; one that could not be sent leaves it open, and
+            // the next search would open the node again over it.
+            qxUsbCleanUp();
+            forceUpgrade = 0;
+            continue;
+        }
+
+        evm_log(0, QX_LOADER_LOG_SOURCE, __LINE__, "QX_TRACE_PRINTF-Upgrading HID Application.....");
+        qxLoaderEraseApplication();
+        // Not looked at: a broken run is caught by the next pass.
+        qxLoaderProgram();
+        __qxLoaderStoreImageRecord(false);
+        qxLoaderGotoApplication();
+        qxUsbCleanUp();
+        forceUpgrade = 0;
+    }
+}
