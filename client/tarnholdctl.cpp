@@ -1,1 +1,434 @@
-int main() { return 0; }
+// tarnholdctl: sends one request to the tarnhold daemon and prints the reply.
+#include "evmLog.h"
+#include "qxFile.h"
+#include "qxLoader.h"
+#include "tarnholdClient.h"
+#include "tarnholdCtlText.h"
+#include "uniqueFd.h"
+
+#include <array>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <string>
+#include <string_view>
+#include <unistd.h>
+
+namespace {
+
+// Exit statuses; the usage text lists them.
+enum tarnholdCtlExit : int {
+    CTL_EXIT_OK = 0,            // result 0 (firmware-check: the stored firmware is the file's)
+    CTL_EXIT_RESULT = 1,        // the daemon answered with a non-zero result
+    CTL_EXIT_USAGE = 2,         // bad command line
+    CTL_EXIT_TRANSPORT = 3,     // no daemon, no reply in time, or a failed system call
+    CTL_EXIT_FIRMWARE_FILE = 4, // firmware-check: the file does not load
+    CTL_EXIT_DIFFERS = 5,       // firmware-check: the stored firmware differs from the file
+};
+
+constexpr size_t CTL_FIRST_ARG_BYTE = QX_REPORT_PAYLOAD;
+constexpr size_t CTL_XML_DETECT_BAYS = 23;
+constexpr size_t CTL_MD5_SIZE = 16;
+
+struct tarnholdCtlContext {
+    bool json = false;
+    bool verbose = false;
+    tarnholdClientParams params;
+};
+
+using tarnholdCtlHandler = int (*)(tarnholdCtlContext &ctx, int argc, char **argv);
+
+struct tarnholdCtlCommand {
+    const char *name;
+    tarnholdCtlHandler handler;
+    const char *args;
+    const char *help;
+};
+
+// What a subcommand adds to the printed reply.
+struct tarnholdCtlDecoded {
+    std::string text;
+    std::string json; // a JSON value, or empty
+};
+
+bool __ctlValidBay(uint8_t bay) { return bay <= 9 || (bay >= 15 && bay <= 22); }
+
+int __ctlUsageError(const std::string &message)
+{
+    fprintf(stderr, "tarnholdctl: %s (tarnholdctl --help)\n", message.c_str());
+    return CTL_EXIT_USAGE;
+}
+
+// Bytes from the command line into cmd from byte 3 on.
+bool __ctlFillBytes(usbDaemonRequest &record, int argc, char **argv, size_t maxBytes)
+{
+    if (static_cast<size_t>(argc) > maxBytes) {
+        __ctlUsageError("too many bytes");
+        return false;
+    }
+    for (int i = 0; i < argc; ++i) {
+        auto value = tarnholdCtlParseByte(argv[i]);
+        if (!value) {
+            __ctlUsageError(std::string("not a byte: ") + argv[i]);
+            return false;
+        }
+        record.cmd[CTL_FIRST_ARG_BYTE + static_cast<size_t>(i)] = *value;
+    }
+    return true;
+}
+
+// 0, or CTL_EXIT_TRANSPORT after saying why.
+int __ctlExchange(const tarnholdCtlContext &ctx, usbDaemonRequest &record)
+{
+    int rc = tarnholdClientExchange(record, ctx.params);
+    if (rc == 0) {
+        return 0;
+    }
+    fprintf(stderr, "tarnholdctl: %s\n", tarnholdClientLastError());
+    if (ctx.json) {
+        printf("{\"error\":%s,\"errno\":%d,\"noDaemon\":%s}\n", tarnholdCtlJsonString(tarnholdClientLastError()).c_str(),
+               -rc, tarnholdClientIsNoDaemon(rc) ? "true" : "false");
+    }
+    return CTL_EXIT_TRANSPORT;
+}
+
+int __ctlPrintReply(const tarnholdCtlContext &ctx, const usbDaemonRequest &reply, const tarnholdCtlDecoded &decoded,
+                    bool blocks)
+{
+    if (ctx.json) {
+        std::string out = "{\"result\":" + std::to_string(reply.result) +
+                          ",\"resultText\":" + tarnholdCtlJsonString(tarnholdCtlResultText(reply.result)) +
+                          ",\"cmd\":" + tarnholdCtlBlockJson(reply.cmd) + ",\"resp\":" + tarnholdCtlBlockJson(reply.resp);
+        if (!decoded.json.empty()) {
+            out += ",\"decoded\":" + decoded.json;
+        }
+        printf("%s}\n", out.c_str());
+    } else {
+        printf("result: %d (%s)\n", reply.result, tarnholdCtlResultText(reply.result));
+        if (reply.result == USB_DAEMON_RESULT_OK) {
+            printf("%s", decoded.text.c_str());
+        }
+        if (blocks || ctx.verbose) {
+            printf("%s%s", tarnholdCtlBlockText("cmd ", reply.cmd).c_str(),
+                   tarnholdCtlBlockText("resp", reply.resp).c_str());
+        }
+    }
+    return reply.result == USB_DAEMON_RESULT_OK ? CTL_EXIT_OK : CTL_EXIT_RESULT;
+}
+
+// One request of `code` with the given bytes; prints both blocks.
+int __ctlSendBlocks(tarnholdCtlContext &ctx, uint8_t code, int argc, char **argv)
+{
+    usbDaemonRequest record = {};
+    record.cmd[QX_REPORT_CODE] = code;
+    if (!__ctlFillBytes(record, argc, argv, record.cmd.size() - CTL_FIRST_ARG_BYTE)) {
+        return CTL_EXIT_USAGE;
+    }
+    int rc = __ctlExchange(ctx, record);
+    return rc != 0 ? rc : __ctlPrintReply(ctx, record, {}, true);
+}
+
+int __ctlRaw(tarnholdCtlContext &ctx, int argc, char **argv)
+{
+    if (argc < 1) {
+        return __ctlUsageError("raw needs a CODE");
+    }
+    auto code = tarnholdCtlParseByte(argv[0]);
+    if (!code) {
+        return __ctlUsageError(std::string("not a code: ") + argv[0]);
+    }
+    return __ctlSendBlocks(ctx, *code, argc - 1, argv + 1);
+}
+
+int __ctlCmd(tarnholdCtlContext &ctx, int argc, char **argv)
+{
+    if (argc < 1) {
+        return __ctlUsageError("cmd needs a command name or number");
+    }
+    auto code = tarnholdCtlLookupCode(argv[0]);
+    if (!code) {
+        return __ctlUsageError(std::string("no such command: ") + argv[0]);
+    }
+    return __ctlSendBlocks(ctx, *code, argc - 1, argv + 1);
+}
+
+// Codes 30, 31, 32: one bay number in byte 3.
+int __ctlBayRequest(tarnholdCtlContext &ctx, int argc, char **argv, uint8_t code)
+{
+    if (argc != 1) {
+        return __ctlUsageError("one BAY is needed");
+    }
+    auto bay = tarnholdCtlParseByte(argv[0]);
+    if (!bay) {
+        return __ctlUsageError(std::string("not a bay number: ") + argv[0]);
+    }
+    usbDaemonRequest record = {};
+    record.cmd[QX_REPORT_CODE] = code;
+    record.cmd[CTL_FIRST_ARG_BYTE] = *bay;
+    int rc = __ctlExchange(ctx, record);
+    if (rc != 0) {
+        return rc;
+    }
+    tarnholdCtlDecoded decoded;
+    if (code == QX_HID_CMD_GET_FORCE_SHUT_DOWN_IND) {
+        uint8_t bayBack = record.resp[CTL_FIRST_ARG_BYTE];
+        uint8_t indicator = record.resp[CTL_FIRST_ARG_BYTE + 1];
+        decoded.text = "bay " + std::to_string(bayBack) + ": force-shutdown indicator " + std::to_string(indicator) + "\n";
+        decoded.json = "{\"bay\":" + std::to_string(bayBack) + ",\"indicator\":" + std::to_string(indicator) + "}";
+    } else {
+        const char *done = code == QX_HID_CMD_FORCE_DRIVE_BAY_SHUT_DOWN ? "shut down" : "resumed";
+        decoded.text = "bay " + std::to_string(*bay) + ": " + done + "\n";
+        decoded.json = "{\"bay\":" + std::to_string(*bay) + "}";
+    }
+    return __ctlPrintReply(ctx, record, decoded, false);
+}
+
+int __ctlBayShutdown(tarnholdCtlContext &ctx, int argc, char **argv)
+{
+    return __ctlBayRequest(ctx, argc, argv, QX_HID_CMD_FORCE_DRIVE_BAY_SHUT_DOWN);
+}
+
+int __ctlBayResume(tarnholdCtlContext &ctx, int argc, char **argv)
+{
+    return __ctlBayRequest(ctx, argc, argv, QX_HID_CMD_RESUME_DRIVE_BAY_OPERATION);
+}
+
+int __ctlBayIndicator(tarnholdCtlContext &ctx, int argc, char **argv)
+{
+    return __ctlBayRequest(ctx, argc, argv, QX_HID_CMD_GET_FORCE_SHUT_DOWN_IND);
+}
+
+int __ctlXmlDetectSet(tarnholdCtlContext &ctx, int argc, char **argv)
+{
+    if (argc < 1) {
+        return __ctlUsageError("xml-detect-set needs bytes for bay 0 on");
+    }
+    usbDaemonRequest record = {};
+    record.cmd[QX_REPORT_CODE] = QX_HID_CMD_SET_XML_DAEMON_DETECT;
+    if (!__ctlFillBytes(record, argc, argv, CTL_XML_DETECT_BAYS)) {
+        return CTL_EXIT_USAGE;
+    }
+    int rc = __ctlExchange(ctx, record);
+    return rc != 0 ? rc : __ctlPrintReply(ctx, record, {}, false);
+}
+
+int __ctlXmlDetectGet(tarnholdCtlContext &ctx, int argc, char **)
+{
+    if (argc != 0) {
+        return __ctlUsageError("xml-detect-get takes no arguments");
+    }
+    usbDaemonRequest record = {};
+    record.cmd[QX_REPORT_CODE] = QX_HID_CMD_GET_XML_DAEMON_DETECT;
+    int rc = __ctlExchange(ctx, record);
+    if (rc != 0) {
+        return rc;
+    }
+    tarnholdCtlDecoded decoded;
+    decoded.json = "{";
+    for (uint8_t bay = 0; bay < CTL_XML_DETECT_BAYS; ++bay) {
+        if (!__ctlValidBay(bay)) {
+            continue;
+        }
+        uint8_t value = record.resp[CTL_FIRST_ARG_BYTE + bay];
+        char line[32];
+        snprintf(line, sizeof line, "bay %2u: 0x%02x\n", bay, value);
+        decoded.text += line;
+        decoded.json += (decoded.json.size() > 1 ? ",\"" : "\"") + std::to_string(bay) + "\":" + std::to_string(value);
+    }
+    decoded.json += "}";
+    return __ctlPrintReply(ctx, record, decoded, false);
+}
+
+// 0 with `slot` read, else the exit status to end with.
+int __ctlReadSlot(tarnholdCtlContext &ctx, uint8_t slotNumber, usbDaemonRequest &record)
+{
+    record = {};
+    record.cmd[QX_REPORT_CODE] = QX_HID_CMD_GET_FLASH_VAL;
+    record.cmd[QX_SLOT_BYTE_SLOT] = slotNumber;
+    return __ctlExchange(ctx, record);
+}
+
+int __ctlSlotRead(tarnholdCtlContext &ctx, int argc, char **argv)
+{
+    if (argc != 1) {
+        return __ctlUsageError("one SLOT is needed");
+    }
+    auto slot = tarnholdCtlParseByte(argv[0]);
+    if (!slot) {
+        return __ctlUsageError(std::string("not a slot number: ") + argv[0]);
+    }
+    usbDaemonRequest record;
+    int rc = __ctlReadSlot(ctx, *slot, record);
+    if (rc != 0) {
+        return rc;
+    }
+    tarnholdCtlSlot value = tarnholdCtlDecodeSlot(record.resp);
+    return __ctlPrintReply(ctx, record, {tarnholdCtlSlotText(*slot, value), tarnholdCtlSlotJson(*slot, value)}, false);
+}
+
+void __ctlLogToStderr(int, const char *source, int, const char *text) { fprintf(stderr, "%s: %s\n", source, text); }
+void __ctlLogDrop(int, const char *, int, const char *) {}
+
+// Loads the file the way the service does; its digest line goes to stderr,
+// since stdout carries our own output.
+int32_t __ctlLoadFirmware(const char *path, bool verbose)
+{
+    evmLogSetSink(verbose ? __ctlLogToStderr : __ctlLogDrop);
+    fflush(stdout);
+    uniqueFd savedStdout(dup(STDOUT_FILENO));
+    if (verbose) {
+        dup2(STDERR_FILENO, STDOUT_FILENO);
+    } else {
+        uniqueFd devNull(open("/dev/null", O_WRONLY | O_CLOEXEC));
+        dup2(devNull.valid() ? devNull.get() : STDERR_FILENO, STDOUT_FILENO);
+    }
+    int32_t rc = qxFileInit(path);
+    fflush(stdout);
+    if (savedStdout.valid()) {
+        dup2(savedStdout.get(), STDOUT_FILENO);
+    }
+    evmLogSetSink(nullptr);
+    return rc;
+}
+
+int __ctlFirmwareCheck(tarnholdCtlContext &ctx, int argc, char **argv)
+{
+    if (argc != 1) {
+        return __ctlUsageError("firmware-check needs one FILE");
+    }
+    int32_t loaded = __ctlLoadFirmware(argv[0], ctx.verbose);
+    if (loaded != 0) {
+        fprintf(stderr, "tarnholdctl: %s does not load as firmware (result %d)\n", argv[0], loaded);
+        if (ctx.json) {
+            printf("{\"error\":%s,\"loadResult\":%d}\n", tarnholdCtlJsonString("firmware file does not load").c_str(),
+                   loaded);
+        }
+        return CTL_EXIT_FIRMWARE_FILE;
+    }
+    int32_t fileLen = 0;
+    std::array<uint8_t, QX_FILE_DIGEST_SIZE> digest = {};
+    qxFileGetMd5AndLen(&fileLen, digest.data());
+
+    usbDaemonRequest record;
+    int rc = __ctlReadSlot(ctx, QX_SLOT_FIRMWARE, record);
+    if (rc != 0) {
+        return rc;
+    }
+    if (record.result != USB_DAEMON_RESULT_OK) {
+        return __ctlPrintReply(ctx, record, {}, false);
+    }
+    tarnholdCtlSlot stored = tarnholdCtlDecodeSlot(record.resp);
+    // The same test as the service's: length and the 16 MD5 bytes.
+    bool current = stored.valid && stored.len >= CTL_MD5_SIZE && stored.word0 == static_cast<uint32_t>(fileLen) &&
+                   memcmp(stored.data.data(), digest.data(), CTL_MD5_SIZE) == 0;
+    const char *verdict = current ? "current" : "differs";
+    std::string fileMd5 = tarnholdCtlHex(digest.data(), CTL_MD5_SIZE);
+    if (ctx.json) {
+        printf("{\"verdict\":\"%s\",\"file\":{\"path\":%s,\"length\":%d,\"md5\":\"%s\"},\"stored\":%s}\n", verdict,
+               tarnholdCtlJsonString(argv[0]).c_str(), fileLen, fileMd5.c_str(),
+               tarnholdCtlSlotJson(QX_SLOT_FIRMWARE, stored).c_str());
+    } else {
+        printf("file: length %d (0x%x)\nfile md5: %s\nstored %s%s\n", fileLen, static_cast<unsigned>(fileLen),
+               fileMd5.c_str(), tarnholdCtlSlotText(QX_SLOT_FIRMWARE, stored).c_str(), verdict);
+    }
+    return current ? CTL_EXIT_OK : CTL_EXIT_DIFFERS;
+}
+
+constexpr std::array<tarnholdCtlCommand, 10> CTL_COMMANDS = {{
+    {"raw", __ctlRaw, "CODE [BYTE...]", "send code CODE with BYTEs from byte 3; print both blocks"},
+    {"cmd", __ctlCmd, "NAME|CODE [BYTE...]", "the same by command name (QX_HID_CMD_SET_LEDS or set-leds)"},
+    {"bay-shutdown", __ctlBayShutdown, "BAY", "force drive bay BAY to shut down"},
+    {"bay-resume", __ctlBayResume, "BAY", "resume drive bay BAY"},
+    {"bay-indicator", __ctlBayIndicator, "BAY", "read the force-shutdown indicator of BAY"},
+    {"xml-detect-set", __ctlXmlDetectSet, "BYTE...", "set the XML daemon detect bytes of bay 0 on"},
+    {"xml-detect-get", __ctlXmlDetectGet, "", "read the XML daemon detect bytes"},
+    {"slot-read", __ctlSlotRead, "SLOT", "read stored value slot SLOT (10: platform, 4: firmware)"},
+    {"firmware-check", __ctlFirmwareCheck, "FILE", "compare firmware file FILE with the stored firmware"},
+    {"help", nullptr, "", "this text"},
+}};
+
+void __ctlUsage(FILE *out)
+{
+    fprintf(out, "Usage: tarnholdctl [--json] [--verbose] [--timeout SECONDS] [--fifo PATH] COMMAND [ARGS]\n\n");
+    for (const auto &c : CTL_COMMANDS) {
+        fprintf(out, "  %-15s %-20s %s\n", c.name, c.args, c.help);
+    }
+    fprintf(out, "  %-15s %-20s %s\n", "<name>", "[BYTE...]", "a command's short name: cmd <name>");
+    fprintf(out, "\nBYTE, CODE, BAY, SLOT: decimal or 0x hex, 0 to 255.\n"
+                 "--json prints one JSON object; --timeout defaults to %d s; --fifo names the request FIFO "
+                 "(default %s).\n\n"
+                 "Exit status: 0 result 0 (firmware-check: current), 1 non-zero result, 2 usage,\n"
+                 "3 no daemon / no reply / system error, 4 firmware file does not load, 5 firmware differs.\n",
+            TARNHOLD_CLIENT_TIMEOUT_MS / 1000, USB_DAEMON_FIFO);
+}
+
+// Global options; the index of the command word, or -1 with `exitStatus` set.
+int __ctlParseOptions(tarnholdCtlContext &ctx, int argc, char **argv, int &exitStatus)
+{
+    int i = 1;
+    for (; i < argc && strncmp(argv[i], "--", 2) == 0; ++i) {
+        std::string_view opt = argv[i];
+        if (opt == "--json") {
+            ctx.json = true;
+        } else if (opt == "--verbose") {
+            ctx.verbose = true;
+        } else if (opt == "--help") {
+            __ctlUsage(stdout);
+            exitStatus = CTL_EXIT_OK;
+            return -1;
+        } else if ((opt == "--timeout" || opt == "--fifo") && i + 1 < argc) {
+            const char *value = argv[++i];
+            if (opt == "--fifo") {
+                ctx.params.requestFifo = value;
+                continue;
+            }
+            char *end = nullptr;
+            double seconds = strtod(value, &end);
+            if (end == value || *end != '\0' || !(seconds >= 0) || seconds > 86400) {
+                exitStatus = __ctlUsageError(std::string("bad timeout: ") + value);
+                return -1;
+            }
+            ctx.params.timeoutMs = static_cast<int>(std::lround(seconds * 1000));
+        } else {
+            exitStatus = __ctlUsageError(std::string("unknown option: ") + argv[i]);
+            return -1;
+        }
+    }
+    if (i >= argc) {
+        __ctlUsage(stderr);
+        exitStatus = CTL_EXIT_USAGE;
+        return -1;
+    }
+    return i;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    tarnholdCtlContext ctx;
+    int exitStatus = CTL_EXIT_OK;
+    int at = __ctlParseOptions(ctx, argc, argv, exitStatus);
+    if (at < 0) {
+        return exitStatus;
+    }
+    std::string_view word = argv[at];
+    int restArgc = argc - at - 1;
+    char **restArgv = argv + at + 1;
+    for (const auto &c : CTL_COMMANDS) {
+        if (word == c.name) {
+            if (c.handler == nullptr) {
+                __ctlUsage(stdout);
+                return CTL_EXIT_OK;
+            }
+            return c.handler(ctx, restArgc, restArgv);
+        }
+    }
+    // A command's own name or short alias works without "cmd".
+    if (!tarnholdCtlParseByte(word) && tarnholdCtlLookupCode(word)) {
+        return __ctlCmd(ctx, argc - at, argv + at);
+    }
+    return __ctlUsageError(std::string("unknown command: ") + argv[at]);
+}
