@@ -36,6 +36,27 @@ public:
         }
         return out;
     }
+    // The texts one module logged, in order.
+    std::vector<std::string> textsFrom(const std::string &source) const
+    {
+        std::vector<std::string> out;
+        for (const auto &l : lines()) {
+            if (l.source == source) {
+                out.push_back(l.text);
+            }
+        }
+        return out;
+    }
+    // The level of the first line with this text; -1 when there is none.
+    int levelOf(const std::string &text) const
+    {
+        for (const auto &l : lines()) {
+            if (l.text == text) {
+                return l.level;
+            }
+        }
+        return -1;
+    }
     bool contains(const std::string &text) const
     {
         for (const auto &l : lines()) {
