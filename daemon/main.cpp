@@ -216,16 +216,21 @@ void __mainReply()
         evm_log(0, MAIN_SOURCE, __LINE__, "fdClient: %d - '%s'", -1, strerror(ENAMETOOLONG));
         return;
     }
-    // Opened first and checked after (a FIFO, or a symbolic link to one), so
-    // the check cannot race with a swap of the path. O_NOCTTY: a terminal
-    // named here never becomes the daemon's controlling terminal.
+    // Anything but a FIFO is never opened (opening a device node can have side
+    // effects); the open is checked again after, so a swap of the path in
+    // between still cannot redirect the reply. O_NOCTTY: a terminal named here
+    // never becomes the daemon's controlling terminal.
+    struct stat st = {};
+    if (stat(path, &st) == 0 && !S_ISFIFO(st.st_mode)) {
+        evm_log(0, MAIN_SOURCE, __LINE__, "fdClient: %d - '%s'", -1, MAIN_REPLY_NOT_FIFO);
+        return;
+    }
     uniqueFd client(open(path, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     m.fdClient = client.get();
     if (!client.valid()) {
         evm_log(0, MAIN_SOURCE, __LINE__, "fdClient: %d - '%s'", m.fdClient, strerror(errno));
         return;
     }
-    struct stat st = {};
     if (fstat(client.get(), &st) != 0 || !S_ISFIFO(st.st_mode)) {
         m.fdClient = -1;
         evm_log(0, MAIN_SOURCE, __LINE__, "fdClient: %d - '%s'", -1, MAIN_REPLY_NOT_FIFO);

@@ -1,6 +1,6 @@
-// The client exchange against a stand-in daemon that answers from inside the
-// client's own wait, so that every case runs in one process on virtual time.
+// The client exchange's failures on virtual time (the daemon tests run whole exchanges), and tarnholdctl's texts.
 #include "tarnholdClient.h"
+#include "tarnholdCtlText.h"
 #include "uniqueFd.h"
 
 #include <gtest/gtest.h>
@@ -8,213 +8,103 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <dirent.h>
 #include <fcntl.h>
-#include <functional>
-#include <string>
+#include <filesystem>
+#include <fstream>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <vector>
 
 namespace {
 
 struct {
     std::vector<int> pollTimeouts;
-    std::function<void()> onWait; // what the stand-in daemon does while the client waits
-    bool timeOut = false;         // every wait ends without an event
+    int daemonEnd = -1; // the stand-in daemon's end of the request FIFO; -1: it never answers
     uint64_t nowMs = 1000;
 } fake;
 
 int __fakePoll(pollfd *fds, nfds_t count, int timeoutMs)
 {
     fake.pollTimeouts.push_back(timeoutMs);
-    if (fake.onWait) {
-        auto once = std::move(fake.onWait);
-        fake.onWait = nullptr;
-        once();
-    }
-    if (fake.timeOut) {
+    if (fake.daemonEnd < 0) {
         fake.nowMs += uint64_t(timeoutMs);
         return 0;
+    }
+    usbDaemonRequest r;
+    if (read(fake.daemonEnd, &r, sizeof r) == ssize_t(sizeof r)) { // the record came in one write; 100 bytes back
+        uniqueFd reply(open(r.clientFifo, O_WRONLY | O_NONBLOCK));
+        EXPECT_EQ(write(reply.get(), &r, 100), 100);
     }
     return ::poll(fds, count, 0);
 }
 
-uint64_t __fakeMonotonicMs() { return fake.nowMs; }
-
-class tarnholdClientTest : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        fake = {};
-        fake.nowMs = 1000;
-        tarnholdClientSys = {__fakePoll, __fakeMonotonicMs};
-        char dir[] = "/tmp/tarnholdClientTest.XXXXXX";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        dir_ = dir;
-        requestPath_ = dir_ + "/request";
-        replyDir_ = dir_ + "/replies";
-        ASSERT_EQ(mkdir(replyDir_.c_str(), 0700), 0);
-        params_.requestFifo = requestPath_.c_str();
-        params_.tmpDir = replyDir_.c_str();
-        params_.timeoutMs = 2500;
-    }
-    void TearDown() override
-    {
-        tarnholdClientSys = TARNHOLD_CLIENT_SYS_LIBC;
-        EXPECT_TRUE(replyDirEmpty()) << "the reply FIFO and its directory are removed on every path";
-        rmdir(replyDir_.c_str());
-        unlink(requestPath_.c_str());
-        rmdir(dir_.c_str());
-    }
-    void makeRequestFifo()
-    {
-        ASSERT_EQ(mkfifo(requestPath_.c_str(), 0600), 0);
-        daemonEnd_.reset(open(requestPath_.c_str(), O_RDONLY | O_NONBLOCK));
-        ASSERT_TRUE(daemonEnd_.valid());
-    }
-    // The stand-in daemon: takes one record, lets `edit` change it, and writes
-    // `replyLen` bytes of it back.
-    void answerWith(std::function<void(usbDaemonRequest &)> edit, size_t replyLen = sizeof(usbDaemonRequest))
-    {
-        fake.onWait = [this, edit, replyLen] {
-            char bytes[sizeof(usbDaemonRequest) + 1];
-            ASSERT_EQ(read(daemonEnd_.get(), bytes, sizeof bytes), ssize_t(sizeof(usbDaemonRequest)))
-                << "one record in one write";
-            usbDaemonRequest r;
-            memcpy(&r, bytes, sizeof r);
-            received_ = r;
-            edit(r);
-            uniqueFd reply(open(r.clientFifo, O_WRONLY | O_NONBLOCK));
-            ASSERT_TRUE(reply.valid()) << "the client reads its FIFO before it asks";
-            ASSERT_EQ(write(reply.get(), &r, replyLen), ssize_t(replyLen));
-        };
-    }
-    bool replyDirEmpty() const
-    {
-        DIR *d = opendir(replyDir_.c_str());
-        if (d == nullptr) {
-            return false;
-        }
-        int entries = 0;
-        while (dirent *e = readdir(d)) {
-            entries += strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0 ? 1 : 0;
-        }
-        closedir(d);
-        return entries == 0;
-    }
-
-    std::string dir_;
-    std::string requestPath_;
-    std::string replyDir_;
-    tarnholdClientParams params_;
-    uniqueFd daemonEnd_;
-    usbDaemonRequest received_ = {};
-};
-
-TEST_F(tarnholdClientTest, ExchangeSendsOneRecordAndReturnsTheReply)
+TEST(tarnholdClient, FailuresLeaveTheRecordAndNoReplyFifoBehindAndSayWhy)
 {
-    makeRequestFifo();
-    answerWith([](usbDaemonRequest &r) {
-        r.result = 8;
-        r.resp[5] = 0x55;
-    });
-    usbDaemonRequest record = {};
-    memset(record.clientFifo, 'z', sizeof record.clientFifo); // the library's own path replaces it
-    record.result = 99;
-    record.cmd[0] = 200;
-    record.cmd[68] = 0x68;
-    record.padding[1] = 0x77;
-    ASSERT_EQ(tarnholdClientExchange(record, params_), 0) << tarnholdClientLastError();
-
-    std::string sentPath(received_.clientFifo, strnlen(received_.clientFifo, sizeof received_.clientFifo));
-    EXPECT_EQ(sentPath.rfind(replyDir_ + "/tarnhold-client.", 0), 0u) << sentPath;
-    EXPECT_EQ(std::count(received_.clientFifo, received_.clientFifo + sizeof received_.clientFifo, '\0'),
-              ssize_t(sizeof received_.clientFifo - sentPath.size()))
-        << "the field is NUL-padded";
-    EXPECT_EQ(received_.result, 0);
-    EXPECT_EQ(received_.cmd[0], 200);
-    EXPECT_EQ(received_.cmd[68], 0x68);
-    EXPECT_EQ(received_.padding[1], 0x77);
-
-    EXPECT_EQ(record.result, 8);
-    EXPECT_EQ(record.resp[5], 0x55);
-    EXPECT_EQ(record.cmd[68], 0x68);
-    EXPECT_STREQ(tarnholdClientLastError(), "");
+    std::string dir = "/tmp/tarnholdClientTest.XXXXXX";
+    ASSERT_NE(mkdtemp(dir.data()), nullptr);
+    std::string request = dir + "/request", replies = dir + "/replies", deep = dir + "/" + std::string(90, 'd');
+    ASSERT_TRUE(std::filesystem::create_directory(replies) && std::filesystem::create_directory(deep));
+    tarnholdClientSys = {__fakePoll, [] { return fake.nowMs; }};
+    usbDaemonRequest record, before;
+    memset(&record, 0x77, sizeof record), before = record;
+    auto fails = [&](int rc, const std::string &text, const std::string &tmpDir) {
+        fake.pollTimeouts.clear();
+        EXPECT_EQ(tarnholdClientExchange(record, {2500, request.c_str(), tmpDir.c_str()}), rc) << text;
+        EXPECT_EQ(std::string(tarnholdClientLastError()).rfind(text, 0), 0u) << tarnholdClientLastError();
+        EXPECT_EQ(tarnholdClientIsNoDaemon(rc), rc == -ENOENT || rc == -ENXIO);
+        EXPECT_EQ(memcmp(&record, &before, sizeof record), 0) << text;
+        EXPECT_TRUE(std::filesystem::is_empty(tmpDir)) << "the reply FIFO and its folder are removed on every path";
+    };
+    fails(-ENOENT, "no daemon: " + request + " does not exist", replies);
+    fails(-ENAMETOOLONG, "reply FIFO path longer than 99 bytes: ", deep);
+    std::ofstream{request};
+    fails(-EINVAL, request + " is not a FIFO", replies);
+    EXPECT_EQ(std::filesystem::file_size(request), 0u) << "nothing is written into a non-FIFO";
+    std::filesystem::remove(request);
+    ASSERT_EQ(mkfifo(request.c_str(), 0600), 0);
+    fails(-ENXIO, "no daemon reads " + request, replies);
+    uniqueFd daemonEnd(fake.daemonEnd = open(request.c_str(), O_RDONLY | O_NONBLOCK));
+    fails(-EPROTO, "the reply FIFO closed after 100 of 244 bytes", replies);
+    fake.daemonEnd = -1;
+    fails(-ETIMEDOUT, "timed out waiting for the reply", replies);
+    EXPECT_EQ(fake.pollTimeouts, std::vector<int>{2500}) << "the wait gets the whole timeout";
+    tarnholdClientSys = TARNHOLD_CLIENT_SYS_LIBC;
+    std::filesystem::remove_all(dir);
 }
 
-TEST_F(tarnholdClientTest, NoDaemonIsAClearErrorAndLeavesTheRecordAlone)
+TEST(tarnholdCtlText, BytesAreDecimalOr0xHexUpTo255AndCommandsGoByNumberNameOrAlias)
 {
-    usbDaemonRequest record = {};
-    record.cmd[0] = 24;
-    usbDaemonRequest before = record;
-
-    int rc = tarnholdClientExchange(record, params_);
-    EXPECT_EQ(rc, -ENOENT);
-    EXPECT_TRUE(tarnholdClientIsNoDaemon(rc));
-    EXPECT_EQ(std::string(tarnholdClientLastError()), "no daemon: " + requestPath_ + " does not exist");
-    EXPECT_EQ(memcmp(&record, &before, sizeof record), 0);
-    EXPECT_TRUE(replyDirEmpty());
-
-    ASSERT_EQ(mkfifo(requestPath_.c_str(), 0600), 0); // there, but nobody reads it
-    rc = tarnholdClientExchange(record, params_);
-    EXPECT_EQ(rc, -ENXIO);
-    EXPECT_TRUE(tarnholdClientIsNoDaemon(rc));
-    EXPECT_EQ(std::string(tarnholdClientLastError()), "no daemon reads " + requestPath_);
-    EXPECT_TRUE(replyDirEmpty());
-
-    unlink(requestPath_.c_str());
-    { uniqueFd f(open(requestPath_.c_str(), O_WRONLY | O_CREAT, 0600)); }
-    rc = tarnholdClientExchange(record, params_);
-    EXPECT_EQ(rc, -EINVAL);
-    EXPECT_FALSE(tarnholdClientIsNoDaemon(rc));
-    EXPECT_EQ(std::string(tarnholdClientLastError()), requestPath_ + " is not a FIFO");
-    struct stat st = {};
-    ASSERT_EQ(stat(requestPath_.c_str(), &st), 0);
-    EXPECT_EQ(st.st_size, 0) << "nothing is written into a non-FIFO";
+    EXPECT_TRUE(tarnholdCtlParseByte("255") == 255 && tarnholdCtlParseByte("0XfF") == 255 &&
+                tarnholdCtlParseByte("010") == 10) << "a leading zero is not octal";
+    for (const char *bad : {"", "256", "0x100", "-1", "+1", "0x", "1a", "ff", " 1", "1 ", "0x0g"}) {
+        EXPECT_FALSE(tarnholdCtlParseByte(bad).has_value()) << "'" << bad << "'";
+    }
+    for (const char *set : {"QX_HID_CMD_SET_LEDS", "qx_hid_cmd_set_leds", "set-leds", "0x18", "24"}) {
+        EXPECT_EQ(tarnholdCtlLookupCode(set), 24) << set;
+    }
+    EXPECT_FALSE(tarnholdCtlLookupCode("set_leds").has_value() || tarnholdCtlLookupCode("leds").has_value());
 }
 
-TEST_F(tarnholdClientTest, NoReplyWithinTheTimeoutEndsTheWait)
+TEST(tarnholdCtlText, RepliesShowTheCodeNameAll69BytesAndTheSlotValuesUpTo48Bytes)
 {
-    makeRequestFifo();
-    fake.timeOut = true;
-    usbDaemonRequest record = {};
-    int rc = tarnholdClientExchange(record, params_);
-    EXPECT_EQ(rc, -ETIMEDOUT);
-    EXPECT_FALSE(tarnholdClientIsNoDaemon(rc));
-    EXPECT_STREQ(tarnholdClientLastError(), "timed out waiting for the reply");
-    EXPECT_EQ(fake.pollTimeouts, std::vector<int>{2500});
+    qxUsbBlock block = {24, 7, 0xFF};
+    block[68] = 0xAB;
+    std::string text = tarnholdCtlBlockText("resp", block);
+    EXPECT_EQ(text.substr(0, text.find('\n')), "resp QX_HID_CMD_SET_LEDS (24) seq 7 status 255");
+    EXPECT_NE(text.find("\n  00: 18 07 ff 00"), std::string::npos);
+    EXPECT_TRUE(text.ends_with("\n  40: 00 00 00 00 ab\n")) << text;
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 6);
 
-    // The time spent before the wait counts against the same deadline.
-    fake.pollTimeouts.clear();
-    params_.timeoutMs = 0;
-    EXPECT_EQ(tarnholdClientExchange(record, params_), -ETIMEDOUT);
-    EXPECT_EQ(fake.pollTimeouts, std::vector<int>{0});
-}
-
-TEST_F(tarnholdClientTest, AReplyShorterThanARecordIsRefused)
-{
-    makeRequestFifo();
-    answerWith([](usbDaemonRequest &r) { r.result = 0; }, 100);
-    usbDaemonRequest record = {};
-    record.cmd[0] = 200;
-    usbDaemonRequest before = record;
-    EXPECT_EQ(tarnholdClientExchange(record, params_), -EPROTO);
-    EXPECT_STREQ(tarnholdClientLastError(), "the reply FIFO closed after 100 of 244 bytes");
-    EXPECT_EQ(memcmp(&record, &before, sizeof record), 0);
-}
-
-TEST_F(tarnholdClientTest, AReplyPathThatDoesNotFitTheRecordIsRefused)
-{
-    std::string deep = replyDir_ + "/" + std::string(90, 'd');
-    ASSERT_EQ(mkdir(deep.c_str(), 0700), 0);
-    params_.tmpDir = deep.c_str();
-    makeRequestFifo();
-    usbDaemonRequest record = {};
-    EXPECT_EQ(tarnholdClientExchange(record, params_), -ENAMETOOLONG);
-    char pending[8];
-    EXPECT_EQ(read(daemonEnd_.get(), pending, sizeof pending), 0) << "nothing was sent";
-    rmdir(deep.c_str());
+    // A slot read: words 0x53000 and 2 from byte 4, the length 3 at byte 12, the data after it.
+    qxUsbBlock resp = {0, 0, 0, 0, 0, 0x30, 0x05, 0, 0x02, 0, 0, 0, 3, 'a', '"', 0x01};
+    tarnholdCtlSlot slot = tarnholdCtlDecodeSlot(resp);
+    EXPECT_TRUE(slot.valid && slot.word0 == 0x53000u && slot.word1 == 2u && slot.len == 3);
+    EXPECT_EQ(tarnholdCtlSlotText(10, slot), "platform: a\"\\x01\n");
+    EXPECT_EQ(tarnholdCtlSlotText(4, slot), "firmware length: 339968 (0x53000)\nmd5: 612201\n");
+    EXPECT_EQ(tarnholdCtlSlotText(7, slot), "word0: 0x00053000\nword1: 0x00000002\nlength: 3\ndata: 612201\n");
+    resp[12] = 48;
+    EXPECT_TRUE(tarnholdCtlDecodeSlot(resp).valid);
+    resp[12] = 49; // more than a slot holds: nothing in it is trusted
+    EXPECT_EQ(tarnholdCtlSlotText(4, tarnholdCtlDecodeSlot(resp)), "slot 4: empty (length byte 49)\n");
 }
 
 } // namespace

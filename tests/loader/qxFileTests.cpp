@@ -1,11 +1,11 @@
-// The firmware image loader on hand-made HEX files: record rules, the image
-// end and length, the digest, the fixed log and digest lines.
+// The firmware image loader: record rules on hand-made HEX files, and files
+// that srec_cat, objcopy and real PIC32 projects wrote, held against
+// srec_cat's picture of the flash range and md5sum's digest.
 #include "qxFile.h"
 
 #include "logCapture.h"
 
 #include <gtest/gtest.h>
-#include <openssl/evp.h>
 
 #include <algorithm>
 #include <array>
@@ -13,72 +13,76 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
+#include <numeric>
+#include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace {
 
 using bytes = std::vector<uint8_t>;
 
-constexpr const char *EOF_RECORD = ":00000001FF";
-const std::string TRACE_FF_ROW = " ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff";
+const std::string END = ":00000001FF";
+const std::string FF_ROW = "QX_TRACE_FILE- ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff ff";
+const std::string NO_COLON = "QX_TRACE_PRINTF-ERROR: no leading ':' in row";
+const std::string CHECKSUM = "QX_TRACE_PRINTF-ERROR: Checksum error";
+const std::string SHORT = "QX_TRACE_PRINTF-ERROR: short row: "; // a record shorter than its count
+const std::string HEX_DIR = std::string(TARNHOLD_TESTDATA) + "/hex/";
 
-std::string hexByte(uint32_t value, bool lower)
+std::string hexByte(uint32_t value)
 {
     char text[3];
-    snprintf(text, sizeof text, lower ? "%02x" : "%02X", value & 0xFF);
+    snprintf(text, sizeof text, "%02X", value & 0xFF);
     return text;
 }
 
-// One record with a correct checksum, without its line end.
-std::string record(uint8_t type, uint16_t address, const bytes &data, bool lower = false)
+// One record with a correct checksum.
+std::string record(uint8_t type, uint16_t address, const bytes &data)
 {
-    uint32_t sum = static_cast<uint32_t>(data.size()) + (address >> 8) + (address & 0xFF) + type;
-    std::string text = ":" + hexByte(static_cast<uint32_t>(data.size()), lower) + hexByte(address >> 8, lower) +
-                       hexByte(address, lower) + hexByte(type, lower);
+    const auto n = static_cast<uint32_t>(data.size());
+    std::string text = ":" + hexByte(n) + hexByte(address >> 8) + hexByte(address) + hexByte(type);
+    uint32_t sum = n + (address >> 8) + address + type;
     for (uint8_t b : data) {
-        text += hexByte(b, lower);
+        text += hexByte(b);
         sum += b;
     }
-    return text + hexByte(0x100 - (sum & 0xFF), lower);
+    return text + hexByte(0x100 - (sum & 0xFF));
 }
 
-std::string upper(uint16_t value, bool lower = false)
+std::string upper(uint16_t value)
 {
-    return record(4, 0, {static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)}, lower);
+    return record(4, 0, {static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)});
 }
 
-std::string lines(const std::vector<std::string> &rows, const std::string &eol = "\n")
+std::string lines(const std::vector<std::string> &rows)
 {
-    std::string text;
-    for (const auto &row : rows) {
-        text += row + eol;
-    }
-    return text;
+    return std::accumulate(rows.begin(), rows.end(), std::string(), [](auto t, auto &row) { return t + row + "\n"; });
 }
 
 bytes counting(size_t n, uint8_t first = 0)
 {
     bytes data(n);
-    for (size_t i = 0; i < n; ++i) {
-        data[i] = static_cast<uint8_t>(first + i);
-    }
+    std::iota(data.begin(), data.end(), first);
     return data;
 }
 
-std::array<uint8_t, 16> md5Of(const bytes &data)
+bytes readBytes(const std::string &path)
 {
-    std::array<uint8_t, 16> digest{};
-    unsigned int len = 0;
-    EXPECT_EQ(EVP_Digest(data.data(), data.size(), digest.data(), &len, EVP_md5(), nullptr), 1);
-    return digest;
+    std::ifstream in(path, std::ios::binary);
+    return bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-class QxFileTest : public ::testing::Test {
+void writeBytes(const std::string &path, const bytes &data)
+{
+    std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char *>(data.data()), std::ssize(data));
+}
+
+class qxFileTest : public testing::Test {
 protected:
     void SetUp() override
     {
-        qxFileReset();
         char pattern[] = "/tmp/qxFileTest.XXXXXX";
         ASSERT_NE(mkdtemp(pattern), nullptr);
         dir = pattern;
@@ -89,53 +93,73 @@ protected:
         qxFileReset();
     }
 
-    std::string write(const std::string &content)
+    std::string path(const std::string &name) const { return dir + "/" + name; }
+    void run(const std::string &command) const
     {
-        std::string path = dir + "/f" + std::to_string(files++) + ".hex";
-        std::ofstream(path, std::ios::binary) << content;
-        return path;
+        ASSERT_EQ(std::system(("cd " + dir + " && " + command).c_str()), 0) << command;
     }
-    int32_t loadPath(const std::string &path)
+    // Loads the file, by default as a fresh process would; keeps standard output.
+    int32_t loadPath(const std::string &file, bool fresh = true)
     {
+        if (fresh) {
+            qxFileReset();
+        }
         log.clear();
-        ::testing::internal::CaptureStdout();
-        int32_t result = qxFileInit(path.c_str());
-        out = ::testing::internal::GetCapturedStdout();
-        return result;
+        testing::internal::CaptureStdout();
+        const int32_t rc = qxFileInit(file.c_str());
+        out = testing::internal::GetCapturedStdout();
+        return rc;
     }
-    int32_t load(const std::string &content) { return loadPath(write(content)); }
+    int32_t load(const std::string &text, bool fresh = true)
+    {
+        const std::string file = path("f" + std::to_string(files++) + ".hex");
+        std::ofstream(file, std::ios::binary) << text;
+        return loadPath(file, fresh);
+    }
 
     bytes image() const { return bytes(qxFileGetData(), qxFileGetData() + QX_FLASH_SIZE); }
-    int32_t dataLen() const
+    // The held length and MD5 (lower-case hex); the second half of the digest field stays zero.
+    static std::string held()
     {
-        int32_t len = -7;
-        std::array<uint8_t, 32> digest{};
-        qxFileGetMd5AndLen(&len, digest.data());
-        return len;
-    }
-    std::array<uint8_t, 32> digest() const
-    {
-        int32_t len = 0;
-        std::array<uint8_t, 32> digest;
+        int32_t len = -1;
+        std::array<uint8_t, QX_FILE_DIGEST_SIZE> digest;
         digest.fill(0xAA);
         qxFileGetMd5AndLen(&len, digest.data());
-        return digest;
+        EXPECT_TRUE(std::all_of(digest.begin() + 16, digest.end(), [](uint8_t b) { return b == 0; }));
+        std::string text = std::to_string(len) + " ";
+        for (size_t i = 0; i < 16; ++i) {
+            text += "0123456789abcdef"[digest[i] >> 4];
+            text += "0123456789abcdef"[digest[i] & 15];
+        }
+        return text;
     }
-    // The MD5 the module should hold for its first len image bytes.
-    void expectDigestOverImage(int32_t len) const
+    // What held() should say: md5sum over the first `len` bytes of the flash range, zeros behind it.
+    std::string md5Of(bytes data, int32_t len) const
     {
-        bytes covered(qxFileGetData(), qxFileGetData() + len);
-        auto expected = md5Of(covered);
-        auto held = digest();
-        EXPECT_TRUE(std::equal(expected.begin(), expected.end(), held.begin()));
+        data.resize(static_cast<size_t>(len), 0);
+        writeBytes(path("md5.bin"), data);
+        run("md5sum md5.bin > md5.txt");
+        const bytes sum = readBytes(path("md5.txt"));
+        return std::to_string(len) + " " + std::string(sum.begin(), sum.begin() + std::min<size_t>(32, sum.size()));
     }
-    std::vector<std::string> logTexts() const { return log.texts(); }
-    // The lines written when reading stopped with the image all erased.
-    static std::vector<std::string> erasedTrace()
+    // Image, length and digest against srec_cat's picture of the flash range.
+    void expectLikeTools(const std::string &file, int32_t len)
     {
-        std::vector<std::string> trace{"QX_TRACE_FILE-Bin File:"};
-        trace.insert(trace.end(), 8, "QX_TRACE_FILE-" + TRACE_FF_ROW);
-        return trace;
+        SCOPED_TRACE(file);
+        ASSERT_EQ(loadPath(path(file)), 0);
+        run("srec_cat -disable-sequence-warnings " + file +
+            " -intel -crop 0x1D010000 0x1D063000 -offset -0x1D010000 -fill 0xFF 0 0x53000 -o flash.bin -binary");
+        const bytes flash = readBytes(path("flash.bin"));
+        EXPECT_TRUE(image() == flash);
+        EXPECT_EQ(held(), md5Of(flash, len));
+        EXPECT_EQ(log.texts().size(), 9u) << "the trace only";
+    }
+    void writeRandom(const std::string &name, size_t size, uint32_t seed) const
+    {
+        std::mt19937 gen(seed);
+        bytes data(size);
+        std::generate(data.begin(), data.end(), [&gen] { return static_cast<uint8_t>(gen()); });
+        writeBytes(path(name), data);
     }
 
     std::string dir;
@@ -144,381 +168,145 @@ protected:
     std::string out;
 };
 
-TEST_F(QxFileTest, ThreeRecordFileDigestsItsSixteenBytesAndErasedFillWithExactLines)
+TEST_F(qxFileTest, threeRecordFileGivesLength64AndExactTraceAndDigestLines)
 {
-    ASSERT_EQ(load(lines({upper(0x1D01), record(0, 0, counting(16)), EOF_RECORD})), 0);
-
-    bytes img = image();
-    EXPECT_TRUE(std::equal(img.begin(), img.begin() + 16, counting(16).begin()));
-    EXPECT_TRUE(std::all_of(img.begin() + 16, img.end(), [](uint8_t b) { return b == 0xFF; }));
-    EXPECT_EQ(dataLen(), 64);
-
-    const std::array<uint8_t, 16> expected{0xEE, 0x72, 0xE8, 0xFB, 0x5B, 0x36, 0xB0, 0x8E,
-                                           0x91, 0x15, 0xE2, 0xA8, 0x45, 0xBD, 0xD2, 0xCC};
-    auto held = digest();
-    EXPECT_TRUE(std::equal(expected.begin(), expected.end(), held.begin()));
-    EXPECT_TRUE(std::all_of(held.begin() + 16, held.end(), [](uint8_t b) { return b == 0; }))
-        << "bytes 16 to 31 of the digest field stay zero";
-
-    EXPECT_EQ(out, "Md5 Digest: EE72 E8FB 5B36 B08E 9115 E2A8 45BD D2CC \r\n");
-    EXPECT_EQ(out.size(), 54u);
-
-    std::vector<std::string> trace{"QX_TRACE_FILE-Bin File:",
-                                   "QX_TRACE_FILE- 00 01 02 03 04 05 06 07 08 09 0a 0b 0c 0d 0e 0f"};
-    trace.insert(trace.end(), 7, "QX_TRACE_FILE-" + TRACE_FF_ROW);
-    EXPECT_EQ(logTexts(), trace);
-    for (const auto &line : logCapture::lines()) {
-        EXPECT_EQ(line.level, 0);
-        EXPECT_EQ(line.source, "qxFile");
-    }
-}
-
-TEST_F(QxFileTest, LowerCaseDigitsAreAcceptedEverywhereAndGiveTheSameImage)
-{
-    const bytes data = counting(32, 0xA0);
-    ASSERT_EQ(load(lines({upper(0x1D01), record(0, 0x1230, data), EOF_RECORD}, "\r\n")), 0);
-    const bytes upperImage = image();
-    const auto upperDigest = digest();
-
-    qxFileReset();
-    ASSERT_EQ(load(lines({upper(0x1d01, true), record(0, 0x1230, data, true), ":00000001ff"})), 0);
-    EXPECT_EQ(image(), upperImage);
-    EXPECT_EQ(digest(), upperDigest);
-    EXPECT_EQ(dataLen(), 0x1280);
-    EXPECT_EQ(image()[0x1230], 0xA0);
-}
-
-TEST_F(QxFileTest, StrToHWeighsDigitsFromTheLastAndFlagsAnyOtherCharacter)
-{
-    EXPECT_EQ(strToH("1D01", 4), 0x1D01u);
-    EXPECT_EQ(strToH("fF", 2), 0xFFu);
-    EXPECT_EQ(strToH("12345678", 8), 0x12345678u);
-    EXPECT_EQ(strToH("9123456789", 10), 0x23456789u) << "32-bit arithmetic drops the high digits";
-    EXPECT_EQ(strToH("10xyz", 2), 0x10u) << "only len characters are read";
-    EXPECT_EQ(strToH("G", 0), 0u);
-    EXPECT_EQ(strToH("G", -1), 0u);
-    EXPECT_TRUE(logTexts().empty());
-
-    EXPECT_EQ(strToH("1x\r\n", 2), 0xFFFFFFFFu);
-    EXPECT_EQ(strToH("1", 2), 0xFFFFFFFFu) << "the end of the text is not a digit";
-    EXPECT_EQ(strToH(" 1", 2), 0xFFFFFFFFu);
-    EXPECT_EQ(logTexts(), (std::vector<std::string>{
-                              "QX_TRACE_PRINTF-ERROR: not a hex value: 1x\r\n, length: 2",
-                              "QX_TRACE_PRINTF-ERROR: not a hex value: 1, length: 2",
-                              "QX_TRACE_PRINTF-ERROR: not a hex value:  1, length: 2",
-                          }));
-}
-
-TEST_F(QxFileTest, RecordOf93BytesFitsOneReadAnd94BytesLeavesItsLineEndAsARow)
-{
-    ASSERT_EQ(load(lines({upper(0x1D01), record(0, 0, counting(93)), EOF_RECORD}, "\r\n")), 0);
-    EXPECT_EQ(image()[92], 92);
-    EXPECT_EQ(image()[93], 0xFF);
-    EXPECT_EQ(dataLen(), 128);
-
-    qxFileReset();
-    EXPECT_EQ(load(lines({upper(0x1D01), record(0, 0, counting(94)), EOF_RECORD})), 1);
-    EXPECT_EQ(logTexts(), std::vector<std::string>{"QX_TRACE_PRINTF-ERROR: no leading ':' in row"});
-    EXPECT_EQ(out, "");
-}
-
-TEST_F(QxFileTest, RecordsOutsideTheFlashRangeAreSkippedWholeWithoutAMessage)
-{
-    const bytes data = counting(16, 0x40);
-    ASSERT_EQ(load(lines({
-                  upper(0x1D01),
-                  record(0, 0x0000, counting(16)),
-                  upper(0x1D00),
-                  record(0, 0xFFF8, data), // straddles the start
-                  upper(0x0000),
-                  record(0, 0x0100, bytes(16, 0)), // low RAM
-                  upper(0x1D06),
-                  record(0, 0x2FF0, data), // ends exactly at the end of the range: placed
-                  record(0, 0x2FF8, data), // straddles the end
-                  record(0, 0x3000, data), // behind the range
-                  upper(0xFFFF),
-                  record(0, 0xFFF8, data), // its end wraps past 2^32
-                  EOF_RECORD,
-              })),
-              0);
-    bytes img = image();
+    ASSERT_EQ(load(lines({upper(0x1D01), record(0, 0, counting(16)), END})), 0);
     bytes expected(QX_FLASH_SIZE, 0xFF);
-    std::copy_n(counting(16).begin(), 16, expected.begin());
-    std::copy_n(data.begin(), 16, expected.begin() + 0x52FF0);
-    EXPECT_EQ(img, expected);
-    // The placed record at 0x52FF0 ends the image; the three skipped 16-byte
-    // records behind it keep that end.
-    EXPECT_EQ(dataLen(), 0x53000);
-    expectDigestOverImage(0x53000);
-    EXPECT_EQ(logTexts().size(), 9u) << "only the Bin File trace";
-}
-
-TEST_F(QxFileTest, AddDataPlacesOnlyWholeRecordsAndWritesTheOffsetOnlyWhenInRange)
-{
-    ASSERT_EQ(load(lines({upper(0x1D01), record(0, 0, {1}), EOF_RECORD})), 0);
-    log.clear();
-
-    int32_t offset = 1234;
-    EXPECT_EQ(qxFileAddData(0x1D00FFFF, 2, "AABB", &offset), 0);
-    EXPECT_EQ(qxFileAddData(0x1D062FFF, 2, "AABB", &offset), 0);
-    EXPECT_EQ(qxFileAddData(0xFFFFFFF0, 0x20, "AABB", &offset), 0);
-    EXPECT_EQ(offset, 1234) << "a skipped record leaves the offset alone";
-
-    EXPECT_EQ(qxFileAddData(0x1D063000, 0, "", &offset), 0);
-    EXPECT_EQ(offset, 0x53000);
-    EXPECT_EQ(qxFileAddData(0x1D010010, 3, "0a0B0c", &offset), 0);
-    EXPECT_EQ(offset, 0x10);
-    EXPECT_EQ(image()[0x10], 0x0A);
-    EXPECT_EQ(image()[0x12], 0x0C);
-    EXPECT_TRUE(logTexts().empty());
-
-    // A bad pair stops the record; the bytes before it stay written.
-    EXPECT_EQ(qxFileAddData(0x1D010020, 3, "11zz33", &offset), 5);
-    EXPECT_EQ(image()[0x20], 0x11);
-    EXPECT_EQ(image()[0x21], 0xFF);
-    EXPECT_EQ(image()[0x22], 0xFF);
-    // A text shorter than the count is not read past its end.
-    EXPECT_EQ(qxFileAddData(0x1D010030, 4, "44", &offset), 5);
-    EXPECT_EQ(image()[0x30], 0x44);
-    EXPECT_EQ(logTexts(), (std::vector<std::string>{
-                              "QX_TRACE_PRINTF-ERROR: not a hex value: zz33, length: 2",
-                              "QX_TRACE_PRINTF-ERROR: not a hex value: , length: 2",
-                          }));
-}
-
-TEST_F(QxFileTest, SkippedRecordsRaiseTheImageEndBehindTheLastPlacedRecord)
-{
-    // 16 bytes at 0x30 end at 0x40; a skipped 32-byte record counts from 0x30.
-    ASSERT_EQ(load(lines({upper(0x1D01), record(0, 0x30, counting(16)), upper(0x1FC0), record(0, 0, counting(32)),
-                          EOF_RECORD})),
-              0);
-    EXPECT_EQ(dataLen(), 0x80);
-    EXPECT_EQ(image()[0x40], 0xFF) << "the skipped record writes nothing";
-    expectDigestOverImage(0x80);
-
-    // Before the first placed record the skipped one counts from offset 0.
-    qxFileReset();
-    ASSERT_EQ(load(lines({record(0, 0x100, counting(80)), upper(0x1D01), record(0, 0, counting(16)), EOF_RECORD})),
-              0);
-    EXPECT_EQ(dataLen(), 128);
-
-    // Behind a count-0 record at the very end of the range, a skipped record
-    // carries the digest into the zero bytes behind the range.
-    qxFileReset();
-    ASSERT_EQ(load(lines({upper(0x1D01), record(0, 0, {0x5A}), upper(0x1D06), record(0, 0x3000, {}),
-                          upper(0x1FC0), record(0, 0, bytes(93, 0x11)), EOF_RECORD})),
-              0);
-    EXPECT_EQ(dataLen(), 0x53080);
-    bytes covered(0x53080, 0x00);
-    std::fill_n(covered.begin(), QX_FLASH_SIZE, 0xFF);
-    covered[0] = 0x5A;
-    auto expected = md5Of(covered);
-    auto held = digest();
-    EXPECT_TRUE(std::equal(expected.begin(), expected.end(), held.begin()));
-}
-
-TEST_F(QxFileTest, CountZeroDataRecordRaisesTheEndToItsOwnOffset)
-{
-    ASSERT_EQ(load(lines({upper(0x1D01), record(0, 0, counting(16)), record(0, 0x1000, {}), EOF_RECORD})), 0);
-    EXPECT_EQ(dataLen(), 0x1000);
-    expectDigestOverImage(0x1000);
-
-    // Alone at offset 0 it leaves the end at 0: no image.
-    qxFileReset();
-    EXPECT_EQ(load(lines({upper(0x1D01), record(0, 0, {}), EOF_RECORD})), 5);
-    EXPECT_EQ(logTexts(), erasedTrace());
-    EXPECT_EQ(out, "");
-}
-
-TEST_F(QxFileTest, OnlyTypeFourMovesTheUpperAddress)
-{
-    ASSERT_EQ(load(lines({
-                  upper(0x1D01),
-                  record(0, 0x0000, {0x01}),
-                  record(2, 0, {0x10, 0x00}),             // extended segment address
-                  record(0, 0x0010, {0x02}),
-                  record(3, 0, {0x00, 0x00, 0x12, 0x34}), // start segment address
-                  record(5, 0, {0x9D, 0x00, 0x10, 0x00}), // start linear address
-                  record(7, 0, {0x55}),                   // no such type
-                  record(0, 0x0020, {0x03}),
-                  record(4, 0, {}),                       // count 0: upper address 0
-                  record(0, 0x0030, {0x04}),
-                  upper(0x1D01),
-                  record(0, 0x0040, {0x05}),
-                  EOF_RECORD,
-              })),
-              0);
-    bytes img = image();
-    EXPECT_EQ(img[0x00], 0x01);
-    EXPECT_EQ(img[0x10], 0x02);
-    EXPECT_EQ(img[0x20], 0x03);
-    EXPECT_EQ(img[0x30], 0xFF) << "placed at 0x00000030, below the range";
-    EXPECT_EQ(img[0x40], 0x05);
-    EXPECT_EQ(dataLen(), 0x80);
-    EXPECT_EQ(logTexts().size(), 9u);
-}
-
-TEST_F(QxFileTest, UnreadableFieldsGoOnToTheChecksumWhichDecides)
-{
-    // Upper address data "1DZZ" summed as 0x1D and 0xFF: the checksum holds,
-    // the upper address becomes 0xFFFFFFFF and the next data record is skipped.
-    const std::string badUpper = ":020000041DZZ" + hexByte(0x100 - ((2 + 4 + 0x1D + 0xFF) & 0xFF), false);
-    ASSERT_EQ(load(lines({upper(0x1D01), record(0, 0, {0x01}), badUpper, record(0, 0x10, {0x02}), upper(0x1D01),
-                          record(0, 0x20, {0x03}), EOF_RECORD})),
-              0);
-    EXPECT_EQ(image()[0x10], 0xFF);
-    EXPECT_EQ(image()[0x20], 0x03);
-    // Each message shows the text from the field to the end of the row,
-    // its line end included.
-    const std::string checksum = badUpper.substr(13) + "\n";
-    std::vector<std::string> expected{
-        "QX_TRACE_PRINTF-ERROR: not a hex value: ZZ" + checksum + ", length: 2",
-        "QX_TRACE_PRINTF-ERROR: not a hex value: 1DZZ" + checksum + ", length: 4",
-    };
-    std::vector<std::string> logged = logTexts();
-    logged.resize(2);
-    EXPECT_EQ(logged, expected);
-
-    // An unreadable count is -1: the checksum moves to position 7 (here the
-    // type field, 01) over three bytes 0xFF, 0x00, 0x00, so this row ends the file.
-    qxFileReset();
-    ASSERT_EQ(load(lines({upper(0x1D01), record(0, 0, {0x01}), ":ZZ000001", "garbage"})), 0);
-    EXPECT_EQ(dataLen(), 64);
-    EXPECT_EQ(logTexts()[0], "QX_TRACE_PRINTF-ERROR: not a hex value: ZZ000001\n, length: 2");
-
-    // A data byte that is not hex fails the load once its checksum matched.
-    qxFileReset();
-    const std::string badData = ":02001000AAZZ" + hexByte(0x100 - ((2 + 0x10 + 0xAA + 0xFF) & 0xFF), false);
-    EXPECT_EQ(load(lines({upper(0x1D01), badData, EOF_RECORD})), 5);
-    EXPECT_EQ(logTexts(), (std::vector<std::string>{
-                              "QX_TRACE_PRINTF-ERROR: not a hex value: ZZ" + badData.substr(13) + "\n, length: 2",
-                              "QX_TRACE_PRINTF-ERROR: not a hex value: ZZ" + badData.substr(13) + "\n, length: 2",
-                          }));
-    EXPECT_EQ(image()[0x10], 0xAA);
-    EXPECT_EQ(out, "");
-}
-
-TEST_F(QxFileTest, ChecksumMismatchFailsWith5BeforeAnyTrace)
-{
-    std::string bad = record(0, 0, counting(16));
-    bad.back() = bad.back() == '0' ? '1' : '0';
-    EXPECT_EQ(load(lines({upper(0x1D01), bad, EOF_RECORD})), 5);
-    EXPECT_EQ(logTexts(), std::vector<std::string>{"QX_TRACE_PRINTF-ERROR: Checksum error"});
-
-    // An unreadable checksum never matches.
-    qxFileReset();
-    std::string unreadable = record(0, 0, counting(16));
-    unreadable.replace(unreadable.size() - 2, 2, "G0");
-    EXPECT_EQ(load(lines({upper(0x1D01), unreadable, EOF_RECORD})), 5);
-    EXPECT_EQ(logTexts().back(), "QX_TRACE_PRINTF-ERROR: Checksum error");
-}
-
-TEST_F(QxFileTest, RowsWithoutColonFailWith1AndNothingBehindTheEndRecordIsRead)
-{
-    const std::string good = lines({upper(0x1D01), record(0, 0, counting(16))});
-    EXPECT_EQ(load(good + "\n" + EOF_RECORD + "\n"), 1);
-    EXPECT_EQ(logTexts(), std::vector<std::string>{"QX_TRACE_PRINTF-ERROR: no leading ':' in row"});
-    qxFileReset();
-    EXPECT_EQ(load(good + "\r\n" + EOF_RECORD + "\n"), 1);
-    qxFileReset();
-    EXPECT_EQ(load(" " + good + EOF_RECORD + "\n"), 1);
-
-    // A read that yields an empty text (a NUL first) is passed over.
-    qxFileReset();
-    EXPECT_EQ(load(good + std::string("\0junk\n", 6) + EOF_RECORD + "\n"), 0);
-
-    // Behind the end record: blank lines, junk, bad checksums, no line end.
-    qxFileReset();
-    EXPECT_EQ(load(good + EOF_RECORD + "\n\nnot hex\n:10000000FF\n:0"), 0);
-    EXPECT_EQ(dataLen(), 64);
-    EXPECT_EQ(logTexts().size(), 9u);
-
-    // The end record may be the last characters of the file.
-    qxFileReset();
-    EXPECT_EQ(load(good + EOF_RECORD), 0);
-}
-
-TEST_F(QxFileTest, LoadFailsWith5WithoutEndRecordOrFlashDataOrFile)
-{
-    EXPECT_EQ(load(lines({upper(0x1D01), record(0, 0, counting(16))})), 5);
+    std::iota(expected.begin(), expected.begin() + 16, 0);
+    EXPECT_TRUE(image() == expected);
+    EXPECT_EQ(held(), "64 ee72e8fb5b36b08e9115e2a845bdd2cc");
+    EXPECT_EQ(out, "Md5 Digest: EE72 E8FB 5B36 B08E 9115 E2A8 45BD D2CC \r\n");
     std::vector<std::string> trace{"QX_TRACE_FILE-Bin File:",
                                    "QX_TRACE_FILE- 00 01 02 03 04 05 06 07 08 09 0a 0b 0c 0d 0e 0f"};
-    trace.insert(trace.end(), 7, "QX_TRACE_FILE-" + TRACE_FF_ROW);
-    EXPECT_EQ(logTexts(), trace) << "the trace is written before the missing end record fails";
-    EXPECT_EQ(out, "");
-
-    qxFileReset();
-    EXPECT_EQ(load(lines({upper(0x1D00), record(0, 0x0180, counting(16)), upper(0x1FC0), record(0, 0, counting(32)),
-                          EOF_RECORD})),
-              5);
-    EXPECT_EQ(logTexts(), erasedTrace());
-
-    qxFileReset();
-    EXPECT_EQ(load(""), 5);
-    EXPECT_EQ(load(EOF_RECORD), 5);
-
-    qxFileReset();
-    EXPECT_EQ(loadPath(dir + "/missing.hex"), 5);
-    EXPECT_TRUE(logTexts().empty());
-    EXPECT_EQ(loadPath(dir), 5) << "a directory opens but reads nothing";
-    int32_t len = -1;
-    std::array<uint8_t, 32> held;
-    held.fill(0xAA);
-    qxFileGetMd5AndLen(&len, held.data());
-    EXPECT_EQ(len, 0);
-    EXPECT_TRUE(std::all_of(held.begin(), held.end(), [](uint8_t b) { return b == 0; }));
+    trace.insert(trace.end(), 7, FF_ROW);
+    EXPECT_EQ(log.textsFrom(QX_FILE_LOG_SOURCE), trace);
+    EXPECT_EQ(log.levelOf(FF_ROW), 0);
 }
 
-TEST_F(QxFileTest, FirstLoadedImageIsKeptAndAFailedLoadStartsAfreshNextTime)
+TEST_F(qxFileTest, recordsOutsideTheFlashRangeAreSkippedWholeAndOnlyTypeFourMovesTheUpperAddress)
 {
-    // A failed load leaves its bytes in the flash range; the next load erases them.
+    const bytes d = counting(16, 0x40);
+    // "1DZZ" as upper address: the checksum holds, the address becomes -1.
+    const std::string badUpper = ":020000041DZZ" + hexByte(0x100 - ((2 + 4 + 0x1D + 0xFF) & 0xFF));
+    ASSERT_EQ(load(lines({upper(0x1D01), record(0, 0, {1}), record(2, 0, {0x10, 0}), record(0, 0x10, {2}),
+                          record(3, 0, {0, 0, 0x12, 0x34}), record(5, 0, {0x9D, 0, 0x10, 0}), record(7, 0, {0x55}),
+                          record(0, 0x20, {3}), record(4, 0, {}), record(0, 0x30, {4}), badUpper,
+                          record(0, 0x40, {5}), upper(0x1D00), record(0, 0xFFF8, d), upper(0x1D06),
+                          record(0, 0x2FF0, d), record(0, 0x2FF8, d), record(0, 0x3000, d), upper(0xFFFF),
+                          record(0, 0xFFF8, d), END})),
+              0);
+    bytes expected(QX_FLASH_SIZE, 0xFF);
+    std::tie(expected[0], expected[0x10], expected[0x20]) = std::tuple(1, 2, 3);
+    std::copy(d.begin(), d.end(), expected.end() - 16); // ends exactly at the range end
+    EXPECT_TRUE(image() == expected);
+    EXPECT_EQ(held(), md5Of(expected, 0x53000));
+    // The field is shown from its start to the end of the row; a skipped record has no line.
+    EXPECT_EQ(log.texts()[1], "QX_TRACE_PRINTF-ERROR: not a hex value: 1DZZ" + badUpper.substr(13) + "\n, length: 4");
+    EXPECT_EQ(log.texts().size(), 2u + 9u);
+}
+
+TEST_F(qxFileTest, imageEndFollowsPlacedAndSkippedRecordsAndTheDigestCoversItRoundedTo64)
+{
+    const std::tuple<const char *, std::vector<std::string>, int32_t> cases[] = {
+        {"93 bytes and CRLF fit one read", {upper(0x1D01), record(0, 0, counting(93)) + "\r", END}, 128},
+        {"skipped: from the last placed offset",
+         {upper(0x1D01), record(0, 0x30, counting(16)), upper(0x1FC0), record(0, 0, counting(32)), END}, 0x80},
+        {"skipped: before the first placed one from 0",
+         {record(0, 0x100, counting(80)), upper(0x1D01), record(0, 0, counting(16)), END}, 128},
+        {"count 0: its own offset", {upper(0x1D01), record(0, 0, {1}), record(0, 0x1000, {}), END}, 0x1000},
+        {"into the zeros behind the range",
+         {upper(0x1D01), record(0, 0, {1}), upper(0x1D06), record(0, 0x3000, {}), upper(0x1FC0),
+          record(0, 0, bytes(93, 0x11)), END}, 0x53080},
+        {"empty read passed over, nothing behind the end read",
+         {upper(0x1D01), std::string("\0junk", 5), record(0, 0, {1}), END, "", "x", ":10000000FF"}, 64},
+    };
+    for (const auto &[what, rows, len] : cases) {
+        SCOPED_TRACE(what);
+        ASSERT_EQ(load(lines(rows)), 0);
+        EXPECT_EQ(held(), md5Of(image(), len));
+    }
+}
+
+TEST_F(qxFileTest, brokenFilesFailWith1Or5AndTheirLine)
+{
+    const std::string head = upper(0x1D01) + "\n";
+    const std::string tail = "\n" + END + "\n";
+    const std::string good = record(0, 0, counting(16));
+    std::string badSum = good;
+    badSum.back() = badSum.back() == '0' ? '1' : '0';
+    const std::string badData = ":02001000AAZZ" + hexByte(0x100 - ((2 + 0x10 + 0xAA + 0xFF) & 0xFF));
+    const std::tuple<const char *, std::string, int32_t, std::string> cases[] = { // the last line starts so
+        {"checksum", head + badSum + tail, 5, CHECKSUM},
+        {"unreadable checksum", head + good.substr(0, good.size() - 2) + "G0" + tail, 5, CHECKSUM},
+        {"data not hex", head + badData + tail, 5, "QX_TRACE_PRINTF-ERROR: not a hex value: ZZ"},
+        {"blank line", head + good + "\n" + tail, 1, NO_COLON},
+        {"94 bytes leave the line end as a row", head + record(0, 0, counting(94)) + tail, 1, NO_COLON},
+        {"no end record: the trace, then 5", head + good + "\n", 5, FF_ROW},
+        {"empty file", "", 5, FF_ROW},
+        {"nothing in the range", upper(0x1D00) + "\n" + record(0, 0x180, counting(16)) + tail, 5, FF_ROW},
+        {"a count-0 record alone at offset 0", head + record(0, 0, {}) + tail, 5, FF_ROW},
+        {"record cut short", head + good.substr(0, 20) + tail, 5, SHORT},
+        {"cut short at the end of the file", head + good.substr(0, good.size() - 1), 5, SHORT},
+        {"count 200 splits the record across reads", head + record(0, 0, counting(200)) + tail, 5, SHORT},
+    };
+    for (const auto &[what, text, rc, last] : cases) {
+        SCOPED_TRACE(what);
+        EXPECT_EQ(load(text), rc);
+        ASSERT_FALSE(log.texts().empty());
+        EXPECT_EQ(log.texts().back().rfind(last, 0), 0u) << log.texts().back();
+        EXPECT_TRUE(out.empty() && held() == "0 " + std::string(32, '0'));
+    }
+    EXPECT_EQ(loadPath(path("missing.hex")), 5);
+    EXPECT_TRUE(log.texts().empty());
+}
+
+TEST_F(qxFileTest, failedLoadStartsAfreshNextTimeAndTheFirstLoadedImageIsKept)
+{
     EXPECT_EQ(load(lines({upper(0x1D01), record(0, 0x200, counting(16)), "x"})), 1);
-    EXPECT_EQ(image()[0x200], 0);
-    EXPECT_EQ(dataLen(), 0);
-
-    ASSERT_EQ(load(lines({upper(0x1D01), record(0, 0, counting(16)), EOF_RECORD})), 0);
-    EXPECT_EQ(image()[0x200], 0xFF);
-    const bytes firstImage = image();
-    const auto firstDigest = digest();
-
-    EXPECT_EQ(load(lines({upper(0x1D01), record(0, 0, counting(64, 0x80)), EOF_RECORD})), 0);
-    EXPECT_EQ(loadPath(dir + "/missing.hex"), 0);
-    EXPECT_EQ(image(), firstImage);
-    EXPECT_EQ(digest(), firstDigest);
-    EXPECT_EQ(dataLen(), 64);
-    EXPECT_TRUE(logTexts().empty());
-    EXPECT_EQ(out, "");
+    ASSERT_EQ(load(lines({upper(0x1D01), record(0, 0, counting(16)), END}), false), 0);
+    const bytes first = image();
+    EXPECT_EQ(first[0x200], 0xFF) << "the failed load's bytes are erased";
+    const std::string firstHeld = held();
+    EXPECT_EQ(load(lines({upper(0x1D01), record(0, 0, counting(64, 0x80)), END}), false), 0);
+    EXPECT_EQ(loadPath(path("missing.hex"), false), 0);
+    EXPECT_TRUE(image() == first && held() == firstHeld && out.empty());
 }
 
-TEST_F(QxFileTest, RecordsShorterThanTheirCountFailWith5AndNothingPastTheRowIsRead)
+TEST_F(qxFileTest, filesOfSrecCatObjcopyAndRealProjectsLoadLikeSrecCatReadsThem)
 {
-    const std::string head = lines({upper(0x1D01)});
-    const std::string full = record(0, 0, counting(16));
-    for (size_t cut : {1ul, 2ul, 3ul, 8ul, 9ul, 10ul, 20ul, full.size() - 2}) {
-        qxFileReset();
-        EXPECT_EQ(load(head + full.substr(0, cut) + "\n" + EOF_RECORD + "\n"), 5) << "cut at " << cut;
-        EXPECT_EQ(out, "");
-        EXPECT_EQ(logTexts().back().rfind("QX_TRACE_PRINTF-ERROR: short row: ", 0), 0u) << logTexts().back();
-    }
-    // One character short, the line end stands in the checksum field.
-    qxFileReset();
-    EXPECT_EQ(load(head + full.substr(0, full.size() - 1) + "\n" + EOF_RECORD + "\n"), 5);
-    EXPECT_EQ(logTexts().back(), "QX_TRACE_PRINTF-ERROR: Checksum error");
-    // Short as the last characters of the file.
-    qxFileReset();
-    EXPECT_EQ(load(head + full.substr(0, full.size() - 1)), 5);
+    writeRandom("app.bin", 0x20000, 1); // 16-byte records, LF, upper case
+    run("srec_cat app.bin -binary -offset 0x1D010000 -o app.hex -intel -Output_Block_Size 16");
+    expectLikeTools("app.hex", 0x20000);
+    writeRandom("full.bin", QX_FLASH_SIZE, 6); // the whole range; CRLF and a start address record
+    run("objcopy -I binary -O ihex --change-addresses 0x1D010000 full.bin full.hex");
+    expectLikeTools("full.hex", QX_FLASH_SIZE);
 
-    // A count of 95 or more splits the record itself across reads.
-    for (size_t n : {95ul, 200ul, 255ul}) {
-        qxFileReset();
-        EXPECT_EQ(load(lines({upper(0x1D01), record(0, 0, counting(n)), EOF_RECORD})), 5) << n;
+    // 32-byte records, CRLF, lower case: zeros at low addresses, a piece
+    // entering the range from below, one leaving it at the top, and (alone,
+    // so that srec_cat does not align it) a record across 0x1D040000.
+    writeRandom("below.bin", 0x3000, 3);
+    writeRandom("top.bin", 0x200, 5);
+    writeRandom("cross.bin", 0x1020, 4);
+    run("srec_cat -generate 0x100 0x400 -constant 0 below.bin -binary -offset 0x1D00E000 top.bin -binary"
+        " -offset 0x1D062F00 -o mixed.hex -intel -Output_Block_Size 32 -crlf");
+    run("srec_cat cross.bin -binary -offset 0x1D03FFF0 -o cross.hex -intel -Output_Block_Size 32 -crlf");
+    run("grep -v -i '^:00000001FF' mixed.hex | cat - cross.hex | tr A-F a-f > lower.hex");
+    run("grep -q '^:20fff000' lower.hex && grep -q '^:20010000000000' lower.hex"); // across 64 KiB; low zeros
+    expectLikeTools("lower.hex", 0x53000);
+
+    // Real PIC32 files: as they are, none of their data lies in the application range.
+    std::vector<std::string> erased(9, FF_ROW);
+    erased[0] = "QX_TRACE_FILE-Bin File:";
+    for (const char *name : {"HIDBoot_MX795.hex", "Blink440.hex"}) {
+        EXPECT_EQ(loadPath(HEX_DIR + name), 5) << name;
+        EXPECT_EQ(log.texts(), erased) << name;
     }
-    // A NUL inside a record ends the characters read.
-    qxFileReset();
-    std::string withNul = full;
-    withNul[20] = '\0';
-    EXPECT_EQ(load(head + withNul + "\n" + EOF_RECORD + "\n"), 5);
-    EXPECT_EQ(image()[0], 0xFF);
+    // Their own records with only the segment moved to 0x1D01: the
+    // bootloader's 0x1D00 (its boot flash records stay) and KSEG0 0x9D00.
+    run("sed 's/^:020000041[dD]00[dD][dD]/:020000041D01DC/' " + HEX_DIR + "HIDBoot_MX795.hex > boot.hex");
+    expectLikeTools("boot.hex", 0x4A40);
+    run("sed 's/^:020000049D005D/:020000041D01DC/' " + HEX_DIR + "Blink440.hex > blink.hex");
+    expectLikeTools("blink.hex", 0x7640);
 }
 
 } // namespace

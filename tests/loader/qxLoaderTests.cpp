@@ -1,6 +1,6 @@
-// The loader's exchanges on the simulated appliance: platform selection, the
-// send-and-wait exchange, stored value slots and verification, GET_INFO, the
-// go and erase commands, and the device search with its waits.
+// The loader on the simulated appliance, in virtual time: platform selection,
+// the send-and-wait exchange, stored values, GET_INFO, go and erase, the
+// device search, programming and the start-up upgrade.
 #include "qxFile.h"
 #include "qxLoader.h"
 #include "qxUsb.h"
@@ -15,43 +15,144 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
+#include <climits>
 #include <cstring>
+#include <fstream>
 #include <functional>
+#include <numeric>
+#include <set>
 #include <string>
+#include <tuple>
+#include <unistd.h>
 #include <vector>
 
-// Defined in qxLoaderTestSupport.cpp.
-namespace qxLoaderTest {
-using report64 = std::array<uint8_t, QX_REPORT_SIZE>;
-void tapInstall();
-void tapSetBefore(std::function<int(uint32_t, const picHidIoctlArg &)> before);
-void tapSetAfter(std::function<void(uint32_t, picHidIoctlArg &)> after);
-void tapSetOpenFailures(int count);
-int tapOpenAttempts();
-std::vector<uint64_t> tapOpenTimes();
-void tapClear();
-size_t tapCount(uint32_t request);
-std::vector<uint32_t> tapRequests();
-std::vector<report64> tapReports(uint32_t request, int code);
-std::vector<uint8_t> blankImage();
-int32_t loadImage(const std::vector<uint8_t> &image);
-} // namespace qxLoaderTest
-
-using namespace qxLoaderTest;
 using testing::ElementsAre;
 
 namespace {
 
-const char *const BRISKA_FILE = "/usr/sbin/briska-pic-client.hex";
-const char *const TORVA_FILE = "/usr/sbin/torva-pic-client.hex";
-const char *const FALLBACK_FILE = "/usr/sbin/pic-client";
+using bytes = std::vector<uint8_t>;
+using report64 = std::array<uint8_t, QX_REPORT_SIZE>;
+using step = std::pair<uint32_t, uint32_t>; // PROGRAM_DEVICE (address, count), PROGRAM_COMPLETE (0, 0)
+
+constexpr uint32_t CHUNK = QX_PACKET_DATA_SIZE;
+constexpr step COMPLETE{0, 0};
+const char *const TORVA = "/usr/sbin/torva-pic-client.hex";
+const char *const FALLBACK = "/usr/sbin/pic-client";
+const std::string PASS_0 = "qxLoaderInit: forceUpgrade=0";
+const std::string PASS_1 = "qxLoaderInit: forceUpgrade=1";
+const std::string UPGRADING = "QX_TRACE_PRINTF-Upgrading HID Application.....";
+const std::string RESETTING = "qxLoaderInit: resetting USB device!";
+const std::string HASH_FAILED = "qxLoaderGetStoredHash: Failed!";
+const std::string VERIFIED = "qxLoaderVerifyApplicationCode: Verification Success!";
+const std::string NOT_VERIFIED = "qxLoaderVerifyApplicationCode: Verification Failed!";
+const std::string ERASE_MESSAGE = "****ERROR*** SHOULD ERASE FLASH*************, sn->storedNumLen: ";
+
+// Between the loader and the simulated node, for what the model does not
+// record: the blocks handed to the driver, the PROGRAM_DEVICE reports they
+// name, the opens of the node (which fail while it is gone), and a hook that
+// fails a request (an errno before it is issued) or changes the answer (after).
+struct {
+    platformSysOps sim;
+    std::vector<std::pair<uint32_t, report64>> sent;
+    std::vector<report64> packets;
+    std::vector<uint64_t> opens;
+    bool nodeGone;
+    std::function<int(uint32_t, picHidIoctlArg &, bool answered)> hook;
+} wirePrivateMembers;
+auto &W = wirePrivateMembers;
+
+uint64_t blockAddress(const uint8_t *io) // where an IO command names the block whose report goes out
+{
+    uint64_t address;
+    memcpy(&address, &io[12], sizeof address);
+    return address;
+}
+
+int __wireOpen(const char *path, int flags, mode_t mode)
+{
+    const bool node = strcmp(path, QX_USB_DEVICE_PATH) == 0;
+    if (node) {
+        W.opens.push_back(simVirtualNowUs());
+    }
+    if (node && (W.nodeGone || W.opens.size() > 100)) { // an upgrade going round for good ends here
+        errno = ENOENT;
+        return -1;
+    }
+    return W.sim.open(path, flags, mode);
+}
+
+int __wireIoctl(int fd, unsigned long request, void *arg)
+{
+    auto &block = *static_cast<picHidIoctlArg *>(arg);
+    if (const int err = W.hook ? W.hook(request, block, false) : 0; err != 0) {
+        errno = err;
+        return -1;
+    }
+    W.sent.emplace_back(request, report64{});
+    memcpy(W.sent.back().second.data(), block.report, QX_REPORT_SIZE);
+    if (request == PIC_HID_PIC32_PROGRAM) {
+        W.packets.push_back(*reinterpret_cast<const report64 *>(blockAddress(block.report)));
+    }
+    const int rc = W.sim.ioctl(fd, request, arg);
+    if (rc == 0 && W.hook) {
+        W.hook(request, block, true);
+    }
+    return rc;
+}
+
+std::vector<report64> reports(uint32_t request, int code = -1)
+{
+    std::vector<report64> out;
+    for (const auto &[r, report] : W.sent) {
+        if (r == request && (code < 0 || report[QX_REPORT_CODE] == code)) {
+            out.push_back(report);
+        }
+    }
+    return out;
+}
+
+// What the bootloader took, in order.
+std::vector<step> steps()
+{
+    std::vector<step> out;
+    for (const auto &e : simEvents()) {
+        EXPECT_NE(e.kind, simEventKind::PROGRAM_DROPPED) << std::hex << e.address;
+        if (e.kind == simEventKind::PROGRAM || e.kind == simEventKind::COMPLETE) {
+            out.emplace_back(e.address, e.len);
+        }
+    }
+    return out;
+}
+
+auto firstEvent(simEventKind kind, int code = -1)
+{
+    const auto &ev = simEvents();
+    return std::find_if(ev.begin(), ev.end(), [=](auto &e) { return e.kind == kind && (code < 0 || e.code == code); });
+}
+
+void setSlot(int slot, uint32_t word0, uint8_t len, const bytes &data)
+{
+    simSlot s{word0, 0x22222222, len, {}}; // word1 is never the stored length
+    std::copy_n(data.begin(), std::min(data.size(), sizeof s.data), s.data);
+    simSetSlot(slot, s);
+}
+
+bytes imageWith(size_t at, size_t len)
+{
+    bytes image(QX_FLASH_SIZE, 0xFF);
+    std::iota(image.begin() + at, image.begin() + at + len, 1);
+    return image;
+}
 
 class qxLoaderOnSim : public testing::Test {
 protected:
     void SetUp() override
     {
         simInProcessInstall();
-        tapInstall();
+        W = {platformSys, {}, {}, {}, false, nullptr};
+        platformSys.open = __wireOpen;
+        platformSys.ioctl = __wireIoctl;
     }
     void TearDown() override
     {
@@ -59,561 +160,449 @@ protected:
         simInProcessUninstall();
     }
 
-    // Opens the link and forgets what that took.
-    void openLink()
+    void forget()
     {
-        ASSERT_EQ(qxUsbInit(), 0);
-        tapClear();
+        W.sent.clear();
+        W.packets.clear();
+        W.opens.clear();
         simClearEvents();
         simClearSleeps();
         log.clear();
     }
-
-    std::vector<std::string> loaderLines() const
+    void openLink()
+    {
+        ASSERT_EQ(qxUsbInit(), 0);
+        forget();
+    }
+    void loadImage(const bytes &data)
+    {
+        image = data;
+        const std::string bin = testing::TempDir() + "qxLoaderImage" + std::to_string(getpid());
+        std::ofstream(bin, std::ios::binary).write(reinterpret_cast<const char *>(data.data()), std::ssize(data));
+        const std::string toHex = "srec_cat " + bin + " -binary -offset 0x1D010000 -o " + bin + ".hex -intel";
+        ASSERT_EQ(std::system(toHex.c_str()), 0);
+        qxFileReset();
+        testing::internal::CaptureStdout(); // the digest line
+        EXPECT_EQ(qxFileInit((bin + ".hex").c_str()), 0);
+        testing::internal::GetCapturedStdout();
+        unlink(bin.c_str());
+        unlink((bin + ".hex").c_str());
+        qxFileGetMd5AndLen(&imageLen, md5.data());
+        forget();
+    }
+    // Programs the image into a freshly erased bootloader.
+    int32_t program(const bytes &data)
+    {
+        simSetMode(simMode::BOOTLOADER);
+        std::fill(simFlash().begin(), simFlash().end(), 0xFF);
+        qxLoaderSetPacketDataSize();
+        loadImage(data);
+        EXPECT_TRUE(qxUsbGetState().fd >= 0 || qxUsbInit() == 0);
+        forget();
+        return qxLoaderProgram();
+    }
+    // The start-up upgrade's image, optionally with the appliance running it already.
+    void loadApplication(bool installed)
+    {
+        loadImage(imageWith(0x100, 5000));
+        if (installed) {
+            simInstallApplication(image, static_cast<uint32_t>(imageLen));
+        }
+    }
+    bool flashHoldsImage() const { return std::equal(image.begin(), image.end(), simFlash().begin()); }
+    std::vector<std::string> passLines() const // the passes and what happened between them
     {
         std::vector<std::string> out;
-        for (const auto &l : logCapture::lines()) {
-            if (l.source == "qxLoader") {
-                out.push_back(l.text);
+        for (const auto &t : log.texts()) {
+            if (t == PASS_0 || t == PASS_1 || t == UPGRADING || t == RESETTING) {
+                out.push_back(t);
             }
         }
         return out;
     }
+    size_t slotWrites() const { return reports(PIC_HID_SEND_REPORT, QX_HID_CMD_SET_FLASH_VAL).size(); }
 
-    int levelOf(const std::string &text) const
-    {
-        for (const auto &l : logCapture::lines()) {
-            if (l.text == text) {
-                return l.level;
-            }
-        }
-        return -1;
-    }
-
+    bytes image;
+    int32_t imageLen = 0;
+    std::array<uint8_t, QX_FILE_DIGEST_SIZE> md5{};
     logCapture log;
 };
 
-void setSlot(int slot, uint32_t word0, uint32_t word1, uint8_t len, const std::vector<uint8_t> &data)
+TEST_F(qxLoaderOnSim, platformLookupTakesTheFirstTableRowContainedInTheText)
 {
-    simSlot s;
-    s.word0 = word0;
-    s.word1 = word1;
-    s.len = len;
-    std::copy_n(data.begin(), std::min<size_t>(data.size(), sizeof s.data), s.data);
-    simSetSlot(slot, s);
-}
-
-std::vector<uint8_t> counting(size_t n, uint8_t first)
-{
-    std::vector<uint8_t> v(n);
-    for (size_t i = 0; i < n; ++i) {
-        v[i] = static_cast<uint8_t>(first + i);
-    }
-    return v;
-}
-
-// ---- Platform selection ------------------------------------------------------
-
-TEST_F(qxLoaderOnSim, platformSelectionTakesFirstTableRowContainedInTheText)
-{
-    struct row {
-        const char *text;
-        int32_t rc;
-        const char *file;
-        int32_t id;
-    };
-    const row rows[] = {
-        {"HW=BRISKA", 0, BRISKA_FILE, 1},
-        {"HW=TORVA_2X", 0, TORVA_FILE, 3}, // "HW=TORVA" stands first and is contained
-        {"HW=TORVA_10X", 0, TORVA_FILE, 3},
-        {"HW=TORVA_DEFAULT", 0, TORVA_FILE, 2},
+    const std::tuple<const char *, int32_t, const char *, int32_t> rows[] = { // text, result, file, platform
+        {"HW=BRISKA", 0, "/usr/sbin/briska-pic-client.hex", 1},
+        {"HW=TORVA_2X", 0, TORVA, 3}, // "HW=TORVA" stands first and is contained
+        {"HW=TORVA_DEFAULT", 0, TORVA, 2},
+        {"HW=BRISKA HW=MOSSEL", 0, FALLBACK, 0}, // table order, not text order
         {"HW=TORV_TOWER", 0, "/usr/sbin/qx-multi-pic-client.hex", 7},
-        {"HW=RL_LCD", 0, "/usr/sbin/rb-pic-client.hex", 1},
+        {"hw=briska", -1, FALLBACK, 0}, // case counts; no match takes row 0
         {"rev 2;HW=GRENDA_U;sn=42", 0, "/usr/sbin/vantu-pic-client.hex", 1},
-        {"HW=BRISKA HW=MOSSEL", 0, FALLBACK_FILE, 0}, // table order, not text order
-        {"HW=BRISKA", 0, BRISKA_FILE, 1},
-        {"hw=briska", -1, FALLBACK_FILE, 0}, // case-sensitive; no match still sets row 0's id
-        {"", -1, FALLBACK_FILE, 0},
+        {"HW=RL_LCD", 0, "/usr/sbin/rb-pic-client.hex", 1},
     };
-    for (const auto &r : rows) {
+    for (const auto &[text, rc, file, id] : rows) {
         char name[64];
         memset(name, 'x', sizeof name);
-        EXPECT_EQ(__qxLoaderGetPicClientFileNameFromPlatform(r.text, name), r.rc) << r.text;
-        EXPECT_STREQ(name, r.file) << r.text;
-        EXPECT_EQ(qxLoaderGetPlatform(), r.id) << r.text;
+        EXPECT_EQ(__qxLoaderGetPicClientFileNameFromPlatform(text, name), rc) << text;
+        EXPECT_STREQ(name, file) << text;
+        EXPECT_EQ(qxLoaderGetPlatform(), id) << text;
     }
-    EXPECT_TRUE(tapRequests().empty());
 }
 
-TEST_F(qxLoaderOnSim, platformTextIsReadFromSlotTenAndCutAt48Characters)
+TEST_F(qxLoaderOnSim, platformTextIsReadFromSlot10CutAt48AndAFailedReadChangesNothing)
 {
     openLink();
-    simSetPlatformText("HW=TORVA_2X");
     char name[QX_LOADER_FILE_NAME_MIN];
+    const std::string text48 = "HW=TORVA_DEFAULT;" + std::string(31, 'y');
+    setSlot(QX_SLOT_PLATFORM, 0, 200, bytes(text48.begin(), text48.end()));
     EXPECT_EQ(qxLoaderGetClientFileName(name), 0);
-    EXPECT_STREQ(name, TORVA_FILE);
-    EXPECT_EQ(qxLoaderGetPlatform(), 3);
-    EXPECT_TRUE(log.contains("QX_TRACE_PRINTF-platformStr: HW=TORVA_2X"));
-    EXPECT_EQ(levelOf("QX_TRACE_PRINTF-platformStr: HW=TORVA_2X"), 0);
-
-    auto sent = tapReports(PIC_HID_SEND_REPORT, QX_HID_CMD_GET_FLASH_VAL);
-    ASSERT_EQ(sent.size(), 1u);
-    report64 expected{};
-    expected[0] = QX_HID_CMD_GET_FLASH_VAL;
-    expected[1] = sent[0][1];
-    expected[3] = QX_SLOT_PLATFORM;
-    EXPECT_EQ(sent[0], expected);
-
-    // A length byte of 200: only reply bytes 13 to 60 are taken, whatever follows.
-    std::string text48 = "HW=TORVA_DEFAULT;" + std::string(31, 'y');
-    ASSERT_EQ(text48.size(), 48u);
-    std::vector<uint8_t> data(text48.begin(), text48.end());
-    setSlot(QX_SLOT_PLATFORM, 0, 0, 200, data);
-    tapSetAfter([](uint32_t request, picHidIoctlArg &arg) {
-        if (request == PIC_HID_GET_REPORT) {
-            arg.report[61] = arg.report[62] = arg.report[63] = 'Z';
-        }
-    });
-    log.clear();
-    EXPECT_EQ(qxLoaderGetClientFileName(name), 0);
-    EXPECT_STREQ(name, TORVA_FILE);
+    EXPECT_STREQ(name, TORVA);
     EXPECT_EQ(qxLoaderGetPlatform(), 2);
-    EXPECT_TRUE(log.contains("QX_TRACE_PRINTF-platformStr: " + text48));
-    tapSetAfter(nullptr);
-
-    // An empty text matches nothing: row 0 and -1.
-    setSlot(QX_SLOT_PLATFORM, 0, 0, 0, {});
-    EXPECT_EQ(qxLoaderGetClientFileName(name), -1);
-    EXPECT_STREQ(name, FALLBACK_FILE);
-    EXPECT_EQ(qxLoaderGetPlatform(), 0);
-}
-
-TEST_F(qxLoaderOnSim, failedPlatformExchangeLeavesNameAndPlatformAlone)
-{
-    openLink();
-    char name[QX_LOADER_FILE_NAME_MIN];
-    ASSERT_EQ(qxLoaderGetClientFileName(name), 0);
-    ASSERT_EQ(qxLoaderGetPlatform(), 1);
+    EXPECT_EQ(log.levelOf("QX_TRACE_PRINTF-platformStr: " + text48), 0);
 
     strcpy(name, "untouched");
-    simFailIoctl(PIC_HID_SEND_REPORT, EIO, 1);
-    EXPECT_EQ(qxLoaderGetClientFileName(name), 255); // low 8 bits of -1
-    EXPECT_TRUE(log.contains("QX_TRACE_USB-***usb cmd failed***"));
-    EXPECT_EQ(levelOf("QX_TRACE_USB-***usb cmd failed***"), 0);
-
     simSetReplyFault(simReplyFault::WRONG_CODE_SEQ, 1);
     EXPECT_EQ(qxLoaderGetClientFileName(name), 1);
-    EXPECT_STREQ(name, "untouched");
-    EXPECT_EQ(qxLoaderGetPlatform(), 1);
+    simFailIoctl(PIC_HID_SEND_REPORT, EIO, 1);
+    EXPECT_EQ(qxLoaderGetClientFileName(name), 255); // the low 8 bits of -1
+    EXPECT_TRUE(strcmp(name, "untouched") == 0 && qxLoaderGetPlatform() == 2);
 }
 
-// ---- The loader's exchange ---------------------------------------------------
-
-TEST_F(qxLoaderOnSim, exchangeAcceptsOwnSequenceWithinThreeReadsOrOwnCode)
+TEST_F(qxLoaderOnSim, exchangeTakesTheReplyWithItsSequenceWithinThreeReadsOrWithItsOwnCode)
 {
     openLink();
-    auto slotRead = [] {
-        qxUsbBlock b{};
-        b[0] = QX_HID_CMD_GET_FLASH_VAL;
-        b[3] = QX_SLOT_PLATFORM;
-        return b;
+    const std::tuple<const char *, std::function<void()>, int32_t, size_t> cases[] = { // what, fault, result, reads
+        {"echoed at once", [] {}, 0, 1},
+        {"echoed on the third read", [] { simSetReplyDelayReads(2); }, 0, 3},
+        {"never echoed, own code", [] { simSetReplyFault(simReplyFault::WRONG_SEQ, 1); }, 0, 3},
+        {"never echoed, other code", [] { simSetReplyFault(simReplyFault::WRONG_CODE_SEQ, 1); }, 1, 3},
+        {"the last read fails", [] { simFailIoctl(PIC_HID_GET_REPORT, EIO, 3); }, -1, 3},
+        {"the send fails: nothing read", [] { simFailIoctl(PIC_HID_SEND_REPORT, EIO, 1); }, -1, 0},
     };
-
-    // Echoed at once: one read, no wait; the sequence number is written into byte 1.
-    qxUsbBlock b = slotRead();
-    const uint8_t before = qxUsbGetState().seqNum;
-    EXPECT_EQ(qxLoaderGenericCmd(b.data()), 0);
-    EXPECT_EQ(b[1], static_cast<uint8_t>(before + 1));
-    EXPECT_EQ(tapCount(PIC_HID_GET_REPORT), 1u);
-    EXPECT_TRUE(simSleeps().empty());
-
-    // Echoed only on the third read: two 10 ms waits.
-    tapClear();
-    simSetReplyDelayReads(2);
-    b = slotRead();
-    EXPECT_EQ(qxLoaderGenericCmd(b.data()), 0);
-    EXPECT_EQ(tapCount(PIC_HID_GET_REPORT), 3u);
-    EXPECT_THAT(simSleeps(), ElementsAre(10000u, 10000u));
-    simSetReplyDelayReads(0);
-
-    // Never echoed but carrying the command's code: accepted after three reads.
-    tapClear();
-    simClearSleeps();
-    simSetReplyFault(simReplyFault::WRONG_SEQ, 1);
-    b = slotRead();
-    EXPECT_EQ(qxLoaderGenericCmd(b.data()), 0);
-    EXPECT_EQ(tapCount(PIC_HID_GET_REPORT), 3u);
-    EXPECT_EQ(simSleeps().size(), 2u);
-
-    // Another code and another number: 1.
-    simSetReplyFault(simReplyFault::WRONG_CODE_SEQ, 1);
-    b = slotRead();
-    EXPECT_EQ(qxLoaderGenericCmd(b.data()), 1);
-
-    // The last read failing gives its result.
-    simFailIoctl(PIC_HID_GET_REPORT, EIO, 3);
-    b = slotRead();
-    EXPECT_EQ(qxLoaderGenericCmd(b.data()), -1);
-
-    // A failed send reads nothing.
-    tapClear();
-    simFailIoctl(PIC_HID_SEND_REPORT, EIO, 1);
-    b = slotRead();
-    EXPECT_EQ(qxLoaderGenericCmd(b.data()), -1);
-    EXPECT_EQ(tapCount(PIC_HID_GET_REPORT), 0u);
+    for (const auto &[what, fault, rc, reads] : cases) {
+        SCOPED_TRACE(what);
+        forget();
+        fault();
+        qxUsbBlock b{QX_HID_CMD_GET_FLASH_VAL, 0, 0, QX_SLOT_PLATFORM};
+        EXPECT_EQ(qxLoaderGenericCmd(b.data()), rc);
+        EXPECT_EQ(reports(PIC_HID_GET_REPORT).size(), reads);
+        EXPECT_EQ(simSleeps(), std::vector<uint64_t>(reads > 0 ? reads - 1 : 0, 10000)); // 10 ms between reads
+        simSetReplyDelayReads(0);
+    }
+    EXPECT_EQ(log.levelOf("QX_TRACE_USB-***usb cmd failed***"), 0);
 }
 
-// ---- Stored values -------------------------------------------------------------
-
-TEST_F(qxLoaderOnSim, slotReadTakesWordsLengthAndDataFromTheReply)
+TEST_F(qxLoaderOnSim, slotValuesTravelAsLaidOutAndFailuresLeaveTheRecordAlone)
 {
     openLink();
-    const auto digest = counting(16, 0xA0);
-    setSlot(QX_SLOT_FIRMWARE, 0x53000, 0xA1B2C3D4, 16, digest);
-
-    qxLoaderStoredNum sn{};
-    EXPECT_EQ(qxLoaderGetStoredNum(&sn, QX_SLOT_FIRMWARE), 0);
-    EXPECT_EQ(sn.storedNumWord0, 0x53000u);
-    EXPECT_EQ(sn.storedNumWord1, 0xA1B2C3D4u);
-    EXPECT_EQ(sn.storedNumLen, 16);
-    EXPECT_TRUE(std::equal(digest.begin(), digest.end(), sn.storedNum));
-    EXPECT_EQ(sn.storedNum[16], 0);
-
-    auto sent = tapReports(PIC_HID_SEND_REPORT, QX_HID_CMD_GET_FLASH_VAL);
-    ASSERT_EQ(sent.size(), 1u);
-    report64 expected{};
-    expected[0] = QX_HID_CMD_GET_FLASH_VAL;
-    expected[1] = sent[0][1];
-    expected[3] = QX_SLOT_FIRMWARE;
-    EXPECT_EQ(sent[0], expected);
-
-    // Length 49: the message on standard output, a successful read with no
-    // data, and the words as they were.
-    setSlot(QX_SLOT_FIRMWARE, 0x11111111, 0x22222222, 49, counting(48, 1));
-    sn = {};
-    sn.storedNumWord0 = 7;
-    sn.storedNumWord1 = 9;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(qxLoaderGetStoredNum(&sn, QX_SLOT_FIRMWARE), 0);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "****ERROR*** SHOULD ERASE FLASH*************, sn->storedNumLen: 49\n");
-    EXPECT_EQ(sn.storedNumLen, 0);
-    EXPECT_EQ(sn.storedNumWord0, 7u);
-    EXPECT_EQ(sn.storedNumWord1, 9u);
-
-    // A failed exchange: the low 8 bits of its result, the record untouched.
-    sn.storedNumLen = 33;
-    simSetReplyFault(simReplyFault::WRONG_CODE_SEQ, 1);
-    EXPECT_EQ(qxLoaderGetStoredNum(&sn, QX_SLOT_FIRMWARE), 1);
-    simFailIoctl(PIC_HID_SEND_REPORT, EIO, 1);
-    EXPECT_EQ(qxLoaderGetStoredNum(&sn, QX_SLOT_FIRMWARE), 255);
-    EXPECT_EQ(sn.storedNumLen, 33);
-    EXPECT_EQ(sn.storedNumWord0, 7u);
-}
-
-TEST_F(qxLoaderOnSim, slotWriteSendsWordsLengthAndDataAsLaidOut)
-{
-    openLink();
-    const auto digest = counting(16, 0x30);
-    EXPECT_EQ(qxLoaderSetHash(0x53000, digest.data()), 0);
-    auto sent = tapReports(PIC_HID_SEND_REPORT, QX_HID_CMD_SET_FLASH_VAL);
-    ASSERT_EQ(sent.size(), 1u);
-    report64 expected{};
-    expected[0] = QX_HID_CMD_SET_FLASH_VAL;
-    expected[1] = sent[0][1];
-    expected[3] = 4;
-    expected[4] = 0x00;
-    expected[5] = 0x30;
-    expected[6] = 0x05;
-    expected[7] = 0x00;
-    expected[12] = 16;
-    std::copy(digest.begin(), digest.end(), expected.begin() + 13);
-    EXPECT_EQ(sent[0], expected);
-    const simSlot stored = simGetSlot(QX_SLOT_FIRMWARE);
-    EXPECT_EQ(stored.word0, 0x53000u);
-    EXPECT_EQ(stored.word1, 0u);
-    EXPECT_EQ(stored.len, 16);
-
-    // 48 data bytes fill bytes 13 to 60; only the low 32 bits of each word travel.
-    tapClear();
-    qxLoaderStoredNum sn{};
-    sn.storedNumWord0 = 0x1234567890ABCDEFull;
-    sn.storedNumWord1 = 0xFEDCBA0987654321ull;
-    sn.storedNumLen = 48;
-    const auto data = counting(48, 0x40);
-    std::copy(data.begin(), data.end(), sn.storedNum);
-    EXPECT_EQ(qxLoaderSetStoredNum(&sn, 7), 0);
-    sent = tapReports(PIC_HID_SEND_REPORT, QX_HID_CMD_SET_FLASH_VAL);
-    ASSERT_EQ(sent.size(), 1u);
-    EXPECT_EQ(sent[0][3], 7);
-    EXPECT_THAT(std::vector<uint8_t>(sent[0].begin() + 4, sent[0].begin() + 12),
-                ElementsAre(0xEF, 0xCD, 0xAB, 0x90, 0x21, 0x43, 0x65, 0x87));
-    EXPECT_EQ(sent[0][12], 48);
-    EXPECT_TRUE(std::equal(data.begin(), data.end(), sent[0].begin() + 13));
-    EXPECT_THAT(std::vector<uint8_t>(sent[0].begin() + 61, sent[0].end()), ElementsAre(0, 0, 0));
-
-    // 49 bytes: nothing goes out.
-    tapClear();
+    qxLoaderStoredNum sn{0x1234567890ABCDEFull, 0xFEDCBA0987654321ull, 48, {}};
+    std::iota(sn.storedNum, sn.storedNum + 48, 0x40);
+    EXPECT_EQ(qxLoaderSetStoredNum(&sn, 7), 0); // the low 32 bits of each word travel
+    const simSlot s = simGetSlot(7);
+    EXPECT_EQ(std::tuple(s.word0, s.word1, s.len), std::tuple(0x90ABCDEFu, 0x87654321u, uint8_t{48}));
+    EXPECT_TRUE(std::equal(sn.storedNum, sn.storedNum + 48, s.data));
+    qxLoaderStoredNum back{};
+    EXPECT_EQ(qxLoaderGetStoredNum(&back, 7), 0);
+    EXPECT_EQ(std::tuple(back.storedNumWord0, back.storedNumWord1, back.storedNumLen),
+              std::tuple(0x90ABCDEFull, 0x87654321ull, uint8_t{48}));
+    EXPECT_TRUE(std::equal(sn.storedNum, sn.storedNum + 48, back.storedNum));
+    forget();
     sn.storedNumLen = 49;
     EXPECT_EQ(qxLoaderSetStoredNum(&sn, 7), -1);
-    EXPECT_EQ(tapCount(PIC_HID_SEND_REPORT), 0u);
+    EXPECT_TRUE(W.sent.empty());
 
-    // A failed exchange gives 1, whatever its own result.
-    sn.storedNumLen = 4;
-    simFailIoctl(PIC_HID_SEND_REPORT, EIO, 1);
-    EXPECT_EQ(qxLoaderSetStoredNum(&sn, 7), 1);
-    simSetReplyFault(simReplyFault::WRONG_CODE_SEQ, 1);
-    EXPECT_EQ(qxLoaderSetStoredNum(&sn, 7), 1);
+    // A reply length of 49: the message, a read without data, the words as they were.
+    setSlot(QX_SLOT_FIRMWARE, 0x11111111, 49, {});
+    back = {7, 9, 33, {}};
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(qxLoaderGetStoredNum(&back, QX_SLOT_FIRMWARE), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), ERASE_MESSAGE + "49\n");
+    EXPECT_EQ(std::tuple(back.storedNumWord0, back.storedNumWord1, back.storedNumLen),
+              std::tuple(7ull, 9ull, uint8_t{0}));
+
+    // A failed read gives the low 8 bits, the record untouched; a failed write 1.
+    back.storedNumLen = 33;
+    simFailIoctl(PIC_HID_SEND_REPORT, EIO, 2);
+    EXPECT_EQ(qxLoaderGetStoredNum(&back, QX_SLOT_FIRMWARE), 255);
+    EXPECT_EQ(back.storedNumLen, 33);
+    EXPECT_EQ(qxLoaderSetStoredNum(&back, 7), 1);
 }
 
-TEST_F(qxLoaderOnSim, storedHashGetsThreeTriesAndKeepsOutputsOnFailure)
+TEST_F(qxLoaderOnSim, slot4IsReadWithThreeTriesAndVerificationWritesItOnlyWhenAskedOnMismatch)
 {
+    loadApplication(false);
     openLink();
-    const auto digest = counting(16, 0x50);
-    setSlot(QX_SLOT_FIRMWARE, 0x2C0, 0, 16, digest);
-
-    // Two failures, then a good read: no log line.
+    const bytes digest(md5.begin(), md5.begin() + 16);
+    setSlot(QX_SLOT_FIRMWARE, imageLen, 16, digest);
     simSetReplyFault(simReplyFault::WRONG_CODE_SEQ, 2);
     uint32_t len = 0;
-    std::array<uint8_t, 48> out{};
-    EXPECT_EQ(qxLoaderGetStoredHash(&len, out.data()), 0);
-    EXPECT_EQ(len, 0x2C0u);
-    EXPECT_TRUE(std::equal(digest.begin(), digest.end(), out.begin()));
-    EXPECT_EQ(tapReports(PIC_HID_SEND_REPORT, QX_HID_CMD_GET_FLASH_VAL).size(), 3u);
-    EXPECT_FALSE(log.contains("qxLoaderGetStoredHash: Failed!"));
-
-    // Three failures: the line, the last result, the outputs untouched.
-    tapClear();
+    std::array<uint8_t, QX_STORED_NUM_MAX> stored{};
+    EXPECT_EQ(qxLoaderGetStoredHash(&len, stored.data()), 0);
+    EXPECT_TRUE(len == static_cast<uint32_t>(imageLen) && std::equal(digest.begin(), digest.end(), stored.begin()));
+    EXPECT_TRUE(log.texts().empty());
     simSetReplyFault(simReplyFault::WRONG_CODE_SEQ, 3);
     len = 0xDEAD;
-    out.fill(0xEE);
-    EXPECT_EQ(qxLoaderGetStoredHash(&len, out.data()), 1);
-    EXPECT_EQ(tapReports(PIC_HID_SEND_REPORT, QX_HID_CMD_GET_FLASH_VAL).size(), 3u);
+    EXPECT_EQ(qxLoaderGetStoredHash(&len, stored.data()), 1);
     EXPECT_EQ(len, 0xDEADu);
-    EXPECT_EQ(out[0], 0xEE);
-    EXPECT_EQ(log.count("qxLoaderGetStoredHash: Failed!"), 1u);
-    EXPECT_EQ(levelOf("qxLoaderGetStoredHash: Failed!"), 6);
-}
+    EXPECT_EQ(reports(PIC_HID_SEND_REPORT).size(), 6u);
+    EXPECT_EQ(log.levelOf(HASH_FAILED), 6);
 
-TEST_F(qxLoaderOnSim, verificationComparesLengthAndMd5AndStoresOnlyWhenAsked)
-{
-    std::vector<uint8_t> image = blankImage();
-    std::copy_n(counting(300, 9).begin(), 300, image.begin());
-    ASSERT_EQ(loadImage(image), 0);
-    int32_t imageLen = 0;
-    uint8_t md5[QX_FILE_DIGEST_SIZE];
-    qxFileGetMd5AndLen(&imageLen, md5);
-    ASSERT_EQ(imageLen, 320);
-    const std::vector<uint8_t> md5v(md5, md5 + 16);
-    openLink();
-
-    auto slotWrites = [] { return tapReports(PIC_HID_SEND_REPORT, QX_HID_CMD_SET_FLASH_VAL).size(); };
-
-    // Agreement: storing asked or not, nothing is written.
-    setSlot(QX_SLOT_FIRMWARE, 320, 0, 16, md5v);
-    EXPECT_EQ(qxLoaderVerifyApplicationCode(0), 0);
     EXPECT_EQ(qxLoaderVerifyApplicationCode(1), 0);
-    EXPECT_EQ(log.count("qxLoaderVerifyApplicationCode: Verification Success!"), 2u);
-    EXPECT_EQ(levelOf("qxLoaderVerifyApplicationCode: Verification Success!"), 1);
-    EXPECT_EQ(slotWrites(), 0u);
-
-    // The digest's last byte differs.
-    auto other = md5v;
+    EXPECT_EQ(log.levelOf(VERIFIED), 1);
+    bytes other = digest;
     other[15] ^= 1;
-    setSlot(QX_SLOT_FIRMWARE, 320, 0, 16, other);
+    setSlot(QX_SLOT_FIRMWARE, imageLen, 16, other);
     EXPECT_EQ(qxLoaderVerifyApplicationCode(0), 1);
-    EXPECT_EQ(levelOf("qxLoaderVerifyApplicationCode: Verification Failed!"), 6);
+    EXPECT_EQ(log.levelOf(NOT_VERIFIED), 6);
     EXPECT_EQ(slotWrites(), 0u);
-    EXPECT_EQ(simGetSlot(QX_SLOT_FIRMWARE).data[15], other[15]);
-
-    // The length differs; storing asked: the slot gets the image's values.
-    setSlot(QX_SLOT_FIRMWARE, 384, 0, 16, md5v);
+    setSlot(QX_SLOT_FIRMWARE, imageLen + 64, 16, digest);
     EXPECT_EQ(qxLoaderVerifyApplicationCode(1), 1);
+    const simSlot s = simGetSlot(QX_SLOT_FIRMWARE); // as qxLoaderSetHash writes it
+    EXPECT_TRUE(s.word0 == static_cast<uint32_t>(imageLen) && s.word1 == 0 && s.len == 16);
+    EXPECT_TRUE(std::equal(digest.begin(), digest.end(), s.data));
     EXPECT_EQ(slotWrites(), 1u);
-    simSlot s = simGetSlot(QX_SLOT_FIRMWARE);
-    EXPECT_EQ(s.word0, 320u);
-    EXPECT_EQ(s.len, 16);
-    EXPECT_TRUE(std::equal(md5v.begin(), md5v.end(), s.data));
-    EXPECT_EQ(qxLoaderVerifyApplicationCode(0), 0);
 
-    // An erased slot reads as length 255: the message, then a disagreement.
-    simSlot erased;
-    simSetSlot(QX_SLOT_FIRMWARE, erased);
-    log.clear();
+    // An erased slot and an unreadable slot disagree.
+    simSetSlot(QX_SLOT_FIRMWARE, simSlot{});
     testing::internal::CaptureStdout();
     EXPECT_EQ(qxLoaderVerifyApplicationCode(0), 1);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "****ERROR*** SHOULD ERASE FLASH*************, sn->storedNumLen: 255\n");
-    EXPECT_TRUE(log.contains("qxLoaderVerifyApplicationCode: Verification Failed!"));
-
-    // A record too short to hold an MD5 disagrees, its length matching.
-    setSlot(QX_SLOT_FIRMWARE, 320, 0, 8, md5v);
-    EXPECT_EQ(qxLoaderVerifyApplicationCode(0), 1);
-
-    // An unreadable slot disagrees.
-    setSlot(QX_SLOT_FIRMWARE, 320, 0, 16, md5v);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), ERASE_MESSAGE + "255\n");
+    setSlot(QX_SLOT_FIRMWARE, imageLen, 16, digest);
     simSetReplyFault(simReplyFault::WRONG_CODE_SEQ, 3);
     log.clear();
     EXPECT_EQ(qxLoaderVerifyApplicationCode(0), 1);
-    EXPECT_THAT(loaderLines(), ElementsAre("qxLoaderGetStoredHash: Failed!",
-                                           "qxLoaderVerifyApplicationCode: Verification Failed!"));
+    EXPECT_THAT(log.textsFrom(QX_LOADER_LOG_SOURCE), ElementsAre(HASH_FAILED, NOT_VERIFIED));
 }
-
-// ---- Firmware identity, go and erase -------------------------------------------
 
 TEST_F(qxLoaderOnSim, getInfoMatchesOnCodeSequenceStatusAndProductId)
 {
     openLink();
     EXPECT_EQ(qxLoaderIsHidApplication(), 1);
     EXPECT_EQ(qxLoaderIsHidBootloader(), 0);
-    EXPECT_THAT(loaderLines(), ElementsAre("qxLoaderIsProductIdMatch: 17 matched!!!",
-                                           "qxLoaderIsProductIdMatch: 18 doesn't match!!!"));
-    EXPECT_EQ(levelOf("qxLoaderIsProductIdMatch: 17 matched!!!"), 1);
-    EXPECT_EQ(levelOf("qxLoaderIsProductIdMatch: 18 doesn't match!!!"), 6);
-    auto sent = tapReports(PIC_HID_SEND_REPORT, QX_HID_CMD_GET_INFO);
-    ASSERT_EQ(sent.size(), 2u);
-    report64 expected{};
-    expected[0] = QX_HID_CMD_GET_INFO;
-    expected[1] = sent[0][1];
-    EXPECT_EQ(sent[0], expected);
-    EXPECT_NE(sent[1][1], sent[0][1]);
-
+    EXPECT_EQ(log.levelOf("qxLoaderIsProductIdMatch: 17 matched!!!"), 1);
+    EXPECT_EQ(log.levelOf("qxLoaderIsProductIdMatch: 18 doesn't match!!!"), 6);
     simSetMode(simMode::BOOTLOADER);
     EXPECT_EQ(qxLoaderIsHidBootloader(), 1);
-    EXPECT_EQ(qxLoaderIsHidApplication(), 0);
     simSetMode(simMode::APPLICATION);
 
-    // The same reply with status 1 matches neither.
-    tapSetAfter([](uint32_t request, picHidIoctlArg &arg) {
-        if (request == PIC_HID_GET_REPORT) {
-            arg.report[QX_REPORT_STATUS] = 1;
-        }
-    });
-    EXPECT_EQ(qxLoaderIsHidApplication(), 0);
-    EXPECT_EQ(qxLoaderIsHidBootloader(), 0);
-    tapSetAfter(nullptr);
-
-    // Echoed on the third read: still tested, after two 10 ms waits.
+    // Echoed on the third read: still tested, after two 10 ms waits; never echoed: no match.
     simClearSleeps();
     simSetReplyDelayReads(2);
     EXPECT_EQ(qxLoaderIsHidApplication(), 1);
     EXPECT_THAT(simSleeps(), ElementsAre(10000u, 10000u));
     simSetReplyDelayReads(0);
-
-    // Never echoed: three reads, no match.
-    tapClear();
     simSetReplyFault(simReplyFault::NO_REPLY, 1);
     EXPECT_EQ(qxLoaderIsHidApplication(), 0);
-    EXPECT_EQ(tapCount(PIC_HID_GET_REPORT), 3u);
-
-    // A dead link: no match, and no way out but 0.
-    qxUsbCleanUp();
+    W.hook = [](uint32_t request, picHidIoctlArg &arg, bool answered) {
+        arg.report[QX_REPORT_STATUS] |= answered && request == PIC_HID_GET_REPORT ? 1 : 0; // busy
+        return 0;
+    };
     EXPECT_EQ(qxLoaderIsHidApplication(), 0);
 }
 
-TEST_F(qxLoaderOnSim, goAndEraseCommandsCarryNoSequenceAndAwaitNoReply)
+TEST_F(qxLoaderOnSim, goAndEraseCommandsGoOutWithoutSequenceNumberAndAwaitNoReply)
 {
     openLink();
     qxLoaderEraseApplication();
-    auto sent = tapReports(PIC_HID_SEND_REPORT, -1);
-    ASSERT_EQ(sent.size(), 1u);
-    report64 expected{};
-    expected[0] = ERASE_DEVICE;
-    EXPECT_EQ(sent[0], expected);
-    EXPECT_EQ(tapCount(PIC_HID_GET_REPORT), 0u);
     EXPECT_THAT(simSleeps(), ElementsAre(3000000u));
-
-    // The go command makes the link reset the USB device and leaves it closed.
-    tapClear();
-    qxLoaderGotoBootLoader();
-    sent = tapReports(PIC_HID_SEND_REPORT, -1);
-    ASSERT_EQ(sent.size(), 1u);
-    expected[0] = QX_HID_CMD_GOTO_BOOTLOADER;
-    EXPECT_EQ(sent[0], expected);
-    EXPECT_EQ(tapCount(PIC_HID_GET_REPORT), 0u);
+    qxLoaderGotoBootLoader(); // the link resets the device and stays closed
     EXPECT_EQ(qxUsbGetState().fd, -1);
     EXPECT_EQ(simGetMode(), simMode::BOOTLOADER);
-
-    // On a closed link the command is simply not sent.
-    tapClear();
-    qxLoaderGotoApplication();
-    EXPECT_EQ(tapCount(PIC_HID_SEND_REPORT), 0u);
+    qxLoaderGotoApplication(); // not sent on a closed link
     ASSERT_EQ(qxUsbInit(), 0);
     qxLoaderGotoApplication();
-    sent = tapReports(PIC_HID_SEND_REPORT, -1);
-    ASSERT_EQ(sent.size(), 1u);
-    expected[0] = QX_HID_CMD_GOTO_APPLICATION;
-    EXPECT_EQ(sent[0], expected);
+    EXPECT_EQ(reports(PIC_HID_SEND_REPORT),
+              (std::vector<report64>{{ERASE_DEVICE}, {QX_HID_CMD_GOTO_BOOTLOADER}, {QX_HID_CMD_GOTO_APPLICATION}}));
+    EXPECT_TRUE(reports(PIC_HID_GET_REPORT).empty());
 }
 
-// ---- Device search ---------------------------------------------------------------
-
-TEST_F(qxLoaderOnSim, deviceSearchWaitsGrowThenCountsSecondsResetsOnceAndGivesUp)
+TEST_F(qxLoaderOnSim, deviceSearchWaitsGrowToOneSecondResetsAfterTheFifthAndGivesUpAfterTheTwentieth)
 {
-    // Found at once: no wait.
+    const std::string notFound =
+        "QX_TRACE_PRINTF-qxLoaderGetClientFileName():: Error Finding QX_HID_DEVICE *****************";
     EXPECT_EQ(__qxLoaderFindUsbDev(), 0);
-    EXPECT_THAT(loaderLines(), ElementsAre("__qxLoaderFindUsbDev: starting"));
-    EXPECT_EQ(levelOf("__qxLoaderFindUsbDev: starting"), 1);
+    EXPECT_THAT(log.textsFrom(QX_LOADER_LOG_SOURCE), ElementsAre("__qxLoaderFindUsbDev: starting"));
+    EXPECT_EQ(log.levelOf("__qxLoaderFindUsbDev: starting"), 1);
     EXPECT_TRUE(simSleeps().empty());
-    qxUsbCleanUp();
 
-    // Found at the fourth attempt: 1, 10 and 100 ms before it.
-    tapInstall();
-    tapSetOpenFailures(3);
-    EXPECT_EQ(qxLoaderFindUSBDevice(), 0);
-    EXPECT_EQ(tapOpenAttempts(), 4);
-    EXPECT_THAT(simSleeps(), ElementsAre(1000u, 10000u, 100000u));
     qxUsbCleanUp();
-
-    // Never found: 24 attempts, the waits growing to one second, one USB
-    // reset right after the fifth one-second wait, failure after the 20th.
-    tapInstall();
-    simClearSleeps();
-    simClearEvents();
-    log.clear();
-    tapSetOpenFailures(-1);
-    const uint64_t start = simVirtualNowUs();
+    forget();
+    W.nodeGone = true;
     EXPECT_EQ(qxLoaderFindUSBDevice(), 1);
-    const auto times = tapOpenTimes();
-    ASSERT_EQ(times.size(), 24u);
-    const uint64_t expectedStart[] = {0, 1000, 11000, 111000, 1111000, 2111000, 3111000, 4111000};
-    for (size_t i = 0; i < std::size(expectedStart); ++i) {
-        EXPECT_EQ(times[i] - start, expectedStart[i]) << i;
-    }
-    for (size_t i = 9; i < times.size(); ++i) {
-        EXPECT_EQ(times[i] - times[i - 1], 1000000u) << i;
-    }
-    size_t resets = 0;
-    for (const auto &e : simEvents()) {
-        if (e.kind == simEventKind::USB_RESET) {
-            ++resets;
-            EXPECT_EQ(e.atUs - start, 5111000u);
+    ASSERT_EQ(W.opens.size(), 24u);
+    const uint64_t growing[] = {1000, 10000, 100000};
+    for (size_t i = 1; i < 24; ++i) {
+        if (i != 8) { // the ninth attempt follows the reset
+            EXPECT_EQ(W.opens[i] - W.opens[i - 1], i < 4 ? growing[i - 1] : 1000000u) << i;
         }
     }
-    EXPECT_EQ(resets, 1u);
-    EXPECT_EQ(std::count(simSleeps().begin(), simSleeps().end(), 1000000u), 20);
-    EXPECT_THAT(loaderLines(),
-                ElementsAre("__qxLoaderFindUsbDev: starting", "__qxLoaderFindUsbDev: resetting USB device",
-                            "QX_TRACE_PRINTF-qxLoaderGetClientFileName():: Error Finding QX_HID_DEVICE *****************"));
-    EXPECT_EQ(levelOf("__qxLoaderFindUsbDev: resetting USB device"), 6);
-    EXPECT_EQ(levelOf("QX_TRACE_PRINTF-qxLoaderGetClientFileName():: Error Finding QX_HID_DEVICE *****************"),
-              0);
-
-    // The inner search gives up without the line.
+    const auto reset = firstEvent(simEventKind::USB_RESET);
+    ASSERT_NE(reset, simEvents().end());
+    EXPECT_EQ(reset->atUs, W.opens[7] + 1000000u) << "right after the fifth one-second wait";
+    EXPECT_THAT(log.textsFrom(QX_LOADER_LOG_SOURCE),
+                ElementsAre("__qxLoaderFindUsbDev: starting", "__qxLoaderFindUsbDev: resetting USB device", notFound));
+    EXPECT_EQ(log.levelOf("__qxLoaderFindUsbDev: resetting USB device"), 6);
+    EXPECT_EQ(log.levelOf(notFound), 0);
     log.clear();
     EXPECT_EQ(__qxLoaderFindUsbDev(), 1);
-    EXPECT_THAT(loaderLines(),
-                ElementsAre("__qxLoaderFindUsbDev: starting", "__qxLoaderFindUsbDev: resetting USB device"));
+    EXPECT_FALSE(log.contains(notFound));
 }
 
-TEST_F(qxLoaderOnSim, deviceSearchFindsTheNodeTheUsbResetBringsBack)
+TEST_F(qxLoaderOnSim, programmingHandsOverNonBlankChunksByAddressWithACompleteAfterEachGapAndAtTheEnd)
 {
-    // The driver lost the device; the reset makes it enumerate again.
-    simSetNodePresent(false);
-    EXPECT_EQ(qxLoaderFindUSBDevice(), 0);
-    EXPECT_EQ(tapOpenAttempts(), 9);
-    EXPECT_EQ(qxUsbGetState().fd >= 0, true);
-    EXPECT_EQ(log.count("__qxLoaderFindUsbDev: resetting USB device"), 1u);
+    bytes data = imageWith(0, CHUNK);
+    data[CHUNK + 5] = 0; // one byte not erased: the chunk goes whole
+    std::iota(data.end() - 48, data.end(), 0x80);
+    std::fill_n(data.begin() + 1000 * CHUNK, CHUNK, 7);
+    EXPECT_EQ(program(data), 0);
+    EXPECT_TRUE(flashHoldsImage());
+    EXPECT_THAT(steps(), ElementsAre(step{0x1D010000, 56}, step{0x1D010038, 56}, COMPLETE, step{0x1D01DAC0, 56},
+                                     COMPLETE, step{0x1D062FD0, 48}, COMPLETE));
+    EXPECT_THAT(simSleeps(), ElementsAre(2000000u));
+    report64 last{PROGRAM_DEVICE, 0xD0, 0x2F, 0x06, 0x1D, 48}; // the data at the end, zeros before them
+    std::copy(data.end() - 48, data.end(), last.begin() + 16);
+    EXPECT_EQ(W.packets.back(), last);
+    // The set-up first; before each hand-over the driver is asked; every request has a
+    // fresh sequence number; the driver is given the same two blocks throughout.
+    ASSERT_EQ(W.sent.front().first, PIC_HID_PIC32_UPGRADE_SETUP);
+    std::set<uint64_t> blocks[2]; // PROGRAM_DEVICE, PROGRAM_COMPLETE
+    for (size_t i = 1; i < W.sent.size(); ++i) {
+        const auto &[request, report] = W.sent[i];
+        EXPECT_NE(report[QX_REPORT_SEQ], W.sent[i - 1].second[QX_REPORT_SEQ]) << i;
+        if (request == PIC_HID_PIC32_PROGRAM) {
+            const size_t poll = W.sent[i - 1].first == PIC_HID_PIC32_PROGRAM_DONE ? i - 2 : i - 1;
+            EXPECT_EQ(W.sent[poll].first, PIC_HID_PIC32_IS_URB_AVAILABLE) << i;
+        }
+        if (request == PIC_HID_PIC32_PROGRAM || request == PIC_HID_PIC32_PROGRAM_DONE) {
+            blocks[request == PIC_HID_PIC32_PROGRAM_DONE].insert(blockAddress(report.data()));
+        }
+    }
+    EXPECT_TRUE(blocks[0].size() == 1 && blocks[1].size() == 1 && *blocks[0].begin() != *blocks[1].begin());
+
+    EXPECT_EQ(program(imageWith(112, 80)), 0);
+    EXPECT_THAT(steps(), ElementsAre(COMPLETE, step{0x1D010070, 56}, step{0x1D0100A8, 56}, COMPLETE));
+    EXPECT_EQ(program(imageWith(0, 0)), 0);
+    EXPECT_THAT(steps(), ElementsAre(COMPLETE));
+    EXPECT_EQ(reports(PIC_HID_PIC32_IS_URB_AVAILABLE).size(), 6071u) << "a poll for each chunk, blank ones too";
+}
+
+TEST_F(qxLoaderOnSim, programmingStopsOnTheDriversFailuresAndGivesUpOnADriverBusyFor30s)
+{
+    bytes data = imageWith(0, CHUNK);
+    std::fill_n(data.begin() + 2 * CHUNK, 10 * CHUNK, 2);
+    // The set-up answered with the sequence number itself, not XOR 0x57, or failing: -1, nothing more.
+    W.hook = [](uint32_t request, picHidIoctlArg &arg, bool answered) {
+        arg.report[QX_REPORT_SEQ] ^= answered && request == PIC_HID_PIC32_UPGRADE_SETUP ? PIC_HID_ACK_SEQ_XOR : 0;
+        return 0;
+    };
+    EXPECT_EQ(program(data), -1);
+    EXPECT_TRUE(log.contains("QX_TRACE_FILE-PIC_HID_PIC32_UPGRADE_SETUP rc: 0"));
+    W.hook = nullptr;
+    simFailIoctl(PIC_HID_PIC32_UPGRADE_SETUP, EIO, 1);
+    EXPECT_EQ(program(data), -1);
+    EXPECT_TRUE(log.contains("QX_TRACE_FILE-PIC_HID_PIC32_UPGRADE_SETUP rc: -1"));
+    EXPECT_EQ(W.sent.size(), 1u);
+
+    // The availability request failing ends the walk: the final COMPLETE, 2 s, 0.
+    simFailIoctl(PIC_HID_PIC32_IS_URB_AVAILABLE, EIO, 1);
+    EXPECT_EQ(program(data), 0);
+    EXPECT_TRUE(log.contains("QX_TRACE_FILE-PIC_HID_PIC32_IS_URB_AVAILABLE rc: -1"));
+    EXPECT_THAT(steps(), ElementsAre(COMPLETE));
+    EXPECT_THAT(simSleeps(), ElementsAre(2000000u));
+
+    // A hand-over failing: -1 at once, without the final COMPLETE.
+    simFailIoctl(PIC_HID_PIC32_PROGRAM, EIO, 1);
+    EXPECT_EQ(program(data), -1);
+    EXPECT_TRUE(log.contains("QX_TRACE_FILE-***ERROR*** PIC_HID_PIC32_PROGRAM rc: -1"));
+    EXPECT_TRUE(reports(PIC_HID_PIC32_PROGRAM_DONE).empty());
+    simFailIoctl(PIC_HID_PIC32_PROGRAM_DONE, EIO, 1);
+    EXPECT_EQ(program(data), -1);
+    EXPECT_TRUE(log.contains("QX_TRACE_FILE-***ERROR*** PIC_HID_PIC32_PROGRAM_DONE rc: -1"));
+    EXPECT_THAT(steps(), ElementsAre(step{0x1D010000, 56}));
+    EXPECT_TRUE(simSleeps().empty());
+
+    // Busy: asked again every 50 ms, 600 times at most, then -1 with nothing handed over.
+    simSetDriverBusyPolls(3);
+    EXPECT_EQ(program(data), 0);
+    EXPECT_THAT(simSleeps(), ElementsAre(50000u, 50000u, 50000u, 2000000u));
+    simSetDriverBusyPolls(INT_MAX);
+    EXPECT_EQ(program(data), -1);
+    EXPECT_EQ(W.sent.size(), 1 + QX_PROGRAM_POLL_MAX);
+    EXPECT_EQ(simSleeps(), std::vector<uint64_t>(QX_PROGRAM_POLL_MAX, QX_PROGRAM_POLL_WAIT_US));
+    EXPECT_TRUE(log.contains("QX_TRACE_FILE-PIC_HID_PIC32_IS_URB_AVAILABLE: driver still busy after 600 polls, "
+                             "giving up"));
+}
+
+TEST_F(qxLoaderOnSim, startUpUpgradeGoesRoundPassesUntilTheRightApplicationAnswers)
+{
+    enum startState { RUNNING, OTHER, BOOTLOADER, UNREADABLE, GOTO_REFUSED, NO_NODE };
+    // what, the appliance at the start, forceUpgrade, result, the passes, slot 4 reads and writes
+    const std::tuple<const char *, startState, int, int32_t, std::vector<std::string>, size_t, size_t> cases[] = {
+        {"the application runs: one pass", RUNNING, 0, 0, {PASS_0}, 2, 0},
+        {"another application: three passes", OTHER, 0, 0, {PASS_0, PASS_0, UPGRADING, PASS_0}, 8, 4},
+        {"the bootloader, slot 4 matching: programmed at once", BOOTLOADER, 0, 0, {PASS_0, UPGRADING, PASS_0}, 5, 1},
+        {"slot 4 unreadable: a reset, the same forceUpgrade", UNREADABLE, 1, 0, {PASS_1, RESETTING, PASS_1}, 8, 0},
+        {"go-to-bootloader refused: again", GOTO_REFUSED, 0, 0, {PASS_0, PASS_0, PASS_0, UPGRADING, PASS_0}, 11, 6},
+        {"no node: 1 after the search", NO_NODE, 0, 1, {PASS_0}, 0, 0},
+    };
+    for (const auto &[what, state, force, rc, passes, reads, writes] : cases) {
+        SCOPED_TRACE(what);
+        TearDown();
+        SetUp();
+        loadApplication(state == RUNNING || state == BOOTLOADER || state == UNREADABLE);
+        if (state == BOOTLOADER) {
+            std::fill(simFlash().begin(), simFlash().end(), 0x00); // whatever a cut-short run left
+            simSetMode(simMode::BOOTLOADER);
+        }
+        if (state == UNREADABLE) {
+            simSetSlotUnreadable(QX_SLOT_FIRMWARE, 6);
+        }
+        W.nodeGone = state == NO_NODE;
+        bool refused = state != GOTO_REFUSED;
+        W.hook = [&refused](uint32_t request, picHidIoctlArg &arg, bool answered) {
+            const bool refuse = !answered && !refused && request == PIC_HID_SEND_REPORT &&
+                                arg.report[QX_REPORT_CODE] == QX_HID_CMD_GOTO_BOOTLOADER;
+            refused = refused || refuse;
+            return refuse ? EIO : 0;
+        };
+        EXPECT_EQ(qxLoaderInit(force), rc);
+        EXPECT_TRUE(refused);
+        EXPECT_EQ(passLines(), passes);
+        EXPECT_EQ(log.levelOf(passes[0]), 1);
+        EXPECT_EQ(reports(PIC_HID_SEND_REPORT, QX_HID_CMD_GET_FLASH_VAL).size(), reads);
+        EXPECT_EQ(slotWrites(), writes);
+        EXPECT_EQ(simOpenNodeFds(), 1 - rc) << "no descriptor left behind";
+        EXPECT_TRUE(rc != 0 || (flashHoldsImage() && log.contains(VERIFIED) &&
+                                log.contains("qxLoaderIsProductIdMatch: 17 matched!!!")));
+        if (state == UNREADABLE) { // twice three tries, then the reset through the module
+            EXPECT_EQ(log.count(HASH_FAILED), 2u);
+            EXPECT_EQ(log.levelOf(RESETTING), 6);
+            EXPECT_THAT(simCommands(), ElementsAre("rmmod picdev", "modprobe picdev"));
+        }
+    }
+    EXPECT_EQ(log.levelOf("QX_TRACE_PRINTF-qxLoaderInit():: Error Finding QX_HID_DEVICE *****************"), 0);
+    EXPECT_EQ(W.opens.size(), 24u);
+}
+
+TEST_F(qxLoaderOnSim, anUpgradeInvalidatesSlot4BeforeTheBootloaderAndWaits2sThen3sThen2s)
+{
+    loadApplication(false);
+    EXPECT_EQ(qxLoaderInit(0), 0);
+    EXPECT_EQ(log.levelOf(UPGRADING), 0);
+    // Slot 4: the image's digest, then the invalidated one; the image's twice more.
+    const auto writes = reports(PIC_HID_SEND_REPORT, QX_HID_CMD_SET_FLASH_VAL);
+    ASSERT_EQ(writes.size(), 4u);
+    for (size_t i = 0; i < writes.size(); ++i) {
+        auto digest = md5;
+        std::fill_n(digest.begin(), i == 1 ? 10 : 0, 0xFF);
+        EXPECT_TRUE(std::equal(digest.begin(), digest.begin() + 16, writes[i].begin() + QX_SLOT_BYTE_DATA)) << i;
+    }
+    // 2 s before the go-to-bootloader, 3 s after the erase, 2 s after programming;
+    // the others are the module reloads of the two USB resets.
+    EXPECT_THAT(simSleeps(), ElementsAre(2000000u, 2000000u, 2000000u, 3000000u, 2000000u, 2000000u, 2000000u));
+    const auto go = firstEvent(simEventKind::SEND, QX_HID_CMD_GOTO_BOOTLOADER);
+    ASSERT_TRUE(go != simEvents().begin() && go != simEvents().end());
+    EXPECT_EQ(go->atUs - (go - 1)->atUs, 2000000u);
 }
 
 } // namespace

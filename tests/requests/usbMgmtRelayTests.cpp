@@ -1,380 +1,189 @@
-// The dispatcher and the relays against the simulated appliance: which
-// handler a code reaches, the relay's waits, its matching rules and results.
-#include "logCapture.h"
-#include "simAppliance.h"
-#include "simInProcess.h"
-#include "sysSeam.h"
+// The dispatcher, the relays and the host-held tables against the simulated
+// appliance: the relay's waits, matching rules and results, the codes without
+// a handler, and the per-bay tables.
+#include "simFixture.h"
 #include "usbMgmt.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <cerrno>
-#include <map>
+#include <numeric>
+#include <span>
 #include <string>
-#include <vector>
-
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 namespace {
 
-constexpr std::array<uint64_t, 7> RELAY_WAITS = {2000, 500, 1000, 2000, 4000, 8000, 16000};
+const std::vector<uint64_t> RELAY_WAITS = {2000, 500, 1000, 2000, 4000, 8000, 16000};
+const std::string BAD_SEQ = "0 QX_TRACE_USB-*** usb cmd failed: Bad Sequence Number ***";
+const std::string READ_EIO = "6 qxUsbGetReport: ioctl(PIC_HID_GET_REPORT) failed - 'Input/output error'";
 
-void putLe32(uint8_t *p, uint32_t v)
-{
-    for (int i = 0; i < 4; ++i) {
-        p[i] = static_cast<uint8_t>(v >> (8 * i));
-    }
-}
-
-size_t countEvents(simEventKind kind)
-{
-    size_t n = 0;
-    for (const simEvent &e : simEvents()) {
-        n += e.kind == kind ? 1 : 0;
-    }
-    return n;
-}
-
-std::vector<uint64_t> waitsPrefix(size_t n)
-{
-    return {RELAY_WAITS.begin(), RELAY_WAITS.begin() + static_cast<std::ptrdiff_t>(n)};
-}
-
-// Fails the n-th report read from now on with EIO; everything else reaches the model.
-platformSysOps simOps;
-int getReportsLeft = 0;
-
-int failNthGetReport(int fd, unsigned long request, void *arg)
-{
-    if (request == PIC_HID_GET_REPORT && --getReportsLeft == 0) {
-        errno = EIO;
-        return -1;
-    }
-    return simOps.ioctl(fd, request, arg);
-}
-
-class usbMgmtRelayTest : public ::testing::Test {
+class usbMgmtTest : public simLinkTest {
 protected:
     void SetUp() override
     {
-        simInProcessInstall();
-        ASSERT_EQ(qxUsbInit(), 0);
-        // Keep 0 away from the tests that do not ask for it: a zero report would match it.
-        if (qxUsbGetState().seqNum >= 250) {
-            while (qxUsbGetState().seqNum != 0) {
-                qxUsbGetNextSeqNumber();
-            }
+        simLinkTest::SetUp();
+        while (qxUsbGetState().seqNum >= 250) {
+            qxUsbGetNextSeqNumber(); // keep 0 away: a zero report would match it
         }
-        simClearEvents();
-        simClearSleeps();
-        log.clear();
-        cmd.fill(0);
-        resp.fill(0xEE);
     }
-    void TearDown() override
+    // Dispatches code (bay in byte 3) with a response full of junk.
+    int32_t request(uint8_t code, uint8_t bay = 0)
     {
-        qxUsbCleanUp();
-        simInProcessUninstall();
+        cmd.fill(0);
+        cmd[QX_REPORT_CODE] = code;
+        cmd[QX_REPORT_PAYLOAD] = bay;
+        resp.fill(0xEE);
+        return usbMgmtCmd(cmd, resp);
     }
-
-    uint8_t nextSeq() const { return static_cast<uint8_t>(qxUsbGetState().seqNum + 1); }
-
-    logCapture log;
+    int indicator(uint8_t bay)
+    {
+        EXPECT_EQ(request(QX_HID_CMD_GET_FORCE_SHUT_DOWN_IND, bay), 0);
+        return resp[4];
+    }
     qxUsbBlock cmd{};
     qxUsbBlock resp{};
 };
 
-TEST_F(usbMgmtRelayTest, MatchingReplyOnFirstReadAfterOneWait)
+TEST_F(usbMgmtTest, RelayPollsAfterGrowingWaitsAndMatchesTheNumberThenTheCode)
 {
-    cmd[QX_REPORT_CODE] = QX_HID_CMD_SET_LEDS;
-    cmd[QX_REPORT_SEQ] = 0x77; // the client's number is replaced
-    for (size_t i = 3; i < 11; ++i) {
-        cmd[i] = static_cast<uint8_t>(0x30 + i);
-    }
-    cmd[40] = 0x5A;
-    cmd[66] = 0x66;
-    qxUsbBlock sent = cmd;
-    const uint8_t seq = nextSeq();
-
-    EXPECT_EQ(usbMgmtCmd(cmd, resp), 0);
-    sent[QX_REPORT_SEQ] = seq;
-    EXPECT_EQ(cmd, sent);
-    EXPECT_THAT(simSleeps(), ElementsAre(2000u));
-    EXPECT_THAT(log.texts(), IsEmpty());
-    EXPECT_EQ(resp[QX_REPORT_CODE], QX_HID_CMD_SET_LEDS);
-    EXPECT_EQ(resp[QX_REPORT_SEQ], seq);
-    EXPECT_EQ(resp[QX_REPORT_STATUS], 0);
-    for (size_t i = 3; i < 11; ++i) {
-        EXPECT_EQ(resp[i], cmd[i]) << i;
-    }
-    for (size_t i = 11; i < QX_BLOCK_SIZE; ++i) {
-        EXPECT_EQ(resp[i], 0) << i;
-    }
-    ASSERT_EQ(simEvents().size(), 2u);
-    EXPECT_EQ(simEvents()[0].kind, simEventKind::SEND);
-    EXPECT_EQ(simEvents()[0].seq, seq);
-    EXPECT_EQ(simEvents()[1].kind, simEventKind::GET_REPORT);
-}
-
-TEST_F(usbMgmtRelayTest, LateReplyIsFoundOnTheBackOffReads)
-{
-    // Two reads fail, the third returns the old report; the reply shows on the fourth.
-    simSetReplyDelayReads(1);
-    simFailIoctl(PIC_HID_GET_REPORT, EIO, 2);
-    cmd[QX_REPORT_CODE] = QX_HID_CMD_GET_FAN_SPEED;
-    const uint8_t seq = nextSeq();
-    EXPECT_EQ(usbMgmtCmd(cmd, resp), 0);
-    EXPECT_EQ(simSleeps(), waitsPrefix(4));
-    EXPECT_EQ(resp[QX_REPORT_CODE], QX_HID_CMD_GET_FAN_SPEED);
-    EXPECT_EQ(resp[QX_REPORT_SEQ], seq);
-    // Only the link's lines for the failed reads.
-    EXPECT_THAT(log.texts(), ElementsAre("qxUsbGetReport: ioctl(PIC_HID_GET_REPORT) failed - 'Input/output error'",
-                                         "qxUsbGetReport: ioctl(PIC_HID_GET_REPORT) failed - 'Input/output error'"));
-}
-
-TEST_F(usbMgmtRelayTest, SameCommandUnderAnotherNumberIsAcceptedAfterAllReads)
-{
-    simSetReplyFault(simReplyFault::WRONG_SEQ, 1);
-    cmd[QX_REPORT_CODE] = QX_HID_CMD_GET_STEALTH;
-    const uint8_t seq = nextSeq();
-    EXPECT_EQ(usbMgmtCmd(cmd, resp), 0);
-    EXPECT_EQ(simSleeps(), waitsPrefix(7));
-    EXPECT_EQ(countEvents(simEventKind::GET_REPORT), 7u);
-    EXPECT_EQ(resp[QX_REPORT_CODE], QX_HID_CMD_GET_STEALTH);
-    EXPECT_EQ(resp[QX_REPORT_SEQ], static_cast<uint8_t>(seq ^ 0x80));
-    EXPECT_THAT(log.texts(), IsEmpty());
-}
-
-TEST_F(usbMgmtRelayTest, AnotherCommandAndNumberGivesBadSequence)
-{
-    simSetReplyFault(simReplyFault::WRONG_CODE_SEQ, 1);
-    cmd[QX_REPORT_CODE] = QX_HID_CMD_GET_STEALTH;
-    const uint8_t seq = nextSeq();
-    EXPECT_EQ(usbMgmtCmd(cmd, resp), 1);
-    EXPECT_EQ(simSleeps(), waitsPrefix(7));
-    EXPECT_EQ(resp[QX_REPORT_CODE], QX_HID_CMD_GET_STEALTH ^ 0x80);
-    EXPECT_EQ(resp[QX_REPORT_SEQ], static_cast<uint8_t>(seq ^ 0x80));
-    ASSERT_EQ(log.lines().size(), 1u);
-    EXPECT_EQ(log.lines()[0].level, 0);
-    EXPECT_EQ(log.lines()[0].source, "usbMgmt");
-    EXPECT_EQ(log.lines()[0].text, "QX_TRACE_USB-*** usb cmd failed: Bad Sequence Number ***");
-
-    // No reply at all: the reads return the zero report, which answers nothing.
-    log.clear();
-    simClearSleeps();
-    simSetReplyFault(simReplyFault::NO_REPLY, 1);
-    simModuleUnload(); // forget the last report
-    simModuleLoad();
-    qxUsbCleanUp();
-    ASSERT_EQ(qxUsbInit(), 0);
-    log.clear();
-    EXPECT_EQ(usbMgmtCmd(cmd, resp), 1);
-    EXPECT_EQ(simSleeps(), waitsPrefix(7));
-    EXPECT_TRUE(log.contains("QX_TRACE_USB-*** usb cmd failed: Bad Sequence Number ***"));
-    for (uint8_t b : resp) {
-        EXPECT_EQ(b, 0);
+    const std::string sendFailed = "0 QX_TRACE_USB-*** usb cmd (48) failed ***(-1)";
+    struct {
+        const char *name;
+        void (*arrange)();
+        int32_t rc;
+        size_t reads;
+        char resp; // M: the reply, S: same code under another number, O: another code, Z: zeros, U: untouched
+        std::vector<std::string> lines;
+    } cases[] = {
+        {"no reply yet", [] { simSetReplyFault(simReplyFault::NO_REPLY, 1); }, 1, 7, 'Z', {BAD_SEQ}},
+        {"reply at once", [] {}, 0, 1, 'M', {}},
+        {"two failed reads, the old report, the reply",
+         [] { simSetReplyDelayReads(1); simFailIoctl(PIC_HID_GET_REPORT, EIO, 2); }, 0, 4, 'M', {READ_EIO, READ_EIO}},
+        {"another number", [] { simSetReplyFault(simReplyFault::WRONG_SEQ, 1); }, 0, 7, 'S', {}},
+        {"another code and number", [] { simSetReplyFault(simReplyFault::WRONG_CODE_SEQ, 1); }, 1, 7, 'O', {BAD_SEQ}},
+        {"read fails under number 0",
+         [] {
+             while (qxUsbGetState().seqNum != 255) {
+                 qxUsbGetNextSeqNumber();
+             }
+             simFailIoctl(PIC_HID_GET_REPORT, EIO, 1);
+         },
+         -1, 1, 'Z', {READ_EIO}},
+        {"send fails", [] { simFailIoctl(PIC_HID_SEND_REPORT, EIO, 1); }, -1, 0, 'U',
+         {"6 qxUsbCmd: ioctl(1079527424) failed - 'Input/output error'", sendFailed}},
+        {"link closed", qxUsbCleanUp, -1, 0, 'U', {"4 qxUsbCmd: device not open", sendFailed}},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        c.arrange();
+        forget();
+        const uint8_t seq = static_cast<uint8_t>(qxUsbGetState().seqNum + 1);
+        EXPECT_EQ(request(QX_HID_CMD_GET_STEALTH), c.rc);
+        EXPECT_EQ(cmd[QX_REPORT_SEQ], seq);
+        EXPECT_EQ(simSleeps(), std::vector(RELAY_WAITS.begin(), RELAY_WAITS.begin() + c.reads));
+        EXPECT_EQ(leveled(), c.lines);
+        if (c.resp == 'Z' || c.resp == 'U') {
+            EXPECT_TRUE(allAre(resp, c.resp == 'Z' ? 0 : 0xEE));
+        } else {
+            EXPECT_EQ(resp[QX_REPORT_CODE], QX_HID_CMD_GET_STEALTH ^ (c.resp == 'O' ? 0x80 : 0));
+            EXPECT_EQ(resp[QX_REPORT_SEQ], seq ^ (c.resp == 'M' ? 0 : 0x80)); // the last report read
+            EXPECT_TRUE(allAre(std::span(resp).subspan(QX_REPORT_SIZE), 0));
+        }
     }
 }
 
-TEST_F(usbMgmtRelayTest, FailedLastReadIsTheResult)
+TEST_F(usbMgmtTest, GotoThroughTheRelayResetsSoItsFirstReadReopensTheLink)
 {
-    simOps = platformSys;
-    platformSys.ioctl = failNthGetReport;
-    getReportsLeft = 7;
-    simSetReplyFault(simReplyFault::NO_REPLY, 1);
-    cmd[QX_REPORT_CODE] = QX_HID_CMD_GET_USB3_ENABLE;
-    EXPECT_EQ(usbMgmtCmd(cmd, resp), -1);
-    EXPECT_EQ(simSleeps(), waitsPrefix(7));
-    EXPECT_THAT(log.texts(), ElementsAre("qxUsbGetReport: ioctl(PIC_HID_GET_REPORT) failed - 'Input/output error'"));
-    for (uint8_t b : resp) {
-        EXPECT_EQ(b, 0);
-    }
-}
-
-TEST_F(usbMgmtRelayTest, FailedReadUnderNumberZeroEndsThePollingAtOnce)
-{
-    while (qxUsbGetState().seqNum != 255) {
-        qxUsbGetNextSeqNumber();
-    }
-    simFailIoctl(PIC_HID_GET_REPORT, EIO, 1);
-    cmd[QX_REPORT_CODE] = QX_HID_CMD_GET_STEALTH;
-    EXPECT_EQ(usbMgmtCmd(cmd, resp), -1);
-    EXPECT_EQ(cmd[QX_REPORT_SEQ], 0);
-    EXPECT_THAT(simSleeps(), ElementsAre(2000u));
-    for (uint8_t b : resp) {
-        EXPECT_EQ(b, 0);
-    }
-    EXPECT_THAT(log.texts(), ElementsAre("qxUsbGetReport: ioctl(PIC_HID_GET_REPORT) failed - 'Input/output error'"));
-}
-
-TEST_F(usbMgmtRelayTest, FailedSendLeavesTheResponseAlone)
-{
-    simFailIoctl(PIC_HID_SEND_REPORT, EIO, 1);
-    cmd[QX_REPORT_CODE] = QX_HID_CMD_BUZZER_ON;
-    const uint8_t seq = nextSeq();
-    EXPECT_EQ(usbMgmtCmd(cmd, resp), -1);
-    EXPECT_EQ(cmd[QX_REPORT_SEQ], seq);
-    EXPECT_THAT(simSleeps(), IsEmpty());
-    for (uint8_t b : resp) {
-        EXPECT_EQ(b, 0xEE);
-    }
-    ASSERT_EQ(log.lines().size(), 2u);
-    EXPECT_EQ(log.lines()[0].text, "qxUsbCmd: ioctl(1079527424) failed - 'Input/output error'");
-    EXPECT_EQ(log.lines()[1].level, 0);
-    EXPECT_EQ(log.lines()[1].source, "usbMgmt");
-    EXPECT_EQ(log.lines()[1].text, "QX_TRACE_USB-*** usb cmd (27) failed ***(-1)");
-
-    // A closed link fails the same way.
-    qxUsbCleanUp();
-    log.clear();
-    EXPECT_EQ(usbMgmtCmd(cmd, resp), -1);
-    EXPECT_THAT(log.texts(), ElementsAre("qxUsbCmd: device not open", "QX_TRACE_USB-*** usb cmd (27) failed ***(-1)"));
-}
-
-TEST_F(usbMgmtRelayTest, GotoThroughTheRelayResetsThenReopensOnTheFirstRead)
-{
-    cmd[QX_REPORT_CODE] = QX_HID_CMD_GOTO_BOOTLOADER;
-    EXPECT_EQ(usbMgmtCmd(cmd, resp), 1);
-    ASSERT_GE(simSleeps().size(), 3u);
-    EXPECT_EQ(simSleeps()[0], 2000000u);
-    EXPECT_EQ(simSleeps()[1], 2000000u);
-    std::vector<uint64_t> relayWaits(simSleeps().begin() + 2, simSleeps().end());
-    EXPECT_EQ(relayWaits, waitsPrefix(7));
-    EXPECT_THAT(simCommands(), ElementsAre("rmmod picdev", "modprobe picdev"));
-    EXPECT_TRUE(log.contains("qxUsbGetReport: ioctl(PIC_HID_GET_REPORT) failed - 'Bad file descriptor'"));
+    EXPECT_EQ(request(QX_HID_CMD_GOTO_BOOTLOADER), 1);
+    std::vector<uint64_t> expected = {2000000, 2000000}; // the module unloaded and loaded again
+    expected.insert(expected.end(), RELAY_WAITS.begin(), RELAY_WAITS.end());
+    EXPECT_EQ(simSleeps(), expected);
     EXPECT_TRUE(log.contains("qxUsbGetReport: re-opening device file (errCnt=1)"));
-    EXPECT_TRUE(log.contains("QX_TRACE_USB-*** usb cmd failed: Bad Sequence Number ***"));
-    EXPECT_GE(qxUsbGetState().fd, 0);
-    EXPECT_EQ(simGetMode(), simMode::BOOTLOADER);
+    EXPECT_EQ(leveled().back(), BAD_SEQ);
 }
 
-TEST_F(usbMgmtRelayTest, DriverRequestGoesAsNamedWithoutNumberOrReport)
+TEST_F(usbMgmtTest, CodesWithoutHandlerGive8AndCode38GoesToTheDriverAsNamed)
 {
+    const std::string unknown = "0 QX_TRACE_USB-ERROR: UNKNOWN USB FUNCTION!";
+    for (uint8_t code : {0, 1, 8, 15, 64, 200, 255}) {
+        log.clear();
+        EXPECT_EQ(request(code), 8) << int(code);
+        EXPECT_EQ(cmd, (qxUsbBlock{code})) << int(code); // no sequence number drawn
+        EXPECT_TRUE(allAre(resp, 0xEE)) << int(code);
+        EXPECT_EQ(leveled("usbMgmt"), code < 64 ? std::vector{unknown} : std::vector<std::string>{}) << int(code);
+    }
+    EXPECT_THAT(simEvents(), IsEmpty());
+
+    // No sequence number, no report read, resp untouched.
     cmd[QX_REPORT_CODE] = QX_HID_CMD_IO_CMD;
-    cmd[QX_REPORT_SEQ] = 0x77;
     putLe32(&cmd[3], PIC_HID_ERASE_FPGA);
     const qxUsbBlock sent = cmd;
-    const uint8_t seqBefore = qxUsbGetState().seqNum;
     EXPECT_EQ(usbMgmtCmd(cmd, resp), 0);
     EXPECT_EQ(cmd, sent);
-    EXPECT_EQ(qxUsbGetState().seqNum, seqBefore);
-    for (uint8_t b : resp) {
-        EXPECT_EQ(b, 0xEE);
-    }
+    EXPECT_TRUE(allAre(resp, 0xEE));
     EXPECT_THAT(simSleeps(), IsEmpty());
-    ASSERT_EQ(simEvents().size(), 1u);
-    EXPECT_EQ(simEvents()[0].kind, simEventKind::DRIVER);
+    ASSERT_THAT(simKinds(), ElementsAre(simEventKind::DRIVER));
     EXPECT_EQ(simEvents()[0].request, PIC_HID_ERASE_FPGA);
-    EXPECT_EQ(simEvents()[0].seq, 0x77);
-    EXPECT_THAT(log.texts(), IsEmpty());
-
-    simFailIoctl(PIC_HID_ERASE_FPGA, EIO, 1);
-    EXPECT_EQ(usbMgmtCmd(cmd, resp), -1);
-    EXPECT_THAT(log.texts(), ElementsAre("qxUsbCmd: ioctl(18437) failed - 'Input/output error'"));
 }
 
-TEST_F(usbMgmtRelayTest, CodesOutsideTheTableAreSilentAndTouchNothing)
+TEST_F(usbMgmtTest, ForceShutDownIndicatorIsKeptForValidBaysOnly)
 {
-    for (int code : {64, 100, 255}) {
-        cmd.fill(0x11);
-        cmd[QX_REPORT_CODE] = static_cast<uint8_t>(code);
-        const qxUsbBlock sentCmd = cmd;
-        const qxUsbBlock sentResp = resp;
-        const uint8_t seqBefore = qxUsbGetState().seqNum;
-        EXPECT_EQ(usbMgmtCmd(cmd, resp), 8) << code;
-        EXPECT_EQ(cmd, sentCmd);
-        EXPECT_EQ(resp, sentResp);
-        EXPECT_EQ(qxUsbGetState().seqNum, seqBefore);
+    for (uint8_t bay : {3, 0, 9, 15, 22}) {
+        SCOPED_TRACE(bay);
+        EXPECT_EQ(request(QX_HID_CMD_FORCE_DRIVE_BAY_SHUT_DOWN, bay), 0);
+        EXPECT_EQ(resp, (qxUsbBlock{QX_HID_CMD_FORCE_DRIVE_BAY_SHUT_DOWN, cmd[QX_REPORT_SEQ]})); // status 0, no payload
+        EXPECT_EQ(request(QX_HID_CMD_GET_FORCE_SHUT_DOWN_IND, bay), 0);
+        EXPECT_EQ(resp, (qxUsbBlock{QX_HID_CMD_GET_FORCE_SHUT_DOWN_IND, cmd[QX_REPORT_SEQ], 0, bay, 1}));
+        EXPECT_EQ(request(QX_HID_CMD_RESUME_DRIVE_BAY_OPERATION, bay), 0);
+        EXPECT_EQ(resp, (qxUsbBlock{QX_HID_CMD_RESUME_DRIVE_BAY_OPERATION, cmd[QX_REPORT_SEQ]}));
+        EXPECT_EQ(indicator(bay), 0);
     }
+    // Refused: -1 and status 0xFF behind the header; the table stays as it was.
+    EXPECT_EQ(request(QX_HID_CMD_FORCE_DRIVE_BAY_SHUT_DOWN, 5), 0);
+    for (uint8_t bay : {10, 12, 14, 23, 255}) {
+        for (uint8_t code : {QX_HID_CMD_FORCE_DRIVE_BAY_SHUT_DOWN, QX_HID_CMD_RESUME_DRIVE_BAY_OPERATION,
+                             QX_HID_CMD_GET_FORCE_SHUT_DOWN_IND}) {
+            EXPECT_EQ(request(code, bay), -1) << int(code) << " bay " << int(bay);
+            EXPECT_EQ(resp, (qxUsbBlock{code, cmd[QX_REPORT_SEQ], 0xFF})) << int(code) << " bay " << int(bay);
+        }
+    }
+    EXPECT_EQ(indicator(5), 1);
+    EXPECT_EQ(indicator(9), 0);
+    EXPECT_EQ(request(QX_HID_CMD_RESUME_DRIVE_BAY_OPERATION, 5), 0);
     EXPECT_THAT(log.texts(), IsEmpty());
-    EXPECT_THAT(simEvents(), IsEmpty());
 }
 
-TEST_F(usbMgmtRelayTest, UnassignedCodesAreLoggedAndTouchNothing)
+TEST_F(usbMgmtTest, DaemonDetectBytesAreKeptForTheValidBaysOnly)
 {
-    for (int code : {0, 1, 2, 3, 4, 5, 6, 7, 8, 15}) {
-        log.clear();
-        cmd.fill(0x11);
-        cmd[QX_REPORT_CODE] = static_cast<uint8_t>(code);
-        const qxUsbBlock sentCmd = cmd;
-        const qxUsbBlock sentResp = resp;
-        EXPECT_EQ(usbMgmtCmd(cmd, resp), 8) << code;
-        EXPECT_EQ(cmd, sentCmd);
-        EXPECT_EQ(resp, sentResp);
-        ASSERT_EQ(log.lines().size(), 1u) << code;
-        EXPECT_EQ(log.lines()[0].level, 0);
-        EXPECT_EQ(log.lines()[0].source, "usbMgmt");
-        EXPECT_EQ(log.lines()[0].text, "QX_TRACE_USB-ERROR: UNKNOWN USB FUNCTION!");
+    cmd[QX_REPORT_CODE] = QX_HID_CMD_SET_XML_DAEMON_DETECT;
+    std::iota(cmd.begin() + 3, cmd.begin() + 27, uint8_t{0x40}); // byte 26 is past the last bay
+    EXPECT_EQ(usbMgmtCmd(cmd, resp), 0);
+    EXPECT_TRUE(allAre(std::span(resp).subspan(QX_REPORT_STATUS), 0));
+    EXPECT_EQ(indicator(3), 0); // the two tables are apart, both ways
+    EXPECT_EQ(request(QX_HID_CMD_RESUME_DRIVE_BAY_OPERATION, 3), 0);
+    EXPECT_EQ(request(QX_HID_CMD_GET_XML_DAEMON_DETECT), 0);
+    EXPECT_EQ(resp[QX_REPORT_STATUS], 0);
+    for (size_t i = 3; i < QX_BLOCK_SIZE; ++i) {
+        const bool bay = i <= 12 || (i >= 18 && i <= 25);
+        EXPECT_EQ(resp[i], bay ? static_cast<uint8_t>(0x40 + i - 3) : 0) << "byte " << i;
     }
-    EXPECT_THAT(simEvents(), IsEmpty());
 }
 
-TEST_F(usbMgmtRelayTest, EveryCodeReachesTheHandlerTheTableNames)
+TEST_F(usbMgmtTest, HostHeldAnswersUseUpASequenceNumberAlthoughNothingIsSent)
 {
-    std::map<int, usbMgmtHandler> expected;
-    auto set = [&expected](int first, int last, usbMgmtHandler h) {
-        for (int c = first; c <= last; ++c) {
-            expected[c] = h;
-        }
-    };
-    set(0, 8, netUsbFuncUnknown);
-    set(9, 11, netUsbFuncGeneric);
-    set(13, 14, netUsbFuncGeneric);
-    set(15, 15, netUsbFuncUnknown);
-    set(16, 21, netUsbFuncGeneric);
-    set(22, 22, netUsbFuncSetXmlDaemonDetect);
-    set(23, 23, netUsbFuncGetXmlDaemonDetect);
-    set(24, 29, netUsbFuncGeneric);
-    set(30, 30, netUsbFuncForceDriveBayShutDown);
-    set(31, 31, netUsbFuncResumeDrvBayOperation);
-    set(32, 32, netUsbFuncGetForceShutDownInd);
-    set(33, 36, netUsbFuncGeneric);
-    set(38, 38, netUsbFuncIoGenericCmd);
-    set(40, 54, netUsbFuncGeneric);
-    set(60, 63, netUsbFuncGeneric);
-    for (int code = 0; code < 64; ++code) {
-        auto it = expected.find(code);
-        if (it != expected.end()) {
-            EXPECT_EQ(networkUsbFuncTable[static_cast<size_t>(code)], it->second) << "code " << code;
-        }
-    }
-
-    // Codes whose handlers are still to come answer 8 without the unknown line
-    // and without touching the link or the blocks.
-    for (int code : {12, 37, 39, 55, 56, 57, 58, 59}) {
-        const usbMgmtHandler h = networkUsbFuncTable[static_cast<size_t>(code)];
-        EXPECT_NE(h, nullptr);
-        EXPECT_NE(h, netUsbFuncUnknown);
-        EXPECT_NE(h, netUsbFuncGeneric);
-        cmd.fill(0x22);
-        cmd[QX_REPORT_CODE] = static_cast<uint8_t>(code);
-        const qxUsbBlock sentCmd = cmd;
-        const qxUsbBlock sentResp = resp;
-        EXPECT_EQ(usbMgmtCmd(cmd, resp), 8) << code;
-        EXPECT_EQ(cmd, sentCmd);
-        EXPECT_EQ(resp, sentResp);
-    }
-    EXPECT_THAT(log.texts(), IsEmpty());
-    EXPECT_THAT(simEvents(), IsEmpty());
-
-    // Each relayed code reaches the microcontroller and comes back answered.
-    for (const auto &[code, handler] : expected) {
-        if (handler != netUsbFuncGeneric || code == QX_HID_CMD_GOTO_APPLICATION ||
-            code == QX_HID_CMD_GOTO_BOOTLOADER) {
-            continue; // the GOTO pair restarts the firmware: covered on its own
-        }
-        simClearEvents();
-        cmd.fill(0);
-        cmd[QX_REPORT_CODE] = static_cast<uint8_t>(code);
-        EXPECT_EQ(usbMgmtCmd(cmd, resp), 0) << code;
-        ASSERT_FALSE(simEvents().empty());
-        EXPECT_EQ(simEvents()[0].kind, simEventKind::SEND) << code;
-        EXPECT_EQ(simEvents()[0].code, code);
+    for (uint8_t code : {QX_HID_CMD_SET_XML_DAEMON_DETECT, QX_HID_CMD_GET_XML_DAEMON_DETECT,
+                         QX_HID_CMD_FORCE_DRIVE_BAY_SHUT_DOWN, QX_HID_CMD_RESUME_DRIVE_BAY_OPERATION,
+                         QX_HID_CMD_GET_FORCE_SHUT_DOWN_IND}) {
+        const uint8_t seq = static_cast<uint8_t>(qxUsbGetState().seqNum + 1);
+        EXPECT_EQ(request(code, 7), 0) << int(code);
         EXPECT_EQ(resp[QX_REPORT_CODE], code);
-        EXPECT_EQ(resp[QX_REPORT_SEQ], cmd[QX_REPORT_SEQ]);
+        EXPECT_EQ(cmd[QX_REPORT_SEQ], seq);
+        EXPECT_EQ(resp[QX_REPORT_SEQ], seq);
     }
+    EXPECT_EQ(request(QX_HID_CMD_GET_FORCE_SHUT_DOWN_IND, 12), -1); // a refused bay draws one too
+    const uint8_t last = cmd[QX_REPORT_SEQ];
+    EXPECT_THAT(simEvents(), IsEmpty());
+    EXPECT_THAT(log.texts(), IsEmpty());
+    // The next relayed request carries the number after them.
+    EXPECT_EQ(request(QX_HID_CMD_GET_STEALTH), 0);
+    EXPECT_EQ(simEvents()[0].seq, static_cast<uint8_t>(last + 1));
 }
 
 } // namespace

@@ -1,59 +1,51 @@
-// Support for the system tests: running tarnhold-sim around a command and
-// reading back what it leaves (state file, event log).
+// Running a command inside tarnhold-sim from a test in a mount namespace of
+// its own (daemonHarnessIsolate), and reading what the simulated appliance saw.
 #pragma once
 
-#include <cstdint>
+#include "daemonHarness.h"
+#include "uniqueFd.h"
+
+#include <sstream>
 #include <string>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <vector>
 
-// When this variable is set, the test binary does not run tests: it runs
-// the probe script it holds against the emulated node and exits. Steps are
-// separated by ';', one output line each (see simProbe.cpp).
-constexpr const char *SYSTEM_PROBE_ENV = "TARNHOLD_SIM_PROBE";
+constexpr const char *SYSTEM_CONTROL = "/tmp/sim-control";
+constexpr const char *SYSTEM_EVENTS = "/tmp/sim-events"; // the model's event list, written when the sim ends
+constexpr const char *SYSTEM_PROBE_ARG = "--sim-probe";   // makes the test binary the probe (simProbe.cpp)
 
-struct systemRun {
-    int status = -1; // exit status, 128+N for signal N, -1 when it did not end in time
-    std::string out;
-    std::string err;
-};
+inline daemonHarnessCommand systemOnSim(const std::vector<std::string> &simArgs, std::vector<std::string> args)
+{
+    daemonHarnessCommand command;
+    command.wrapper = {TARNHOLD_SIM_BINARY, "--control", SYSTEM_CONTROL, "--log", SYSTEM_EVENTS};
+    command.wrapper.insert(command.wrapper.end(), simArgs.begin(), simArgs.end());
+    command.wrapper.push_back("--");
+    command.args = std::move(args);
+    return command;
+}
 
-// A directory of the test's own, removed with everything in it.
-class systemTempDir {
-public:
-    systemTempDir();
-    ~systemTempDir();
-    systemTempDir(const systemTempDir &) = delete;
-    systemTempDir &operator=(const systemTempDir &) = delete;
-    const std::string &path() const { return path_; }
-    std::string file(const std::string &name) const { return path_ + "/" + name; }
+// How often `line` starts a line of `text`.
+inline size_t systemCountLines(const std::string &text, const std::string &line)
+{
+    std::istringstream in(text);
+    size_t n = 0;
+    for (std::string each; std::getline(in, each);) {
+        n += each.rfind(line, 0) == 0 ? 1 : 0;
+    }
+    return n;
+}
 
-private:
-    std::string path_;
-};
-
-// Runs argv to its end with its output captured; `env` entries are
-// "NAME=value" added for the child.
-systemRun systemRunCommand(const std::vector<std::string> &argv, const std::vector<std::string> &env = {},
-                           int timeoutMs = 60000);
-
-// tarnhold-sim with `simArgs`, around this test binary running `probe`.
-systemRun systemRunProbe(const std::vector<std::string> &simArgs, const std::string &probe, int timeoutMs = 60000);
-
-// Output lines without their line ends.
-std::vector<std::string> systemLines(const std::string &text);
-
-// The event log's lines, each cut to its first `fields` words (kind first).
-std::vector<std::string> systemEvents(const std::string &logText, size_t fields = 3);
-
-// One Intel HEX record with its line end.
-std::string systemHexRecord(uint8_t type, uint16_t address, const std::vector<uint8_t> &data);
-// A whole Intel HEX file putting `image` at flash address 0x1D010000 on, in
-// 16-byte records.
-std::string systemHexFile(const std::vector<uint8_t> &image);
-
-// One command on a tarnhold-sim control socket; its whole answer, the final
-// "ok" or "error: ..." line included ("" when it cannot be reached).
-std::string systemControl(const std::string &socketPath, const std::string &line);
-
-std::string systemReadFile(const std::string &path);
-bool systemWriteFile(const std::string &path, const std::string &text);
+// One control command; true when tarnhold-sim answers "ok".
+inline bool systemControl(const std::string &line)
+{
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::string(SYSTEM_CONTROL).copy(addr.sun_path, sizeof(addr.sun_path) - 1);
+    const uniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const std::string request = line + "\n";
+    char reply[3] = {};
+    return ::connect(fd.get(), reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) == 0 &&
+           ::write(fd.get(), request.data(), request.size()) == static_cast<ssize_t>(request.size()) &&
+           ::recv(fd.get(), reply, sizeof(reply), MSG_WAITALL) == 3 && std::string(reply, 3) == "ok\n";
+}

@@ -1,0 +1,76 @@
+// The device link open on the in-process simulated appliance, and helpers
+// shared by the link and request tests.
+#pragma once
+
+#include "logCapture.h"
+#include "qxUsb.h"
+#include "simAppliance.h"
+#include "simInProcess.h"
+#include "sysSeam.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <string>
+#include <vector>
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+// The captured lines of one module (all when empty) as "level text".
+inline std::vector<std::string> leveled(const std::string &source = "")
+{
+    std::vector<std::string> out;
+    for (const capturedLogLine &l : logCapture::lines()) {
+        if (source.empty() || l.source == source) {
+            out.push_back(std::to_string(l.level) + " " + l.text);
+        }
+    }
+    return out;
+}
+
+inline std::vector<simEventKind> simKinds()
+{
+    std::vector<simEventKind> out;
+    for (const simEvent &e : simEvents()) {
+        out.push_back(e.kind);
+    }
+    return out;
+}
+
+template <typename Bytes> bool allAre(const Bytes &bytes, uint8_t v)
+{
+    return std::all_of(std::begin(bytes), std::end(bytes), [v](uint8_t b) { return b == v; });
+}
+
+inline void putLe32(uint8_t *p, uint32_t v)
+{
+    for (int i = 0; i < 4; ++i) {
+        p[i] = static_cast<uint8_t>(v >> (8 * i));
+    }
+}
+
+class simLinkTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        simInProcessInstall();
+        ASSERT_EQ(qxUsbInit(), 0);
+        forget();
+    }
+    void TearDown() override
+    {
+        qxUsbCleanUp();
+        simInProcessUninstall();
+    }
+    // Only what comes next is looked at.
+    void forget()
+    {
+        simClearEvents();
+        simClearSleeps();
+        log.clear();
+    }
+    logCapture log;
+};
