@@ -69,7 +69,7 @@ int tarnholdSimControlModuleCommand(int argc, char **argv);
 // The event list as text, one line per event.
 std::string tarnholdSimControlEventText();
 
-// Help text of the control commands and fault specifications.
+// Help text of the control commands and fault descriptions.
 const char *tarnholdSimControlUsage();
 
 // ---- Flash images -------------------------------------------------------------

@@ -1,6 +1,6 @@
 // Control of tarnhold-sim: the command lines that the control socket, the
 // module commands and the start-up options share, the fault
-// specifications, and the event list as text.
+// descriptions, and the event list as text.
 #include "tarnholdSim.h"
 
 #include "qxUsb.h"
