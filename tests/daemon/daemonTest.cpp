@@ -6,6 +6,7 @@
 #include "sysSeam.h"
 #include "uniqueFd.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -14,7 +15,6 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <regex>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
@@ -24,6 +24,8 @@ namespace {
 
 namespace fs = std::filesystem;
 using strings = std::vector<std::string>;
+using ::testing::Contains;
+using ::testing::MatchesRegex;
 
 struct {
     uint64_t nowUs = 0;
@@ -191,9 +193,6 @@ TEST(mainTestPattern, BlockKHoldsKMod256AndTheLastEightBytesStayZero)
 constexpr const char *PID_FILE = "/var/run/tarnhold.pid";
 constexpr const char *APP_HEX = "/tmp/app.hex";
 constexpr const char *APP_INPUT_LINE = "platform input: /tmp/app.hex";
-constexpr const char *FIFO_EXISTS_LINE = "/tmp/qx-usb-daemon-fifo already exist, don't have to create it again!";
-
-bool contains(const strings &texts, const std::string &text) { return std::ranges::count(texts, text) > 0; }
 
 class daemonProcessTest : public ::testing::Test {
 protected:
@@ -221,7 +220,7 @@ TEST_F(daemonProcessTest, ServesCodesWithoutHandlerWithResult8OnlyReportsSigpipe
 {
     daemonHarness daemon;
     startServing(daemon, {"--file", APP_HEX}, 077);
-    EXPECT_TRUE(std::regex_match(daemon.stdoutText(), std::regex("fdDaemon: \\d+, fdDummy: \\d+\n")));
+    EXPECT_THAT(daemon.stdoutText(), MatchesRegex("fdDaemon: [0-9]+, fdDummy: [0-9]+\n"));
     EXPECT_TRUE(fs::is_fifo(USB_DAEMON_FIFO) && fs::status(USB_DAEMON_FIFO).permissions() == fs::perms(0666));
     for (uint8_t code : {200, 64, 255}) {
         usbDaemonRequest r = daemonHarnessRecord(code);
@@ -280,8 +279,8 @@ TEST_F(daemonProcessTest, HelpAndBadOptionsPrintTheUsageAndExitZeroBeforeDaemonS
         daemonHarness daemon;
         EXPECT_EQ(daemon.runToEnd({.args = args}), 0);
         EXPECT_TRUE(daemon.stderrText().ends_with(usage)) << daemon.stderrText();
-        EXPECT_EQ(contains(daemon.logTexts("main"), std::string(TARNHOLD_BINARY) + " started in daemon mode"),
-                  args[0] == "--daemon");
+        std::string started = std::string(TARNHOLD_BINARY) + " started in daemon mode";
+        EXPECT_THAT(daemon.logTexts("main"), Contains(started).Times(args[0] == "--daemon" ? 1 : 0));
         EXPECT_FALSE(fs::exists(PID_FILE) || fs::exists(USB_DAEMON_FIFO));
     }
 }
@@ -292,7 +291,6 @@ TEST_F(daemonProcessTest, StartUpFailuresStopWithStatus1)
         strings args; // on the appliance when given
         std::string mainLine;
     } cases[] = {
-        {{"--file", "/tmp/missing.hex"}, "usbMgmtInit: failed"},
         // Only a refused name: as if none was given, and the platform's firmware file is not there.
         {{"--file", "/" + std::string(294, 'x')}, "usbMgmtInit: failed"},
         {{}, "Error creating USB_DAEMON_FIFO: Read-only file system"},
@@ -304,7 +302,7 @@ TEST_F(daemonProcessTest, StartUpFailuresStopWithStatus1)
         daemonHarness daemon;
         EXPECT_EQ(daemon.runToEnd(c.args.empty() ? daemonHarnessCommand{} : daemonHarnessOnAppliance(APP_HEX, c.args)),
                   1);
-        EXPECT_TRUE(contains(daemon.logTexts("main"), c.mainLine)) << daemon.stderrText();
+        EXPECT_THAT(daemon.logTexts("main"), Contains(c.mainLine)) << daemon.stderrText();
         EXPECT_EQ(daemon.logTexts("daemon"), strings{"tarnhold(EXIT) stopped"});
         EXPECT_EQ(fs::is_fifo(USB_DAEMON_FIFO), !c.args.empty()) << "a made FIFO is left in place";
         EXPECT_FALSE(fs::exists(PID_FILE));
@@ -319,7 +317,8 @@ TEST_F(daemonProcessTest, SigtermKeepsTheFifoOtherExitSignalsLeaveACrashLogAndRe
         daemonHarness daemon;
         startServing(daemon);
         ASSERT_TRUE(serves(daemon));
-        EXPECT_EQ(contains(daemon.logTexts("main"), FIFO_EXISTS_LINE), fifoLeft);
+        std::string exists = "/tmp/qx-usb-daemon-fifo already exist, don't have to create it again!";
+        EXPECT_THAT(daemon.logTexts("main"), Contains(exists).Times(fifoLeft ? 1 : 0));
         std::string crashLog = "/var/crash/tarnhold-" + std::to_string(daemon.daemonPid()) + "-" +
                                std::to_string(sig) + ".log";
         ASSERT_TRUE(daemon.signalDaemon(sig));

@@ -1,15 +1,13 @@
-// The firmware image loader: record rules on hand-made HEX files, and files
-// that srec_cat, objcopy and real PIC32 projects wrote, held against
-// srec_cat's picture of the flash range and md5sum's digest.
+// The firmware image loader: record rules on hand-made HEX files, and files that srec_cat, objcopy and real
+// PIC32 projects wrote, held against srec_cat's picture of the flash range and their MD5.
 #include "qxFile.h"
 
 #include "logCapture.h"
 
 #include <gtest/gtest.h>
+#include <openssl/evp.h>
 
 #include <algorithm>
-#include <array>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -29,26 +27,24 @@ const std::string FF_ROW = "QX_TRACE_FILE- ff ff ff ff ff ff ff ff ff ff ff ff f
 const std::string NO_COLON = "QX_TRACE_PRINTF-ERROR: no leading ':' in row";
 const std::string CHECKSUM = "QX_TRACE_PRINTF-ERROR: Checksum error";
 const std::string SHORT = "QX_TRACE_PRINTF-ERROR: short row: "; // a record shorter than its count
-const std::string HEX_DIR = std::string(TARNHOLD_TESTDATA) + "/hex/";
 
-std::string hexByte(uint32_t value)
+std::string hex(const bytes &data)
 {
-    char text[3];
-    snprintf(text, sizeof text, "%02X", value & 0xFF);
+    std::string text;
+    for (uint8_t b : data) {
+        text += {"0123456789abcdef"[b >> 4], "0123456789abcdef"[b & 15]};
+    }
     return text;
 }
 
-// One record with a correct checksum.
+// One record with a correct checksum, in lower case.
 std::string record(uint8_t type, uint16_t address, const bytes &data)
 {
-    const auto n = static_cast<uint32_t>(data.size());
-    std::string text = ":" + hexByte(n) + hexByte(address >> 8) + hexByte(address) + hexByte(type);
-    uint32_t sum = n + (address >> 8) + address + type;
-    for (uint8_t b : data) {
-        text += hexByte(b);
-        sum += b;
-    }
-    return text + hexByte(0x100 - (sum & 0xFF));
+    bytes row{static_cast<uint8_t>(data.size()), static_cast<uint8_t>(address >> 8), static_cast<uint8_t>(address),
+              type};
+    row.insert(row.end(), data.begin(), data.end());
+    row.push_back(static_cast<uint8_t>(-std::accumulate(row.begin(), row.end(), 0)));
+    return ":" + hex(row);
 }
 
 std::string upper(uint16_t value)
@@ -68,30 +64,10 @@ bytes counting(size_t n, uint8_t first = 0)
     return data;
 }
 
-bytes readBytes(const std::string &path)
-{
-    std::ifstream in(path, std::ios::binary);
-    return bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-void writeBytes(const std::string &path, const bytes &data)
-{
-    std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char *>(data.data()), std::ssize(data));
-}
-
 class qxFileTest : public testing::Test {
 protected:
-    void SetUp() override
-    {
-        char pattern[] = "/tmp/qxFileTest.XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        dir = pattern;
-    }
-    void TearDown() override
-    {
-        std::filesystem::remove_all(dir);
-        qxFileReset();
-    }
+    void SetUp() override { ASSERT_NE(mkdtemp(dir.data()), nullptr); }
+    void TearDown() override { std::filesystem::remove_all(dir); }
 
     std::string path(const std::string &name) const { return dir + "/" + name; }
     void run(const std::string &command) const
@@ -112,35 +88,27 @@ protected:
     }
     int32_t load(const std::string &text, bool fresh = true)
     {
-        const std::string file = path("f" + std::to_string(files++) + ".hex");
+        const std::string file = path("f.hex");
         std::ofstream(file, std::ios::binary) << text;
         return loadPath(file, fresh);
     }
 
     bytes image() const { return bytes(qxFileGetData(), qxFileGetData() + QX_FLASH_SIZE); }
-    // The held length and MD5 (lower-case hex); the second half of the digest field stays zero.
+    // The held length and the whole digest field.
     static std::string held()
     {
         int32_t len = -1;
-        std::array<uint8_t, QX_FILE_DIGEST_SIZE> digest;
-        digest.fill(0xAA);
+        bytes digest(QX_FILE_DIGEST_SIZE, 0xAA);
         qxFileGetMd5AndLen(&len, digest.data());
-        EXPECT_TRUE(std::all_of(digest.begin() + 16, digest.end(), [](uint8_t b) { return b == 0; }));
-        std::string text = std::to_string(len) + " ";
-        for (size_t i = 0; i < 16; ++i) {
-            text += "0123456789abcdef"[digest[i] >> 4];
-            text += "0123456789abcdef"[digest[i] & 15];
-        }
-        return text;
+        return std::to_string(len) + " " + hex(digest);
     }
-    // What held() should say: md5sum over the first `len` bytes of the flash range, zeros behind it.
-    std::string md5Of(bytes data, int32_t len) const
+    // What held() should say: the MD5 of the first `len` bytes (zeros behind the range), the field's rest zero.
+    static std::string md5Of(bytes data, int32_t len)
     {
         data.resize(static_cast<size_t>(len), 0);
-        writeBytes(path("md5.bin"), data);
-        run("md5sum md5.bin > md5.txt");
-        const bytes sum = readBytes(path("md5.txt"));
-        return std::to_string(len) + " " + std::string(sum.begin(), sum.begin() + std::min<size_t>(32, sum.size()));
+        bytes md5(QX_FILE_DIGEST_SIZE, 0);
+        EXPECT_EQ(EVP_Digest(data.data(), data.size(), md5.data(), nullptr, EVP_md5(), nullptr), 1);
+        return std::to_string(len) + " " + hex(md5);
     }
     // Image, length and digest against srec_cat's picture of the flash range.
     void expectLikeTools(const std::string &file, int32_t len)
@@ -149,59 +117,34 @@ protected:
         ASSERT_EQ(loadPath(path(file)), 0);
         run("srec_cat -disable-sequence-warnings " + file +
             " -intel -crop 0x1D010000 0x1D063000 -offset -0x1D010000 -fill 0xFF 0 0x53000 -o flash.bin -binary");
-        const bytes flash = readBytes(path("flash.bin"));
+        std::ifstream in(path("flash.bin"), std::ios::binary);
+        const bytes flash(std::istreambuf_iterator<char>(in), {});
         EXPECT_TRUE(image() == flash);
         EXPECT_EQ(held(), md5Of(flash, len));
         EXPECT_EQ(log.texts().size(), 9u) << "the trace only";
     }
-    void writeRandom(const std::string &name, size_t size, uint32_t seed) const
-    {
-        std::mt19937 gen(seed);
-        bytes data(size);
-        std::generate(data.begin(), data.end(), [&gen] { return static_cast<uint8_t>(gen()); });
-        writeBytes(path(name), data);
-    }
 
-    std::string dir;
-    int files = 0;
+    std::string dir = "/tmp/qxFileTest.XXXXXX";
     logCapture log;
     std::string out;
 };
 
-TEST_F(qxFileTest, threeRecordFileGivesLength64AndExactTraceAndDigestLines)
-{
-    ASSERT_EQ(load(lines({upper(0x1D01), record(0, 0, counting(16)), END})), 0);
-    bytes expected(QX_FLASH_SIZE, 0xFF);
-    std::iota(expected.begin(), expected.begin() + 16, 0);
-    EXPECT_TRUE(image() == expected);
-    EXPECT_EQ(held(), "64 ee72e8fb5b36b08e9115e2a845bdd2cc");
-    EXPECT_EQ(out, "Md5 Digest: EE72 E8FB 5B36 B08E 9115 E2A8 45BD D2CC \r\n");
-    std::vector<std::string> trace{"QX_TRACE_FILE-Bin File:",
-                                   "QX_TRACE_FILE- 00 01 02 03 04 05 06 07 08 09 0a 0b 0c 0d 0e 0f"};
-    trace.insert(trace.end(), 7, FF_ROW);
-    EXPECT_EQ(log.textsFrom(QX_FILE_LOG_SOURCE), trace);
-    EXPECT_EQ(log.levelOf(FF_ROW), 0);
-}
-
 TEST_F(qxFileTest, recordsOutsideTheFlashRangeAreSkippedWholeAndOnlyTypeFourMovesTheUpperAddress)
 {
     const bytes d = counting(16, 0x40);
-    // "1DZZ" as upper address: the checksum holds, the address becomes -1.
-    const std::string badUpper = ":020000041DZZ" + hexByte(0x100 - ((2 + 4 + 0x1D + 0xFF) & 0xFF));
+    const std::string badUpper = record(4, 0, {0x1D, 0xFF}).replace(11, 2, "ZZ"); // checksum right, address -1
     ASSERT_EQ(load(lines({upper(0x1D01), record(0, 0, {1}), record(2, 0, {0x10, 0}), record(0, 0x10, {2}),
                           record(3, 0, {0, 0, 0x12, 0x34}), record(5, 0, {0x9D, 0, 0x10, 0}), record(7, 0, {0x55}),
                           record(0, 0x20, {3}), record(4, 0, {}), record(0, 0x30, {4}), badUpper,
                           record(0, 0x40, {5}), upper(0x1D00), record(0, 0xFFF8, d), upper(0x1D06),
                           record(0, 0x2FF0, d), record(0, 0x2FF8, d), record(0, 0x3000, d), upper(0xFFFF),
-                          record(0, 0xFFF8, d), END})),
-              0);
+                          record(0, 0xFFF8, d), END})), 0);
     bytes expected(QX_FLASH_SIZE, 0xFF);
     std::tie(expected[0], expected[0x10], expected[0x20]) = std::tuple(1, 2, 3);
     std::copy(d.begin(), d.end(), expected.end() - 16); // ends exactly at the range end
-    EXPECT_TRUE(image() == expected);
-    EXPECT_EQ(held(), md5Of(expected, 0x53000));
+    EXPECT_EQ(held(), md5Of(expected, 0x53000)) << "the image as expected";
     // The field is shown from its start to the end of the row; a skipped record has no line.
-    EXPECT_EQ(log.texts()[1], "QX_TRACE_PRINTF-ERROR: not a hex value: 1DZZ" + badUpper.substr(13) + "\n, length: 4");
+    EXPECT_EQ(log.texts()[1], "QX_TRACE_PRINTF-ERROR: not a hex value: " + badUpper.substr(9) + "\n, length: 4");
     EXPECT_EQ(log.texts().size(), 2u + 9u);
 }
 
@@ -229,15 +172,13 @@ TEST_F(qxFileTest, imageEndFollowsPlacedAndSkippedRecordsAndTheDigestCoversItRou
 
 TEST_F(qxFileTest, brokenFilesFailWith1Or5AndTheirLine)
 {
-    const std::string head = upper(0x1D01) + "\n";
-    const std::string tail = "\n" + END + "\n";
+    const std::string head = upper(0x1D01) + "\n", tail = "\n" + END + "\n";
     const std::string good = record(0, 0, counting(16));
-    std::string badSum = good;
-    badSum.back() = badSum.back() == '0' ? '1' : '0';
-    const std::string badData = ":02001000AAZZ" + hexByte(0x100 - ((2 + 0x10 + 0xAA + 0xFF) & 0xFF));
+    const std::string body = good.substr(0, good.size() - 2); // its checksum is 78
+    const std::string badData = record(0, 0x10, {0xAA, 0xFF}).replace(11, 2, "ZZ");
     const std::tuple<const char *, std::string, int32_t, std::string> cases[] = { // the last line starts so
-        {"checksum", head + badSum + tail, 5, CHECKSUM},
-        {"unreadable checksum", head + good.substr(0, good.size() - 2) + "G0" + tail, 5, CHECKSUM},
+        {"checksum", head + body + "00" + tail, 5, CHECKSUM},
+        {"unreadable checksum", head + body + "G0" + tail, 5, CHECKSUM},
         {"data not hex", head + badData + tail, 5, "QX_TRACE_PRINTF-ERROR: not a hex value: ZZ"},
         {"blank line", head + good + "\n" + tail, 1, NO_COLON},
         {"94 bytes leave the line end as a row", head + record(0, 0, counting(94)) + tail, 1, NO_COLON},
@@ -254,58 +195,66 @@ TEST_F(qxFileTest, brokenFilesFailWith1Or5AndTheirLine)
         EXPECT_EQ(load(text), rc);
         ASSERT_FALSE(log.texts().empty());
         EXPECT_EQ(log.texts().back().rfind(last, 0), 0u) << log.texts().back();
-        EXPECT_TRUE(out.empty() && held() == "0 " + std::string(32, '0'));
+        EXPECT_TRUE(out.empty() && held() == "0 " + std::string(64, '0'));
     }
     EXPECT_EQ(loadPath(path("missing.hex")), 5);
     EXPECT_TRUE(log.texts().empty());
 }
 
-TEST_F(qxFileTest, failedLoadStartsAfreshNextTimeAndTheFirstLoadedImageIsKept)
+TEST_F(qxFileTest, afterAFailedLoadAThreeRecordFileGivesLength64AndExactLinesAndStaysLoaded)
 {
     EXPECT_EQ(load(lines({upper(0x1D01), record(0, 0x200, counting(16)), "x"})), 1);
     ASSERT_EQ(load(lines({upper(0x1D01), record(0, 0, counting(16)), END}), false), 0);
-    const bytes first = image();
-    EXPECT_EQ(first[0x200], 0xFF) << "the failed load's bytes are erased";
-    const std::string firstHeld = held();
+    bytes expected(QX_FLASH_SIZE, 0xFF); // nothing of the failed load
+    std::iota(expected.begin(), expected.begin() + 16, 0);
+    EXPECT_TRUE(image() == expected);
+    const std::string digest = "64 ee72e8fb5b36b08e9115e2a845bdd2cc" + std::string(32, '0');
+    EXPECT_EQ(held(), digest);
+    EXPECT_EQ(out, "Md5 Digest: EE72 E8FB 5B36 B08E 9115 E2A8 45BD D2CC \r\n");
+    std::vector<std::string> trace(9, FF_ROW);
+    trace[0] = "QX_TRACE_FILE-Bin File:";
+    trace[1] = "QX_TRACE_FILE- 00 01 02 03 04 05 06 07 08 09 0a 0b 0c 0d 0e 0f";
+    EXPECT_EQ(log.textsFrom(QX_FILE_LOG_SOURCE), trace);
+    EXPECT_EQ(log.levelOf(FF_ROW), 0);
     EXPECT_EQ(load(lines({upper(0x1D01), record(0, 0, counting(64, 0x80)), END}), false), 0);
     EXPECT_EQ(loadPath(path("missing.hex"), false), 0);
-    EXPECT_TRUE(image() == first && held() == firstHeld && out.empty());
+    EXPECT_TRUE(image() == expected && held() == digest && out.empty()) << "the first image is kept";
 }
 
 TEST_F(qxFileTest, filesOfSrecCatObjcopyAndRealProjectsLoadLikeSrecCatReadsThem)
 {
-    writeRandom("app.bin", 0x20000, 1); // 16-byte records, LF, upper case
-    run("srec_cat app.bin -binary -offset 0x1D010000 -o app.hex -intel -Output_Block_Size 16");
+    bytes noise(QX_FLASH_SIZE);
+    std::mt19937 gen(1);
+    std::generate(noise.begin(), noise.end(), [&gen] { return static_cast<uint8_t>(gen()); });
+    std::ofstream(path("r.bin"), std::ios::binary).write(reinterpret_cast<char *>(noise.data()), std::ssize(noise));
+    // 16-byte records, LF, upper case; then the whole range, CRLF and a start address record.
+    run("srec_cat r.bin -binary -crop 0 0x20000 -offset 0x1D010000 -o app.hex -intel -Output_Block_Size 16");
     expectLikeTools("app.hex", 0x20000);
-    writeRandom("full.bin", QX_FLASH_SIZE, 6); // the whole range; CRLF and a start address record
-    run("objcopy -I binary -O ihex --change-addresses 0x1D010000 full.bin full.hex");
+    run("objcopy -I binary -O ihex --change-addresses 0x1D010000 r.bin full.hex");
     expectLikeTools("full.hex", QX_FLASH_SIZE);
 
-    // 32-byte records, CRLF, lower case: zeros at low addresses, a piece
-    // entering the range from below, one leaving it at the top, and (alone,
-    // so that srec_cat does not align it) a record across 0x1D040000.
-    writeRandom("below.bin", 0x3000, 3);
-    writeRandom("top.bin", 0x200, 5);
-    writeRandom("cross.bin", 0x1020, 4);
-    run("srec_cat -generate 0x100 0x400 -constant 0 below.bin -binary -offset 0x1D00E000 top.bin -binary"
-        " -offset 0x1D062F00 -o mixed.hex -intel -Output_Block_Size 32 -crlf");
-    run("srec_cat cross.bin -binary -offset 0x1D03FFF0 -o cross.hex -intel -Output_Block_Size 32 -crlf");
+    // 32-byte records, CRLF, lower case: zeros at low addresses, a piece entering the range from below, one
+    // leaving it at the top, and (alone, so that srec_cat does not align it) a record across 0x1D040000.
+    run("srec_cat -generate 0x100 0x400 -constant 0 r.bin -binary -crop 0 0x3000 -offset 0x1D00E000 r.bin -binary"
+        " -crop 0 0x200 -offset 0x1D062F00 -o mixed.hex -intel -Output_Block_Size 32 -crlf");
+    run("srec_cat r.bin -binary -crop 0 0x1020 -offset 0x1D03FFF0 -o cross.hex -intel -Output_Block_Size 32 -crlf");
     run("grep -v -i '^:00000001FF' mixed.hex | cat - cross.hex | tr A-F a-f > lower.hex");
     run("grep -q '^:20fff000' lower.hex && grep -q '^:20010000000000' lower.hex"); // across 64 KiB; low zeros
     expectLikeTools("lower.hex", 0x53000);
 
     // Real PIC32 files: as they are, none of their data lies in the application range.
+    const std::string hexDir = std::string(TARNHOLD_TESTDATA) + "/hex/";
     std::vector<std::string> erased(9, FF_ROW);
     erased[0] = "QX_TRACE_FILE-Bin File:";
     for (const char *name : {"HIDBoot_MX795.hex", "Blink440.hex"}) {
-        EXPECT_EQ(loadPath(HEX_DIR + name), 5) << name;
+        EXPECT_EQ(loadPath(hexDir + name), 5) << name;
         EXPECT_EQ(log.texts(), erased) << name;
     }
-    // Their own records with only the segment moved to 0x1D01: the
-    // bootloader's 0x1D00 (its boot flash records stay) and KSEG0 0x9D00.
-    run("sed 's/^:020000041[dD]00[dD][dD]/:020000041D01DC/' " + HEX_DIR + "HIDBoot_MX795.hex > boot.hex");
+    // Their own records with the segment moved to 0x1D01: the bootloader's 0x1D00 (its boot flash records
+    // stay) and KSEG0 0x9D00.
+    run("sed 's/^:020000041[dD]00[dD][dD]/:020000041D01DC/' " + hexDir + "HIDBoot_MX795.hex > boot.hex");
     expectLikeTools("boot.hex", 0x4A40);
-    run("sed 's/^:020000049D005D/:020000041D01DC/' " + HEX_DIR + "Blink440.hex > blink.hex");
+    run("sed 's/^:020000049D005D/:020000041D01DC/' " + hexDir + "Blink440.hex > blink.hex");
     expectLikeTools("blink.hex", 0x7640);
 }
 

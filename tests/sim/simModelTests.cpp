@@ -1,7 +1,5 @@
-// The simulated appliance as a model, reached as the service reaches it (the
-// seam and the driver's 88-byte block): the bootloader's flash rules, the
-// driver's acknowledgements, slots, fault injection, the file transfer and
-// the saved state.
+// The simulated appliance as a model, reached as the service reaches it (the seam and the driver's 88-byte
+// block): the bootloader's flash rules, the driver's acknowledgements, slots, fault injection, the saved state.
 #include "qxUsb.h"
 #include "simAppliance.h"
 #include "simInProcess.h"
@@ -22,7 +20,6 @@
 namespace {
 
 using report64 = std::array<uint8_t, QX_REPORT_SIZE>;
-constexpr uint8_t APPLICATION_ID = 17;
 
 class simModelTest : public ::testing::Test {
 protected:
@@ -77,12 +74,12 @@ protected:
         picHidIoctlArg arg = io(request, 7, p.data());
         return ioctlErr(request, arg);
     }
-    // The product id GET_INFO answers with; 0 when no answer carries seq.
-    uint8_t productId(uint8_t seq)
+    // The first three bytes of the driver's answer to a code-38 request.
+    std::vector<uint8_t> ack(uint32_t request, uint8_t seq)
     {
-        EXPECT_EQ(send({QX_HID_CMD_GET_INFO, seq}), 0);
-        const report64 r = read();
-        return r[0] == QX_HID_CMD_GET_INFO && r[1] == seq ? r[3] : 0;
+        picHidIoctlArg arg = io(request, seq);
+        EXPECT_EQ(ioctlErr(request, arg), 0);
+        return std::vector(arg.report, arg.report + 3);
     }
     int fd = -1;
     std::array<uint8_t, 56> data{};
@@ -127,24 +124,16 @@ TEST_F(simModelTest, BootloaderProgramsOnlyErasedCellsAndDropsBlocksThatDoNotFol
 
 TEST_F(simModelTest, DriverAcknowledgesWithItsCodeAndTheNumberXor57OnlyWhenItCanTakeMore)
 {
-    picHidIoctlArg setup = io(PIC_HID_PIC32_UPGRADE_SETUP, 0x30);
-    ASSERT_EQ(ioctlErr(PIC_HID_PIC32_UPGRADE_SETUP, setup), 0);
-    EXPECT_NE(setup.report[2], 0); // the application cannot be programmed
-    picHidIoctlArg urb = io(PIC_HID_IS_URB_AVAILABLE, 0x31);
-    ASSERT_EQ(ioctlErr(PIC_HID_IS_URB_AVAILABLE, urb), 0);
-    EXPECT_EQ(std::vector(urb.report, urb.report + 3), (std::vector<uint8_t>{PIC_HID_ACK_URB, 0x31 ^ 0x57, 0}));
+    EXPECT_NE(ack(PIC_HID_PIC32_UPGRADE_SETUP, 0x30)[2], 0); // the application cannot be programmed
+    EXPECT_EQ(ack(PIC_HID_IS_URB_AVAILABLE, 0x31), (std::vector<uint8_t>{PIC_HID_ACK_URB, 0x31 ^ 0x57, 0}));
     simSetMode(simMode::BOOTLOADER);
-    picHidIoctlArg poll = io(PIC_HID_PIC32_IS_URB_AVAILABLE, 0x32);
-    ASSERT_EQ(ioctlErr(PIC_HID_PIC32_IS_URB_AVAILABLE, poll), 0);
-    EXPECT_EQ(std::vector(poll.report, poll.report + 3), (std::vector<uint8_t>{PIC_HID_ACK_PIC32, 0x32 ^ 0x57, 0}));
+    EXPECT_EQ(ack(PIC_HID_PIC32_IS_URB_AVAILABLE, 0x32), (std::vector<uint8_t>{PIC_HID_ACK_PIC32, 0x32 ^ 0x57, 0}));
     simSetBootloaderNoAck(true);
-    setup = io(PIC_HID_PIC32_UPGRADE_SETUP, 0x40);
-    ASSERT_EQ(ioctlErr(PIC_HID_PIC32_UPGRADE_SETUP, setup), 0);
-    EXPECT_NE(setup.report[0], PIC_HID_ACK_PIC32);
-    picHidIoctlArg unknown = io(0x80584802, 0x42);
-    EXPECT_EQ(ioctlErr(0x80584802, unknown), EINVAL);
-    picHidIoctlArg noBlock = io(PIC_HID_PIC32_PROGRAM, 0x43);
-    EXPECT_EQ(ioctlErr(PIC_HID_PIC32_PROGRAM, noBlock), EFAULT);
+    EXPECT_NE(ack(PIC_HID_PIC32_UPGRADE_SETUP, 0x40)[0], PIC_HID_ACK_PIC32);
+    picHidIoctlArg arg = io(0x80584802, 0x42); // a request the driver does not know
+    EXPECT_EQ(ioctlErr(0x80584802, arg), EINVAL);
+    arg = io(PIC_HID_PIC32_PROGRAM, 0x43); // programming without a block
+    EXPECT_EQ(ioctlErr(PIC_HID_PIC32_PROGRAM, arg), EFAULT);
 }
 
 TEST_F(simModelTest, ApplicationAnswersInOrderAndKeepsSlotsOfAtMost48Bytes)
@@ -179,31 +168,20 @@ TEST_F(simModelTest, InjectedFaultsHitOnlyWhatTheyName)
     picHidIoctlArg arg{};
     EXPECT_EQ(ioctlErr(PIC_HID_GET_REPORT, arg), EIO);
     EXPECT_EQ(send({QX_HID_CMD_GET_INFO, 3}), EAGAIN);
-    EXPECT_EQ(productId(4), APPLICATION_ID);
+    EXPECT_EQ(send({QX_HID_CMD_GET_INFO, 4}), 0);
+    EXPECT_EQ(read()[1], 4);
     simSetReplyFault(simReplyFault::NO_REPLY, 1);
     ASSERT_EQ(send({PROGRAM_COMPLETE}), 0); // awaits no reply: does not use the fault up
-    EXPECT_EQ(productId(5), 0);
-    EXPECT_EQ(productId(6), APPLICATION_ID);
+    EXPECT_EQ(send({QX_HID_CMD_GET_INFO, 5}), 0);
+    EXPECT_EQ(read()[1], 4); // no reply: the last one again
+    EXPECT_EQ(send({QX_HID_CMD_GET_INFO, 6}), 0);
+    EXPECT_EQ(read()[1], 6);
     simSetReplyDelayUs(QX_HID_CMD_SHUTDOWN, 3000000); // the shutdown answers late
     ASSERT_EQ(send({QX_HID_CMD_SHUTDOWN, 7}), 0);
     simAdvanceUs(2999999);
     EXPECT_EQ(read()[1], 6);
     simAdvanceUs(1);
     EXPECT_EQ(read()[1], 7);
-}
-
-TEST_F(simModelTest, FileTransferReadsTheWholeBufferOfTheDaemon)
-{
-    std::vector<uint8_t> buffer(200000, 0x5A);
-    picHidIoctlArg arg{{QX_HID_CMD_FILE_TRANSFER_TEST}, 0, 0, 200000, 0, reinterpret_cast<uintptr_t>(buffer.data())};
-    ASSERT_EQ(ioctlErr(PIC_HID_FILE_TRANSFER_TEST, arg), 0);
-    const simFileTransfer first = simLastFileTransfer();
-    EXPECT_TRUE(first.readOk && first.len == 200000u);
-    buffer[150000] ^= 1; // past the first 64 KiB
-    ASSERT_EQ(ioctlErr(PIC_HID_FILE_TRANSFER_TEST, arg), 0);
-    EXPECT_NE(simLastFileTransfer().checksum, first.checksum);
-    arg.xferBuf = 4096;
-    EXPECT_EQ(ioctlErr(PIC_HID_FILE_TRANSFER_TEST, arg), EFAULT);
 }
 
 TEST(simState, SavedStateRoundTripsAndDamagedFilesAreRefused)

@@ -2,7 +2,6 @@
 #include "daemonHarness.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -20,10 +19,6 @@
 #include <unistd.h>
 
 namespace {
-
-constexpr const char *DAEMON_HARNESS_PID_FILE = "/var/run/tarnhold.pid";
-constexpr std::array<std::array<const char *, 2>, 3> DAEMON_HARNESS_MOUNTS = {
-    {{"/tmp", "mode=1777"}, {"/var/run", "mode=0755"}, {"/var/crash", "mode=0755"}}};
 
 struct {
     bool isolated = false;
@@ -60,14 +55,6 @@ template <typename Fn> bool __daemonHarnessPoll(int timeoutMs, Fn done)
     _exit(127);
 }
 
-// Only processes in this namespace are the test's: a stale pid file must never lead to one of the host's.
-bool __daemonHarnessOurs(pid_t pid)
-{
-    struct stat ours = {}, theirs = {};
-    std::string path = "/proc/" + std::to_string(pid) + "/ns/mnt";
-    return stat("/proc/self/ns/mnt", &ours) == 0 && stat(path.c_str(), &theirs) == 0 && ours.st_ino == theirs.st_ino;
-}
-
 } // namespace
 
 std::string daemonHarnessIsolate()
@@ -76,7 +63,8 @@ std::string daemonHarnessIsolate()
     if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
         return std::string("a private mount namespace: ") + strerror(errno);
     }
-    for (const auto &[path, options] : DAEMON_HARNESS_MOUNTS) { // /var/crash is often missing
+    for (const auto &[path, options] : {std::pair{"/tmp", "mode=1777"}, {"/var/run", "mode=0755"},
+                                        {"/var/crash", "mode=0755"}}) { // /var/crash is often missing
         if ((mkdir(path, 0755) != 0 && errno != EEXIST) ||
             mount("tmpfs", path, "tmpfs", MS_NOSUID | MS_NODEV, options) != 0) {
             return std::string("tmpfs on ") + path + ": " + strerror(errno);
@@ -88,14 +76,12 @@ std::string daemonHarnessIsolate()
 
 daemonHarnessCommand daemonHarnessOnAppliance(const std::string &image, std::vector<std::string> args, mode_t umask)
 {
-    return {{DAEMON_HARNESS_SIM_BINARY, "--flash-image", image, "--"}, DAEMON_HARNESS_DEFAULT_BINARY, std::move(args),
-            umask};
+    return {{TARNHOLD_SIM_BINARY, "--flash-image", image, "--"}, TARNHOLD_BINARY, std::move(args), umask};
 }
 
 bool daemonHarnessWriteImage(const std::string &path)
 {
-    // Extended linear address 0x1D01, bytes 0..15 at offset 0 and 16..31 at
-    // 0x1000 (two PROGRAM packets with a gap between), end of file.
+    // Address 0x1D01xxxx; bytes 0..15 at 0 and 16..31 at 0x1000: two PROGRAM packets with a gap between.
     static const std::string IMAGE = ":020000041D01DC\n:10000000000102030405060708090A0B0C0D0E0F78\n"
                                      ":10100000101112131415161718191A1B1C1D1E1F68\n:00000001FF\n";
     std::ofstream(path) << IMAGE;
@@ -156,18 +142,13 @@ int daemonHarness::runToEnd(const daemonHarnessCommand &command, int timeoutMs)
 
 pid_t daemonHarness::daemonPid() const
 {
-    pid_t pid = atoi(daemonHarnessReadFile(DAEMON_HARNESS_PID_FILE).c_str());
+    pid_t pid = atoi(daemonHarnessReadFile("/var/run/tarnhold.pid").c_str());
     return pid > 0 ? pid : -1;
 }
 
 bool daemonHarness::waitReady(int timeoutMs) const
 {
     return __daemonHarnessPoll(timeoutMs, [&] { return stdoutText().find("fdDaemon: ") != std::string::npos; });
-}
-
-bool daemonHarness::waitForLog(const std::string &text, int timeoutMs) const
-{
-    return __daemonHarnessPoll(timeoutMs, [&] { return std::ranges::count(logTexts(), text) > 0; });
 }
 
 bool daemonHarness::waitExit(int &status, int timeoutMs)
@@ -178,15 +159,19 @@ bool daemonHarness::waitExit(int &status, int timeoutMs)
     return ended;
 }
 
+// Only processes in this namespace are the test's: a stale pid file must never lead to one of the host's.
 bool daemonHarness::signalDaemon(int sig) const
 {
     pid_t pid = daemonPid();
-    return pid > 0 && __daemonHarnessOurs(pid) && kill(pid, sig) == 0;
+    struct stat ours = {}, theirs = {};
+    std::string path = "/proc/" + std::to_string(pid) + "/ns/mnt";
+    return pid > 0 && stat("/proc/self/ns/mnt", &ours) == 0 && stat(path.c_str(), &theirs) == 0 &&
+           ours.st_ino == theirs.st_ino && kill(pid, sig) == 0;
 }
 
 std::vector<daemonHarnessLogLine> daemonHarness::logLines() const
 {
-    static const std::regex LINE(R"(^tarnhold\[(\d+)\] <(-?\d+)> ([^:]+):(\d+): (.*)$)");
+    static const std::regex LINE(R"(^tarnhold\[\d+\] <-?\d+> ([^:]+):\d+: (.*)$)");
     std::vector<daemonHarnessLogLine> lines;
     std::string text = stderrText();
     // Only whole lines: the last one may still be being written.
@@ -194,7 +179,7 @@ std::vector<daemonHarnessLogLine> daemonHarness::logLines() const
         std::string line = text.substr(at, end - at);
         std::smatch m;
         if (std::regex_match(line, m, LINE)) {
-            lines.push_back({std::stoi(m[1]), std::stoi(m[2]), m[3], std::stoi(m[4]), m[5]});
+            lines.push_back({m[1], m[2]});
         }
     }
     return lines;

@@ -1,5 +1,5 @@
-// Black-box runs of the real binaries in a mount namespace that the test process enters too: tests never share
-// the request FIFO, pid file or crash logs, never touch the host's, and their own client calls reach the daemon.
+// Black-box runs of the real binaries in a mount namespace the test process enters too: tests never share the
+// request FIFO, pid file or crash logs, never touch the host's, and their own client calls reach the daemon.
 #pragma once
 
 #include "tarnholdClient.h"
@@ -9,17 +9,13 @@
 #include <sys/types.h>
 #include <vector>
 
-constexpr const char *DAEMON_HARNESS_DEFAULT_BINARY = TARNHOLD_BINARY;
-constexpr const char *DAEMON_HARNESS_SIM_BINARY = TARNHOLD_SIM_BINARY;
-
-// A fresh private mount namespace for the caller with new tmpfs on /tmp, /var/run and /var/crash (needs root):
-// "" on success, else what failed.
+// A private mount namespace with fresh tmpfs on /tmp, /var/run and /var/crash (needs root): "" or what failed.
 std::string daemonHarnessIsolate();
 
 // Runs as wrapper... binary args...; any program, the daemon by default.
 struct daemonHarnessCommand {
     std::vector<std::string> wrapper = {};
-    std::string binary = DAEMON_HARNESS_DEFAULT_BINARY;
+    std::string binary = TARNHOLD_BINARY;
     std::vector<std::string> args;
     mode_t umask = 022;
 };
@@ -38,12 +34,9 @@ usbDaemonRequest daemonHarnessRecord(uint8_t code);
 // A whole file; "" when it cannot be read.
 std::string daemonHarnessReadFile(const std::string &path);
 
-// An evm_log line as the daemon's standard error shows it.
+// An evm_log line of the daemon's standard error.
 struct daemonHarnessLogLine {
-    int pid;
-    int level;
     std::string source;
-    int line;
     std::string text;
 };
 
@@ -66,8 +59,6 @@ public:
     pid_t daemonPid() const;
     // Until the daemon has its request FIFO open ("fdDaemon: ..." printed).
     bool waitReady(int timeoutMs = 10000) const;
-    // Until a log line with exactly this text is there.
-    bool waitForLog(const std::string &text, int timeoutMs = 10000) const;
     // Reaps the started process: true with its wait status.
     bool waitExit(int &status, int timeoutMs = 10000);
     bool signalDaemon(int sig) const;

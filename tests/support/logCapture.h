@@ -3,6 +3,7 @@
 
 #include "evmLog.h"
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -28,57 +29,30 @@ public:
         static std::vector<capturedLogLine> all;
         return all;
     }
-    std::vector<std::string> texts() const
-    {
-        std::vector<std::string> out;
-        for (const auto &l : lines()) {
-            out.push_back(l.text);
-        }
-        return out;
-    }
+    std::vector<std::string> texts() const { return __texts(nullptr); }
     // The texts one module logged, in order.
-    std::vector<std::string> textsFrom(const std::string &source) const
+    std::vector<std::string> textsFrom(const std::string &source) const { return __texts(&source); }
+    // The level of the first line with this text; -1 when there is none.
+    int levelOf(const std::string &text) const
+    {
+        auto line = std::ranges::find(lines(), text, &capturedLogLine::text);
+        return line != lines().end() ? line->level : -1;
+    }
+    bool contains(const std::string &text) const { return count(text) > 0; }
+    size_t count(const std::string &text) const { return std::ranges::count(lines(), text, &capturedLogLine::text); }
+    void clear() { lines().clear(); }
+
+private:
+    static void sink(int level, const char *source, int, const char *text) { lines().push_back({level, source, text}); }
+    // All texts, or those of one source.
+    static std::vector<std::string> __texts(const std::string *source)
     {
         std::vector<std::string> out;
         for (const auto &l : lines()) {
-            if (l.source == source) {
+            if (source == nullptr || l.source == *source) {
                 out.push_back(l.text);
             }
         }
         return out;
-    }
-    // The level of the first line with this text; -1 when there is none.
-    int levelOf(const std::string &text) const
-    {
-        for (const auto &l : lines()) {
-            if (l.text == text) {
-                return l.level;
-            }
-        }
-        return -1;
-    }
-    bool contains(const std::string &text) const
-    {
-        for (const auto &l : lines()) {
-            if (l.text == text) {
-                return true;
-            }
-        }
-        return false;
-    }
-    size_t count(const std::string &text) const
-    {
-        size_t n = 0;
-        for (const auto &l : lines()) {
-            n += l.text == text ? 1 : 0;
-        }
-        return n;
-    }
-    void clear() { lines().clear(); }
-
-private:
-    static void sink(int level, const char *source, int, const char *text)
-    {
-        lines().push_back({level, source, text});
     }
 };

@@ -1,5 +1,4 @@
-// The device link open on the in-process simulated appliance, and helpers
-// shared by the link and request tests.
+// The device link open on the in-process simulated appliance, and helpers shared by the link and request tests.
 #pragma once
 
 #include "logCapture.h"
@@ -13,6 +12,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <ranges>
 #include <string>
 #include <vector>
 
@@ -33,23 +33,13 @@ inline std::vector<std::string> leveled(const std::string &source = "")
 
 inline std::vector<simEventKind> simKinds()
 {
-    std::vector<simEventKind> out;
-    for (const simEvent &e : simEvents()) {
-        out.push_back(e.kind);
-    }
-    return out;
+    const auto kinds = simEvents() | std::views::transform(&simEvent::kind);
+    return {kinds.begin(), kinds.end()};
 }
 
 template <typename Bytes> bool allAre(const Bytes &bytes, uint8_t v)
 {
     return std::all_of(std::begin(bytes), std::end(bytes), [v](uint8_t b) { return b == v; });
-}
-
-inline void putLe32(uint8_t *p, uint32_t v)
-{
-    for (int i = 0; i < 4; ++i) {
-        p[i] = static_cast<uint8_t>(v >> (8 * i));
-    }
 }
 
 class simLinkTest : public ::testing::Test {

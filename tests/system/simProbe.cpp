@@ -1,7 +1,6 @@
-// The probe: this test binary, run inside tarnhold-sim with SYSTEM_PROBE_ARG,
-// plays a client of the emulated node for what the daemon-driven tests do
-// not reach: a driver request reading a large buffer by its address, and the
-// node dying with its module. It runs before main and ends the process.
+// The probe: this test binary, run inside tarnhold-sim with SYSTEM_PROBE_ARG, plays a client of the emulated node
+// for what the daemon does not reach: the driver reading a large buffer by its address, and the node dying with
+// its module. It runs before main and ends the process.
 #include "systemSupport.h"
 
 #include "qxUsb.h"
@@ -12,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <sys/ioctl.h>
 #include <sys/wait.h>
 
@@ -63,15 +63,10 @@ __attribute__((constructor)) void __simProbeMain(int argc, char **argv)
 TEST(tarnholdSimNode, driverReadsTheCallersBufferAndTheNodeDiesWithItsModule)
 {
     ASSERT_EQ(daemonHarnessIsolate(), "");
-    char self[4096] = {};
-    ASSERT_GT(::readlink("/proc/self/exe", self, sizeof(self) - 1), 0);
     daemonHarnessCommand command = systemOnSim({}, {SYSTEM_PROBE_ARG});
-    command.binary = self;
+    command.binary = std::filesystem::read_symlink("/proc/self/exe");
     daemonHarness probe;
-    ASSERT_TRUE(probe.start(command));
-    int status = -1;
-    ASSERT_TRUE(probe.waitExit(status, 60000));
-    EXPECT_EQ(status, 0);
+    EXPECT_EQ(probe.runToEnd(command, 60000), 0);
     // rmmod kills the open descriptor and the node; modprobe brings the node back.
     EXPECT_NE(probe.stderrText().find("probe: open 0; xfer 0; rmmod picdev 0; xfer ENODEV; open ENOENT; "
                                       "modprobe picdev 0; open 0; xfer 0;\n"),

@@ -1,28 +1,22 @@
-// Running a command inside tarnhold-sim from a test in a mount namespace of
-// its own (daemonHarnessIsolate), and reading what the simulated appliance saw.
+// Commands inside tarnhold-sim from an isolated test (daemonHarnessIsolate), and what the appliance saw.
 #pragma once
 
 #include "daemonHarness.h"
 #include "uniqueFd.h"
 
 #include <sstream>
-#include <string>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <vector>
 
 constexpr const char *SYSTEM_CONTROL = "/tmp/sim-control";
 constexpr const char *SYSTEM_EVENTS = "/tmp/sim-events"; // the model's event list, written when the sim ends
 constexpr const char *SYSTEM_PROBE_ARG = "--sim-probe";   // makes the test binary the probe (simProbe.cpp)
 
-inline daemonHarnessCommand systemOnSim(const std::vector<std::string> &simArgs, std::vector<std::string> args)
+inline daemonHarnessCommand systemOnSim(std::vector<std::string> simArgs, std::vector<std::string> args)
 {
-    daemonHarnessCommand command;
-    command.wrapper = {TARNHOLD_SIM_BINARY, "--control", SYSTEM_CONTROL, "--log", SYSTEM_EVENTS};
-    command.wrapper.insert(command.wrapper.end(), simArgs.begin(), simArgs.end());
-    command.wrapper.push_back("--");
-    command.args = std::move(args);
-    return command;
+    simArgs.insert(simArgs.begin(), {TARNHOLD_SIM_BINARY, "--control", SYSTEM_CONTROL, "--log", SYSTEM_EVENTS});
+    simArgs.push_back("--");
+    return {.wrapper = std::move(simArgs), .args = std::move(args)};
 }
 
 // How often `line` starts a line of `text`.

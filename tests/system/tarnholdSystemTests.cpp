@@ -1,10 +1,10 @@
-// The real tarnhold inside tarnhold-sim, each test in a mount namespace of its
-// own: relays, the codes answered while the microcontroller is gone, and the
-// start-up firmware upgrade, whose long fixed waits run under libfaketime.
+// The real tarnhold inside tarnhold-sim, each test in a mount namespace of its own: relays, the codes answered
+// while the microcontroller is gone, and the start-up upgrade, whose long fixed waits run under libfaketime.
 #include "systemSupport.h"
 
 #include "simAppliance.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -16,6 +16,7 @@
 namespace {
 
 using strings = std::vector<std::string>;
+using ::testing::Contains;
 
 constexpr const char *APP_HEX = "/tmp/app.hex"; // two PROGRAM packets 4 KiB apart, digest over 0x1040
 constexpr const char *STATE = "/tmp/sim-state";
@@ -53,21 +54,18 @@ int exitStatus(daemonHarness &daemon, int sig = 0)
                : -1;
 }
 
-size_t count(const strings &texts, const std::string &text)
-{
-    return static_cast<size_t>(std::count(texts.begin(), texts.end(), text));
-}
-
-// Runs an upgrade start to the application's first answer; flash then holds
+// Runs a start that upgrades once in `passes` passes up to the application's first answer; flash then holds
 // the image and slot 4 its length and MD5 as the service stores them.
-void expectUpgradeEnds(daemonHarness &daemon, const strings &simArgs)
+void expectUpgradeEnds(daemonHarness &daemon, const strings &simArgs, size_t passes)
 {
     ASSERT_TRUE(serve(daemon, simArgs));
     EXPECT_EQ(relay(daemon, 9, STARTUP_MS).resp[3], 17);
     EXPECT_EQ(exitStatus(daemon, SIGTERM), 0);
+    const strings log = daemon.logTexts("qxLoader");
+    EXPECT_THAT(log, Contains("qxLoaderInit: forceUpgrade=0").Times(passes));
+    EXPECT_THAT(log, Contains("QX_TRACE_PRINTF-Upgrading HID Application.....").Times(1));
 
-    std::array<uint8_t, 0x1010> image{};
-    image.fill(0xFF);
+    std::vector<uint8_t> image(0x1010, 0xFF);
     std::iota(image.begin(), image.begin() + 16, 0);
     std::iota(image.end() - 16, image.end(), 16);
     simReset();
@@ -164,7 +162,7 @@ TEST(tarnholdSystemRelay, hostHeldCodesAnswerWhileTheNodeIsGoneAndRelaysRecover)
     }
     EXPECT_EQ(failures, 12);
     EXPECT_EQ(record.resp[1], record.cmd[1]);
-    EXPECT_EQ(count(daemon.logTexts("qxUsb"), "qxUsbCmd: re-opening device file (errCnt=15)"), 1u);
+    EXPECT_THAT(daemon.logTexts("qxUsb"), Contains("qxUsbCmd: re-opening device file (errCnt=15)").Times(1));
 }
 
 TEST(tarnholdSystemUpgrade, anotherImageOrTheBootloaderEndsWithTheImageInstalled)
@@ -174,10 +172,7 @@ TEST(tarnholdSystemUpgrade, anotherImageOrTheBootloaderEndsWithTheImageInstalled
         SCOPED_TRACE(c.mode);
         ASSERT_TRUE(prepare());
         daemonHarness daemon;
-        expectUpgradeEnds(daemon, {"--faketime", FAST, "--state", STATE, "--mode", c.mode});
-        const strings log = daemon.logTexts("qxLoader");
-        EXPECT_EQ(count(log, "qxLoaderInit: forceUpgrade=0"), c.passes);
-        EXPECT_EQ(count(log, "QX_TRACE_PRINTF-Upgrading HID Application....."), 1u);
+        expectUpgradeEnds(daemon, {"--faketime", FAST, "--state", STATE, "--mode", c.mode}, c.passes);
         // Every switch goes through rmmod, the USB port reset through libusb and modprobe.
         const std::string events = daemonHarnessReadFile(SYSTEM_EVENTS);
         const size_t resets = c.toBootloader + 1;
@@ -193,8 +188,7 @@ TEST(tarnholdSystemUpgrade, powerLostWhileProgrammingIsRepairedByTheNextStart)
 {
     ASSERT_TRUE(prepare());
     {
-        // The erase and the first packet get through; then the appliance, host
-        // and all, goes dark with the flash half written.
+        // The erase and the first packet get through; then the appliance, host and all, goes dark.
         daemonHarness daemon;
         ASSERT_TRUE(daemon.start(systemOnSim(
             {"--faketime", FAST, "--state", STATE, "--mode", "boot", "--fault", "host-power-loss:2"},
@@ -205,12 +199,9 @@ TEST(tarnholdSystemUpgrade, powerLostWhileProgrammingIsRepairedByTheNextStart)
         EXPECT_EQ(simFlash()[15], 15);
         EXPECT_TRUE(std::all_of(simFlash().begin() + 16, simFlash().end(), [](uint8_t b) { return b == 0xFF; }));
     }
-    daemonHarness daemon;
-    expectUpgradeEnds(daemon, {"--faketime", FAST, "--state", STATE});
     // Back in its bootloader: programmed in the first pass, done in the second.
-    const strings log = daemon.logTexts("qxLoader");
-    EXPECT_EQ(count(log, "qxLoaderInit: forceUpgrade=0"), 2u);
-    EXPECT_EQ(count(log, "QX_TRACE_PRINTF-Upgrading HID Application....."), 1u);
+    daemonHarness daemon;
+    expectUpgradeEnds(daemon, {"--faketime", FAST, "--state", STATE}, 2);
 }
 
 TEST(tarnholdSystemStartup, noDeviceNodeEndsWithStatusOneAfterTheSearch)
@@ -219,12 +210,13 @@ TEST(tarnholdSystemStartup, noDeviceNodeEndsWithStatusOneAfterTheSearch)
     ASSERT_TRUE(prepare() && daemon.start(systemOnSim({"--faketime", FAST, "--no-node"}, {})));
     EXPECT_EQ(exitStatus(daemon), 1);
     const strings log = daemon.logTexts();
-    EXPECT_EQ(count(log, "qxUsbInit: Failed to open '/dev/corvanta_hid_backdoor' - 'No such file or directory'"), 24u);
-    EXPECT_EQ(count(log, "__qxLoaderFindUsbDev: resetting USB device"), 1u);
+    const char *noNode = "qxUsbInit: Failed to open '/dev/corvanta_hid_backdoor' - 'No such file or directory'";
+    EXPECT_THAT(log, Contains(noNode).Times(24));
+    EXPECT_THAT(log, Contains("__qxLoaderFindUsbDev: resetting USB device").Times(1));
     for (const char *text :
          {"QX_TRACE_PRINTF-qxLoaderGetClientFileName():: Error Finding QX_HID_DEVICE *****************",
           "QX_TRACE_USBMGMT-Error finding USB device", "usbMgmtInit: failed"}) {
-        EXPECT_EQ(count(log, text), 1u) << text;
+        EXPECT_THAT(log, Contains(text).Times(1));
     }
 }
 
@@ -234,8 +226,8 @@ TEST(tarnholdSystemStartup, missingFirmwareFileFailsBeforeTheDeviceIsTouched)
     ASSERT_TRUE(prepare() && daemon.start(systemOnSim({}, {"--file", "/tmp/missing.hex"})));
     EXPECT_EQ(exitStatus(daemon), 1);
     const strings log = daemon.logTexts();
-    EXPECT_EQ(count(log, "QX_TRACE_USBMGMT-/tmp/missing.hex file Error"), 1u);
-    EXPECT_EQ(count(log, "usbMgmtInit: failed"), 1u);
+    EXPECT_THAT(log, Contains("QX_TRACE_USBMGMT-/tmp/missing.hex file Error").Times(1));
+    EXPECT_THAT(log, Contains("usbMgmtInit: failed").Times(1));
     EXPECT_EQ(daemonHarnessReadFile(SYSTEM_EVENTS), ""); // not one open of the node
 }
 
