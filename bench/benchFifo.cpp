@@ -10,7 +10,7 @@
 //
 // Prints both rates and their ratio (daemon / echo) for single round trips
 // and for batches of 32 records in flight.
-#include "../tests/support/daemonHarness.cpp" // the shared harness: isolation and the daemon start
+#include "daemonHarness.h"
 
 #include "uniqueFd.h"
 #include "usbDaemonRequest.h"

@@ -9,6 +9,7 @@
 //   tarnholdSimImage    Intel HEX or binary flash images
 #pragma once
 
+#include "qxUsb.h"
 #include "simAppliance.h"
 
 #include <cstdint>
@@ -81,7 +82,7 @@ bool tarnholdSimImageInstall(const std::string &path, std::string &error);
 // ---- Environment --------------------------------------------------------------
 
 constexpr const char *TARNHOLD_SIM_CONTROL_ENV = "TARNHOLD_SIM_CONTROL";
-constexpr const char *TARNHOLD_SIM_NODE_NAME = "corvanta_hid_backdoor";
+constexpr const char *TARNHOLD_SIM_NODE_NAME = QX_USB_DEVICE_NAME; // the node the driver makes
 constexpr const char *TARNHOLD_SIM_USB_BUS = "001";
 constexpr const char *TARNHOLD_SIM_USB_DEVICE = "002";
 constexpr unsigned TARNHOLD_SIM_USB_DEVNUM = 2;

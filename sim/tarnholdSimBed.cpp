@@ -357,7 +357,7 @@ bool tarnholdSimBedStart(std::string &error)
         error = "cannot create " + busDir + ": " + std::strerror(errno);
         return false;
     }
-    const std::string devNode = std::string("/dev/") + TARNHOLD_SIM_NODE_NAME;
+    const std::string devNode = QX_USB_DEVICE_PATH;
     const std::string usbNode = "/dev/bus/usb/" + std::string(TARNHOLD_SIM_USB_BUS) + "/" + TARNHOLD_SIM_USB_DEVICE;
     B.hidPath = B.root + devNode;
     B.usbPath = B.root + usbNode;
