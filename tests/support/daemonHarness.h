@@ -41,8 +41,7 @@ struct daemonHarnessLogLine {
 };
 
 // One started command, killed with its process group when this goes out of scope or the test process dies (one
-// that detached with --daemon is out of reach). Send exit signals only once the daemon serves: one that lands in
-// a log call during start-up can hang the exit handler, whose daemon_stop logs while that call holds the lock.
+// that detached with --daemon is out of reach).
 class daemonHarness {
 public:
     daemonHarness() = default;
