@@ -1,0 +1,97 @@
+// PCI devices in a umockdev testbed: sysfs attributes "vendor" and "device"
+// as the kernel writes them, and a zeroed configuration file.
+#include "simPci.h"
+
+#include "uniqueFd.h"
+
+#include <array>
+#include <cstdio>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr size_t SIM_PCI_LONG_NAME = 250; // a file name may have 255 characters
+constexpr const char *SIM_PCI_BRIDGE_VENDOR = "0x8086";
+constexpr const char *SIM_PCI_BRIDGE_DEVICE = "0x2f08";
+
+std::string __simPciName(unsigned index, size_t width)
+{
+    char name[32];
+    std::snprintf(name, sizeof name, "0000:%02x:00.0", index & 0xFFu);
+    std::string text = name;
+    return text.size() < width ? std::string(width - text.size(), 'p') + text : text;
+}
+
+} // namespace
+
+bool simPciParse(const std::string &text, simPciSpec &spec, std::string &error)
+{
+    spec = {};
+    std::string rest = text;
+    const std::string longSuffix = "long";
+    if (rest == longSuffix || (rest.size() > longSuffix.size() && rest.ends_with(":" + longSuffix))) {
+        spec.longPath = true;
+        rest.erase(rest.size() >= longSuffix.size() + 1 ? rest.size() - longSuffix.size() - 1 : 0);
+    }
+    if (rest.empty()) {
+        return true;
+    }
+    const size_t colon = rest.find(':');
+    if (colon == std::string::npos || colon == 0 || colon + 1 == rest.size() ||
+        rest.find(':', colon + 1) != std::string::npos) {
+        error = "VENDOR:DEVICE[:long] expected, e.g. 0x12d8:0xe130";
+        return false;
+    }
+    spec.vendor = rest.substr(0, colon);
+    spec.device = rest.substr(colon + 1);
+    return true;
+}
+
+std::string simPciAdd(UMockdevTestbed *testbed, const simPciSpec &spec, unsigned index)
+{
+    std::string parent;
+    if (spec.longPath) {
+        // The bridge is a PCI device too, but not ours.
+        gchar *bridge = umockdev_testbed_add_device(testbed, "pci", __simPciName(index, SIM_PCI_LONG_NAME).c_str(),
+                                                    nullptr, "vendor", SIM_PCI_BRIDGE_VENDOR, "device",
+                                                    SIM_PCI_BRIDGE_DEVICE, nullptr, nullptr);
+        if (bridge == nullptr) {
+            return {};
+        }
+        parent = bridge;
+        g_free(bridge);
+    }
+    const std::string name = spec.longPath ? __simPciName(index + 1, SIM_PCI_LONG_NAME) : __simPciName(index, 0);
+    gchar *path = umockdev_testbed_add_device(testbed, "pci", name.c_str(), parent.empty() ? nullptr : parent.c_str(),
+                                              "vendor", spec.vendor.c_str(), "device", spec.device.c_str(), nullptr,
+                                              nullptr);
+    if (path == nullptr) {
+        return {};
+    }
+    std::string sysPath = path;
+    g_free(path);
+    std::array<uint8_t, SIM_PCI_CONFIG_SIZE> zeros{};
+    umockdev_testbed_set_attribute_binary(testbed, sysPath.c_str(), "config", zeros.data(),
+                                          static_cast<int>(zeros.size()));
+    return sysPath;
+}
+
+std::string simPciConfigFile(const std::string &root, const std::string &sysPath)
+{
+    return root + sysPath + "/config";
+}
+
+bool simPciConfigRead(const std::string &file, size_t offset, std::span<uint8_t> out)
+{
+    uniqueFd fd(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    return fd.valid() &&
+           ::pread(fd.get(), out.data(), out.size(), static_cast<off_t>(offset)) == static_cast<ssize_t>(out.size());
+}
+
+bool simPciConfigWrite(const std::string &file, size_t offset, std::span<const uint8_t> bytes)
+{
+    uniqueFd fd(::open(file.c_str(), O_WRONLY | O_CLOEXEC));
+    return fd.valid() && ::pwrite(fd.get(), bytes.data(), bytes.size(), static_cast<off_t>(offset)) ==
+                             static_cast<ssize_t>(bytes.size());
+}
