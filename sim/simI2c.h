@@ -36,6 +36,7 @@ struct simI2cTransfer {
     bool write;
     uint8_t reg;
     uint8_t value;
+    bool operator==(const simI2cTransfer &) const = default;
 };
 const std::vector<simI2cTransfer> &simI2cTransfers();
 void simI2cClearTransfers();
