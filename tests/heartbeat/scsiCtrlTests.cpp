@@ -99,12 +99,6 @@ protected:
     {
         EXPECT_TRUE(simPciConfigWrite(simPciConfigFile(root_, sysPath), SIM_PCI_HEARTBEAT_OFFSET, b));
     }
-    void sendRecord()
-    {
-        usbDaemonRequest r = {};
-        r.cmd[0] = 200;
-        ASSERT_EQ(write(requestWrite_.get(), &r, sizeof r), ssize_t(sizeof r));
-    }
 
     UMockdevTestbed *testbed_ = nullptr;
     std::string root_;
@@ -178,9 +172,8 @@ TEST_F(scsiCtrlTest, theLoopBeatsOncePerWallClockSecondWith1sPlus10usWaitsAndSer
 
     // Traffic: three records within the next second are all served, with one beat.
     simAdvanceUs(1'000'000);
-    for (int i = 0; i < 3; ++i) {
-        sendRecord();
-    }
+    const std::array<usbDaemonRequest, 3> records{};
+    ASSERT_EQ(write(requestWrite_.get(), records.data(), sizeof records), ssize_t(sizeof records));
     int beats = 0;
     for (int i = 0; i < 3; ++i) {
         setBytesAt0x300(ctrl, {0, 0});
