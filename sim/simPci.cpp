@@ -48,29 +48,42 @@ bool simPciParse(const std::string &text, simPciSpec &spec, std::string &error)
     return true;
 }
 
-std::string simPciAdd(UMockdevTestbed *testbed, const simPciSpec &spec, unsigned index)
+// A device under a bridge is described the way umockdev records devices: its
+// add_device checks that a parent exists in the caller's own view of /sys,
+// which tarnhold-sim (not under the preload) does not have.
+std::string __simPciAddUnderBridge(UMockdevTestbed *testbed, const simPciSpec &spec, unsigned index)
 {
-    std::string parent;
-    if (spec.longPath) {
-        // The bridge is a PCI device too, but not ours.
-        gchar *bridge = umockdev_testbed_add_device(testbed, "pci", __simPciName(index, SIM_PCI_LONG_NAME).c_str(),
-                                                    nullptr, "vendor", SIM_PCI_BRIDGE_VENDOR, "device",
-                                                    SIM_PCI_BRIDGE_DEVICE, nullptr, nullptr);
-        if (bridge == nullptr) {
-            return {};
-        }
-        parent = bridge;
-        g_free(bridge);
-    }
-    const std::string name = spec.longPath ? __simPciName(index + 1, SIM_PCI_LONG_NAME) : __simPciName(index, 0);
-    gchar *path = umockdev_testbed_add_device(testbed, "pci", name.c_str(), parent.empty() ? nullptr : parent.c_str(),
-                                              "vendor", spec.vendor.c_str(), "device", spec.device.c_str(), nullptr,
-                                              nullptr);
-    if (path == nullptr) {
+    const std::string bridge = "/devices/" + __simPciName(index, SIM_PCI_LONG_NAME);
+    const std::string device = bridge + "/" + __simPciName(index + 1, SIM_PCI_LONG_NAME);
+    const std::string description = "P: " + bridge + "\nE: SUBSYSTEM=pci\nA: vendor=" + SIM_PCI_BRIDGE_VENDOR +
+                                    "\nA: device=" + SIM_PCI_BRIDGE_DEVICE + "\n\nP: " + device +
+                                    "\nE: SUBSYSTEM=pci\nA: vendor=" + spec.vendor + "\nA: device=" + spec.device +
+                                    "\n";
+    GError *error = nullptr;
+    if (!umockdev_testbed_add_from_string(testbed, description.c_str(), &error)) {
+        g_clear_error(&error);
         return {};
     }
-    std::string sysPath = path;
-    g_free(path);
+    return "/sys" + device;
+}
+
+std::string simPciAdd(UMockdevTestbed *testbed, const simPciSpec &spec, unsigned index)
+{
+    std::string sysPath;
+    if (spec.longPath) {
+        sysPath = __simPciAddUnderBridge(testbed, spec, index);
+    } else {
+        gchar *path = umockdev_testbed_add_device(testbed, "pci", __simPciName(index, 0).c_str(), nullptr, "vendor",
+                                                  spec.vendor.c_str(), "device", spec.device.c_str(), nullptr,
+                                                  nullptr);
+        if (path != nullptr) {
+            sysPath = path;
+            g_free(path);
+        }
+    }
+    if (sysPath.empty()) {
+        return {};
+    }
     std::array<uint8_t, SIM_PCI_CONFIG_SIZE> zeros{};
     umockdev_testbed_set_attribute_binary(testbed, sysPath.c_str(), "config", zeros.data(),
                                           static_cast<int>(zeros.size()));

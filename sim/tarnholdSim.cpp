@@ -92,7 +92,8 @@ void __tarnholdSimUsage(FILE *out)
                  "%s"
                  "  --help              this text\n"
                  "\n%s"
-                 "Control commands and faults of the fan controller's I2C bus and the PCI bus:\n%s%s",
+                 "Control commands of the fan controller's I2C bus and the PCI bus:\n%s"
+                 "Their faults (FAULT for --fault and 'fault'):\n%s",
                  TARNHOLD_SIM_NODE_NAME, TARNHOLD_SIM_EXIT_USAGE, tarnholdSimHostBusOptionUsage(),
                  tarnholdSimControlUsage(), tarnholdSimHostBusCommandUsage(), tarnholdSimHostBusFaultUsage());
 }
