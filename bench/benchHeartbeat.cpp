@@ -22,7 +22,7 @@ void benchHeartBeep(benchmark::State &state)
         return;
     }
     UMockdevTestbed *testbed = umockdev_testbed_new();
-    simPciAdd(testbed, simPciSpec{}, 3);
+    simPciAdd(testbed, simPciDevice{}, 3);
     // The lookup prints its match; keep the benchmark's table clean.
     fflush(stdout);
     const int savedStdout = dup(STDOUT_FILENO);

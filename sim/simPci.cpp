@@ -25,13 +25,13 @@ std::string __simPciName(unsigned index, size_t width)
 
 } // namespace
 
-bool simPciParse(const std::string &text, simPciSpec &spec, std::string &error)
+bool simPciParse(const std::string &text, simPciDevice &wanted, std::string &error)
 {
-    spec = {};
+    wanted = {};
     std::string rest = text;
     const std::string longSuffix = "long";
     if (rest == longSuffix || (rest.size() > longSuffix.size() && rest.ends_with(":" + longSuffix))) {
-        spec.longPath = true;
+        wanted.longPath = true;
         rest.erase(rest.size() >= longSuffix.size() + 1 ? rest.size() - longSuffix.size() - 1 : 0);
     }
     if (rest.empty()) {
@@ -43,21 +43,21 @@ bool simPciParse(const std::string &text, simPciSpec &spec, std::string &error)
         error = "VENDOR:DEVICE[:long] expected, e.g. 0x12d8:0xe130";
         return false;
     }
-    spec.vendor = rest.substr(0, colon);
-    spec.device = rest.substr(colon + 1);
+    wanted.vendor = rest.substr(0, colon);
+    wanted.device = rest.substr(colon + 1);
     return true;
 }
 
 // A device under a bridge is described the way umockdev records devices: its
 // add_device checks that a parent exists in the caller's own view of /sys,
 // which tarnhold-sim (not under the preload) does not have.
-std::string __simPciAddUnderBridge(UMockdevTestbed *testbed, const simPciSpec &spec, unsigned index)
+std::string __simPciAddUnderBridge(UMockdevTestbed *testbed, const simPciDevice &wanted, unsigned index)
 {
     const std::string bridge = "/devices/" + __simPciName(index, SIM_PCI_LONG_NAME);
     const std::string device = bridge + "/" + __simPciName(index + 1, SIM_PCI_LONG_NAME);
     const std::string description = "P: " + bridge + "\nE: SUBSYSTEM=pci\nA: vendor=" + SIM_PCI_BRIDGE_VENDOR +
                                     "\nA: device=" + SIM_PCI_BRIDGE_DEVICE + "\n\nP: " + device +
-                                    "\nE: SUBSYSTEM=pci\nA: vendor=" + spec.vendor + "\nA: device=" + spec.device +
+                                    "\nE: SUBSYSTEM=pci\nA: vendor=" + wanted.vendor + "\nA: device=" + wanted.device +
                                     "\n";
     GError *error = nullptr;
     if (!umockdev_testbed_add_from_string(testbed, description.c_str(), &error)) {
@@ -67,14 +67,14 @@ std::string __simPciAddUnderBridge(UMockdevTestbed *testbed, const simPciSpec &s
     return "/sys" + device;
 }
 
-std::string simPciAdd(UMockdevTestbed *testbed, const simPciSpec &spec, unsigned index)
+std::string simPciAdd(UMockdevTestbed *testbed, const simPciDevice &wanted, unsigned index)
 {
     std::string sysPath;
-    if (spec.longPath) {
-        sysPath = __simPciAddUnderBridge(testbed, spec, index);
+    if (wanted.longPath) {
+        sysPath = __simPciAddUnderBridge(testbed, wanted, index);
     } else {
         gchar *path = umockdev_testbed_add_device(testbed, "pci", __simPciName(index, 0).c_str(), nullptr, "vendor",
-                                                  spec.vendor.c_str(), "device", spec.device.c_str(), nullptr,
+                                                  wanted.vendor.c_str(), "device", wanted.device.c_str(), nullptr,
                                                   nullptr);
         if (path != nullptr) {
             sysPath = path;

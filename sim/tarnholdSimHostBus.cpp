@@ -25,7 +25,7 @@ static_assert(TARNHOLD_SIM_SMBUS_ARG_SIZE == 16 && TARNHOLD_SIM_SMBUS_DATA_OFFSE
 constexpr size_t TARNHOLD_SIM_CONFIG_SHOW_MAX = 256;
 
 struct {
-    std::vector<simPciSpec> pciSpecs;
+    std::vector<simPciDevice> pciDevices;
     std::vector<std::string> pciPaths;
     UMockdevTestbed *testbed = nullptr; // not owned
     UMockdevIoctlBase *i2cHandler = nullptr;
@@ -202,13 +202,13 @@ int __tarnholdSimHostBusCount(const std::vector<std::string> &f, size_t at, long
 
 } // namespace
 
-bool tarnholdSimHostBusAddPci(const std::string &spec, std::string &error)
+bool tarnholdSimHostBusAddPci(const std::string &wanted, std::string &error)
 {
-    simPciSpec parsed;
-    if (!simPciParse(spec, parsed, error)) {
+    simPciDevice parsed;
+    if (!simPciParse(wanted, parsed, error)) {
         return false;
     }
-    H.pciSpecs.push_back(parsed);
+    H.pciDevices.push_back(parsed);
     return true;
 }
 
@@ -233,10 +233,10 @@ bool tarnholdSimHostBusStart(UMockdevTestbed *testbed, const std::string &root, 
         return false;
     }
     // Device numbers count from 3, so the buses sort in the order given.
-    for (size_t i = 0; i < H.pciSpecs.size(); ++i) {
-        const std::string path = simPciAdd(testbed, H.pciSpecs[i], static_cast<unsigned>(3 + 2 * i));
+    for (size_t i = 0; i < H.pciDevices.size(); ++i) {
+        const std::string path = simPciAdd(testbed, H.pciDevices[i], static_cast<unsigned>(3 + 2 * i));
         if (path.empty()) {
-            error = "cannot add PCI device " + H.pciSpecs[i].vendor + ":" + H.pciSpecs[i].device;
+            error = "cannot add PCI device " + H.pciDevices[i].vendor + ":" + H.pciDevices[i].device;
             return false;
         }
         H.pciPaths.push_back(path);
@@ -275,7 +275,7 @@ int tarnholdSimHostBusCommand(const std::vector<std::string> &words, std::string
     }
     if (command == "pci" && words.size() == 1) {
         for (size_t i = 0; i < H.pciPaths.size(); ++i) {
-            out += std::to_string(i) + " " + H.pciSpecs[i].vendor + " " + H.pciSpecs[i].device + " " +
+            out += std::to_string(i) + " " + H.pciDevices[i].vendor + " " + H.pciDevices[i].device + " " +
                    H.pciPaths[i] + "\n";
         }
         return 1;

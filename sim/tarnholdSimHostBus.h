@@ -9,7 +9,7 @@
 #include <vector>
 
 // One --scsi-ctrl option (before the testbed starts); false with a reason.
-bool tarnholdSimHostBusAddPci(const std::string &spec, std::string &error);
+bool tarnholdSimHostBusAddPci(const std::string &wanted, std::string &error);
 // Adds the I2C bus and the PCI devices to the testbed.
 bool tarnholdSimHostBusStart(UMockdevTestbed *testbed, const std::string &root, std::string &error);
 void tarnholdSimHostBusStop();

@@ -73,11 +73,11 @@ protected:
         simInProcessUninstall();
         g_object_unref(testbed_);
     }
-    std::string add(const std::string &spec, unsigned index)
+    std::string add(const std::string &wanted, unsigned index)
     {
-        simPciSpec parsed;
+        simPciDevice parsed;
         std::string error;
-        EXPECT_TRUE(simPciParse(spec, parsed, error)) << error;
+        EXPECT_TRUE(simPciParse(wanted, parsed, error)) << error;
         const std::string path = simPciAdd(testbed_, parsed, index);
         EXPECT_FALSE(path.empty());
         return path;
