@@ -63,7 +63,8 @@ protected:
     std::vector<uint8_t> head(size_t n) const { return {resp.begin(), resp.begin() + static_cast<long>(n)}; }
     bool untouchedFrom(size_t first) const
     {
-        return std::all_of(resp.begin() + static_cast<long>(first), resp.end(), [](uint8_t b) { return b == UNTOUCHED; });
+        return std::all_of(resp.begin() + static_cast<long>(first), resp.end(),
+                           [](uint8_t b) { return b == UNTOUCHED; });
     }
 
     qxUsbBlock cmd{};

@@ -73,7 +73,8 @@ TEST(tarnholdSystemFans, fanGetAndSetReadAndChangeTheSimulatedRegisters)
     ASSERT_TRUE(daemon.start(systemOnSim({"--flash-image", PLATFORM_1_FIRMWARE}, {})) && daemon.waitReady());
 
     ASSERT_TRUE(systemControl("fan-set control 0x20") && systemControl("fan-set level 4"));
-    EXPECT_EQ(ctl({"fan"}), std::pair(0, std::string("result: 0 (ok)\nmode: fixed level\nlevel: 4 (duty cycle 48.67 %)\n")));
+    EXPECT_EQ(ctl({"fan"}),
+              std::pair(0, std::string("result: 0 (ok)\nmode: fixed level\nlevel: 4 (duty cycle 48.67 %)\n")));
     EXPECT_EQ(ctl({"fan", "set", "13"}).first, 0);
     EXPECT_EQ(controlOutput("fan"), "control=0x20 level=13\n");
     EXPECT_EQ(ctl({"fan", "set", "auto"}).first, 0);
