@@ -4,10 +4,10 @@
 
 #include "daemonLib.h"
 #include "evmLog.h"
+#include "scsiCtrl.h"
 #include "sysSeam.h"
 #include "uniqueFd.h"
 #include "usbDaemonRequest.h"
-#include "scsiCtrl.h"
 #include "usbMgmt.h"
 
 #include <array>

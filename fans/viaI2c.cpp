@@ -8,6 +8,7 @@
 #include "sysSeam.h"
 
 #include <cerrno>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
@@ -24,6 +25,9 @@ constexpr uint8_t VIA_I2C_STATUS_FAILED = 1;
 
 static_assert(I2C_SLAVE == 0x0703 && I2C_SMBUS == 0x0720 && I2C_SMBUS_BYTE_DATA == 2);
 static_assert(I2C_SMBUS_READ == 1 && I2C_SMBUS_WRITE == 0);
+// The kernel's transfer record: flag, register, size, then the data pointer.
+static_assert(offsetof(i2c_smbus_ioctl_data, read_write) == 0 && offsetof(i2c_smbus_ioctl_data, command) == 1 &&
+              offsetof(i2c_smbus_ioctl_data, size) == 4 && offsetof(i2c_smbus_ioctl_data, data) == sizeof(void *));
 
 bool __viaI2cPlatformOk(int line)
 {
