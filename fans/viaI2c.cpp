@@ -27,7 +27,7 @@ static_assert(I2C_SLAVE == 0x0703 && I2C_SMBUS == 0x0720 && I2C_SMBUS_BYTE_DATA 
 static_assert(I2C_SMBUS_READ == 1 && I2C_SMBUS_WRITE == 0);
 // The kernel's transfer record: flag, register, size, then the data pointer.
 static_assert(offsetof(i2c_smbus_ioctl_data, read_write) == 0 && offsetof(i2c_smbus_ioctl_data, command) == 1 &&
-              offsetof(i2c_smbus_ioctl_data, size) == 4 && offsetof(i2c_smbus_ioctl_data, data) == sizeof(void *));
+              offsetof(i2c_smbus_ioctl_data, size) == 4 && offsetof(i2c_smbus_ioctl_data, data) == 8);
 
 bool __viaI2cPlatformOk(int line)
 {
