@@ -5,6 +5,7 @@
 #include "tarnholdClient.h"
 #include "tarnholdCtlText.h"
 #include "uniqueFd.h"
+#include "viaI2c.h"
 
 #include <array>
 #include <cmath>
@@ -336,7 +337,72 @@ int __ctlFirmwareCheck(tarnholdCtlContext &ctx, int argc, char **argv)
     return current ? CTL_EXIT_OK : CTL_EXIT_DIFFERS;
 }
 
-constexpr std::array<tarnholdCtlCommand, 10> CTL_COMMANDS = {{
+// The fan reply in words. A response the daemon left as sent (byte 0 still
+// 0) means the fans are not on this platform, or for a set also that the bus
+// could not be opened; a non-zero status byte means a register transfer failed.
+tarnholdCtlDecoded __ctlFanDecode(const usbDaemonRequest &reply, bool isSet)
+{
+    tarnholdCtlDecoded decoded;
+    const uint8_t status = reply.resp[QX_REPORT_STATUS];
+    if (reply.resp[QX_REPORT_CODE] == 0) {
+        const char *why = isSet ? "no option-bay fans on this platform, or their I2C bus cannot be opened"
+                                : "no option-bay fans on this platform";
+        decoded.text = std::string(why) + "\n";
+        decoded.json = "{\"error\":" + tarnholdCtlJsonString(why) + "}";
+    } else if (status != 0) {
+        decoded.text = "transfer failed\n";
+        decoded.json = "{\"status\":" + std::to_string(status) + ",\"error\":\"transfer failed\"}";
+    } else if (isSet) {
+        decoded.text = "fan set\n";
+        decoded.json = "{\"status\":0}";
+    } else {
+        const bool fixed = reply.resp[VIA_I2C_RESP_FIXED] != 0;
+        const uint8_t level = reply.resp[VIA_I2C_RESP_LEVEL];
+        const char *duty = level < dutyCycleTable.size() ? dutyCycleTable[level] : "?";
+        decoded.text = std::string("mode: ") + (fixed ? "fixed level" : "automatic") + "\nlevel: " +
+                       std::to_string(level) + " (duty cycle " + duty + " %)\n";
+        decoded.json = std::string("{\"status\":0,\"mode\":\"") + (fixed ? "fixed" : "automatic") +
+                       "\",\"level\":" + std::to_string(level) + ",\"dutyCycle\":" +
+                       (level < dutyCycleTable.size() ? duty : "null") + "}";
+    }
+    return decoded;
+}
+
+// fan | fan set auto | fan set LEVEL (codes 57 and 58).
+int __ctlFan(tarnholdCtlContext &ctx, int argc, char **argv)
+{
+    usbDaemonRequest record = {};
+    const bool isSet = argc >= 1;
+    if (!isSet) {
+        record.cmd[QX_REPORT_CODE] = QX_HID_CMD_GET_OPTION_BAY_FAN_SPEED;
+    } else {
+        if (argc != 2 || strcmp(argv[0], "set") != 0) {
+            return __ctlUsageError("fan, fan set auto or fan set LEVEL expected");
+        }
+        record.cmd[QX_REPORT_CODE] = QX_HID_CMD_SET_OPTION_BAY_FAN_SPEED;
+        if (strcmp(argv[1], "auto") != 0) {
+            auto level = tarnholdCtlParseByte(argv[1]);
+            if (!level || *level > VIA_I2C_LEVEL_MAX) {
+                return __ctlUsageError(std::string("fan level 0 to 15 or auto expected: ") + argv[1]);
+            }
+            record.cmd[VIA_I2C_CMD_MODE] = 1;
+            record.cmd[VIA_I2C_CMD_LEVEL] = *level;
+        }
+    }
+    int rc = __ctlExchange(ctx, record);
+    if (rc != 0) {
+        return rc;
+    }
+    tarnholdCtlDecoded decoded = __ctlFanDecode(record, isSet);
+    if (record.result != USB_DAEMON_RESULT_OK && !ctx.json) {
+        fprintf(stderr, "tarnholdctl: %s", decoded.text.c_str());
+    }
+    int status = __ctlPrintReply(ctx, record, decoded, false);
+    // A set whose transfer failed still answers 0: the status byte tells.
+    return status == CTL_EXIT_OK && record.resp[QX_REPORT_STATUS] != 0 ? CTL_EXIT_RESULT : status;
+}
+
+constexpr std::array<tarnholdCtlCommand, 11> CTL_COMMANDS = {{
     {"raw", __ctlRaw, "CODE [BYTE...]", "send code CODE with BYTEs from byte 3; print both blocks"},
     {"cmd", __ctlCmd, "NAME|CODE [BYTE...]", "the same by command name (QX_HID_CMD_SET_LEDS or set-leds)"},
     {"bay-shutdown", __ctlBayShutdown, "BAY", "force drive bay BAY to shut down"},
@@ -346,6 +412,7 @@ constexpr std::array<tarnholdCtlCommand, 10> CTL_COMMANDS = {{
     {"xml-detect-get", __ctlXmlDetectGet, "", "read the XML daemon detect bytes"},
     {"slot-read", __ctlSlotRead, "SLOT", "read stored value slot SLOT (10: platform, 4: firmware)"},
     {"firmware-check", __ctlFirmwareCheck, "FILE", "compare firmware file FILE with the stored firmware"},
+    {"fan", __ctlFan, "[set auto|LEVEL]", "option-bay fans: mode and level, or set them (LEVEL 0-15)"},
     {"help", nullptr, "", "this text"},
 }};
 

@@ -4,6 +4,7 @@
 
 #include "daemonLib.h"
 #include "evmLog.h"
+#include "scsiCtrl.h"
 #include "sysSeam.h"
 #include "uniqueFd.h"
 #include "usbDaemonRequest.h"
@@ -31,8 +32,13 @@ const mainHeartbeatOps MAIN_HEARTBEAT_NONE = {
     .beep = [] {},
 };
 
-// The controller heartbeat binds itself here when it lands; until then the
-// loop waits without a timeout and never beeps.
+const mainHeartbeatOps MAIN_HEARTBEAT_SCSI_CTRL = {
+    .intervalSec = [] { return static_cast<uint32_t>(scsiCtrlGetHeartBeepIntervalSec()); },
+    .beep = [] { scsiCtrlHeartBeep(); },
+};
+
+// Bound to the controller heartbeat at start-up; without a controller its
+// interval is 0 and the loop waits without a timeout and never beeps.
 mainHeartbeatOps mainHeartbeat = MAIN_HEARTBEAT_NONE;
 
 namespace {
@@ -317,8 +323,9 @@ int mainRun(int argc, char **argv)
         evm_log(0, MAIN_SOURCE, __LINE__, "usbMgmtInit: failed");
         return __mainStartupFailed();
     }
-    // The controller heartbeat's start-up goes here when it lands; it binds
-    // mainHeartbeat, and a missing controller only means no heartbeat.
+    // A missing controller, or no udev, only means no heartbeat.
+    scsiCtrlInit();
+    mainHeartbeat = MAIN_HEARTBEAT_SCSI_CTRL;
 
     for (;;) {
         mainLoopPass();

@@ -26,7 +26,10 @@ struct mainHeartbeatOps {
 // Interval 0, no beep: the binding until the controller heartbeat is found.
 extern const mainHeartbeatOps MAIN_HEARTBEAT_NONE;
 
-// The live binding (the controller heartbeat binds itself here; tests bind fakes).
+// The SCSI controller heartbeat: its interval and its beat.
+extern const mainHeartbeatOps MAIN_HEARTBEAT_SCSI_CTRL;
+
+// The live binding (start-up binds the controller heartbeat; tests bind fakes).
 extern mainHeartbeatOps mainHeartbeat;
 
 // ---- Process entry and loop ---------------------------------------------------

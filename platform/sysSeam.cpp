@@ -28,6 +28,7 @@ const platformSysOps PLATFORM_SYS_LIBC = {
     .read = ::read,
     .write = ::write,
     .pwrite = ::pwrite,
+    .pread = ::pread,
     .usleep = ::usleep,
     .system = __sysSystem,
     .select = ::select,

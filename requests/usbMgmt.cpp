@@ -9,7 +9,7 @@ namespace {
 constexpr const char *USB_MGMT_LOG_SOURCE = "usbMgmt";
 
 // Codes whose handlers land with the shutdown, tray test, file-transfer test,
-// FPGA, CPLD and option-bay fan work (12, 37, 39, 55-59). Until then they
+// FPGA and CPLD work (12, 37, 39, 55, 56, 59). Until then they
 // answer 8 like an unassigned code, but without the unknown-function line:
 // the codes are assigned, only their handlers are missing.
 int32_t __usbMgmtNotYetBuilt(qxUsbBlock &, qxUsbBlock &)
@@ -47,7 +47,8 @@ constexpr std::array<usbMgmtHandler, USB_MGMT_TABLE_SIZE> networkUsbFuncTable = 
     __usbMgmtFill(t, 39, 39, __usbMgmtNotYetBuilt); // FPGA upgrade
     __usbMgmtFill(t, 40, 54, netUsbFuncGeneric);
     __usbMgmtFill(t, 55, 56, __usbMgmtNotYetBuilt); // CPLD upgrade, CPLD info
-    __usbMgmtFill(t, 57, 58, __usbMgmtNotYetBuilt); // option-bay fan speed get / set
+    __usbMgmtFill(t, 57, 57, netUsbFuncGetOptionBayFanSpeed);
+    __usbMgmtFill(t, 58, 58, netUsbFuncSetOptionBayFanSpeed);
     __usbMgmtFill(t, 59, 59, __usbMgmtNotYetBuilt); // tray test
     __usbMgmtFill(t, 60, 63, netUsbFuncGeneric);
     return t;

@@ -30,6 +30,8 @@ int32_t netUsbFuncGetXmlDaemonDetect(qxUsbBlock &cmd, qxUsbBlock &resp);
 int32_t netUsbFuncForceDriveBayShutDown(qxUsbBlock &cmd, qxUsbBlock &resp);
 int32_t netUsbFuncResumeDrvBayOperation(qxUsbBlock &cmd, qxUsbBlock &resp);
 int32_t netUsbFuncGetForceShutDownInd(qxUsbBlock &cmd, qxUsbBlock &resp);
+int32_t netUsbFuncGetOptionBayFanSpeed(qxUsbBlock &cmd, qxUsbBlock &resp);
+int32_t netUsbFuncSetOptionBayFanSpeed(qxUsbBlock &cmd, qxUsbBlock &resp);
 
 // The handler each code 0-63 dispatches to.
 extern const std::array<usbMgmtHandler, USB_MGMT_TABLE_SIZE> networkUsbFuncTable;

@@ -1,10 +1,11 @@
-// In-process front end: the seam's device node, module commands, libusb,
-// sleeps, select and clock go to the model and to virtual time; everything
+// In-process front end: the seam's device node, I2C bus, module commands,
+// libusb, sleeps, select and clock go to the model and to virtual time; everything
 // else goes to the real system.
 #include "simInProcess.h"
 
 #include "qxUsb.h"
 #include "simAppliance.h"
+#include "simI2c.h"
 #include "sysSeam.h"
 
 #include <array>
@@ -80,6 +81,9 @@ int __simInProcessHandleOf(int fd)
 
 int __simInProcessOpen(const char *path, int flags, mode_t mode)
 {
+    if (std::strcmp(path, SIM_I2C_BUS_PATH) == 0) {
+        return simI2cInProcessOpen();
+    }
     if (std::strcmp(path, QX_USB_DEVICE_PATH) != 0) {
         return PLATFORM_SYS_LIBC.open(path, flags, mode);
     }
@@ -101,6 +105,9 @@ int __simInProcessOpen(const char *path, int flags, mode_t mode)
 
 int __simInProcessClose(int fd)
 {
+    if (simI2cInProcessIsFd(fd)) {
+        return simI2cInProcessClose(fd);
+    }
     if (!__simInProcessIsSimFd(fd)) {
         return PLATFORM_SYS_LIBC.close(fd);
     }
@@ -116,6 +123,9 @@ int __simInProcessClose(int fd)
 
 int __simInProcessIoctl(int fd, unsigned long request, void *arg)
 {
+    if (simI2cInProcessIsFd(fd)) {
+        return simI2cInProcessIoctl(fd, request, arg);
+    }
     if (!__simInProcessIsSimFd(fd)) {
         return PLATFORM_SYS_LIBC.ioctl(fd, request, arg);
     }
@@ -290,6 +300,7 @@ constexpr platformSysOps SIM_IN_PROCESS_OPS = {
     .read = __simInProcessRead,
     .write = __simInProcessWrite,
     .pwrite = __simInProcessPwrite,
+    .pread = ::pread, // the controller's configuration file is a real file (a umockdev testbed's sysfs)
     .usleep = __simInProcessUsleep,
     .system = __simInProcessSystem,
     .select = __simInProcessSelect,
@@ -316,6 +327,7 @@ void simInProcessInstall()
     __simInProcessBuildBus();
     simSetClock(__simInProcessNowUs);
     simReset();
+    simI2cReset();
     platformSys = SIM_IN_PROCESS_OPS;
 }
 

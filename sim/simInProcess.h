@@ -1,6 +1,6 @@
 // In-process front end of the simulated appliance: binds the system-call seam
 // to the model, with virtual time (a sleep advances the clock and returns at
-// once). Only the device node, module commands, libusb, sleeps, select and
+// once). Only the device node, the I2C bus, module commands, libusb, sleeps, select and
 // the clock are simulated; every other path goes to the real system.
 #pragma once
 

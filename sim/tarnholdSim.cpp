@@ -2,6 +2,7 @@
 // appliance and exits with its status. Invoked as rmmod or modprobe (the
 // links it puts on the child's PATH) it is the module command instead.
 #include "tarnholdSim.h"
+#include "tarnholdSimHostBus.h"
 
 #include <glib.h>
 
@@ -88,9 +89,13 @@ void __tarnholdSimUsage(FILE *out)
                  "  --control PATH      also listen for control commands on the UNIX socket PATH\n"
                  "  --faketime VALUE    run the command under libfaketime with FAKETIME=VALUE,\n"
                  "                      e.g. \"+0 x50\"; the model's clock follows the rate\n"
+                 "%s"
                  "  --help              this text\n"
-                 "\n%s",
-                 TARNHOLD_SIM_NODE_NAME, TARNHOLD_SIM_EXIT_USAGE, tarnholdSimControlUsage());
+                 "\n%s"
+                 "Control commands of the fan controller's I2C bus and the PCI bus:\n%s"
+                 "Their faults (FAULT for --fault and 'fault'):\n%s",
+                 TARNHOLD_SIM_NODE_NAME, TARNHOLD_SIM_EXIT_USAGE, tarnholdSimHostBusOptionUsage(),
+                 tarnholdSimControlUsage(), tarnholdSimHostBusCommandUsage(), tarnholdSimHostBusFaultUsage());
 }
 
 uint64_t __tarnholdSimNowUs()
@@ -102,7 +107,7 @@ uint64_t __tarnholdSimNowUs()
 
 bool __tarnholdSimParse(int argc, char **argv, tarnholdSimOptions &o)
 {
-    enum { STATE = 1, PLATFORM, MODE, FLASH, NO_NODE, FAULT, LOG, CONTROL, FAKETIME, HELP };
+    enum { STATE = 1, PLATFORM, MODE, FLASH, NO_NODE, FAULT, LOG, CONTROL, FAKETIME, HELP, SCSI_CTRL };
     static const option longOptions[] = {
         {"state", required_argument, nullptr, STATE},
         {"platform", required_argument, nullptr, PLATFORM},
@@ -114,6 +119,7 @@ bool __tarnholdSimParse(int argc, char **argv, tarnholdSimOptions &o)
         {"control", required_argument, nullptr, CONTROL},
         {"faketime", required_argument, nullptr, FAKETIME},
         {"help", no_argument, nullptr, HELP},
+        {"scsi-ctrl", optional_argument, nullptr, SCSI_CTRL},
         {nullptr, 0, nullptr, 0},
     };
     int opt;
@@ -130,6 +136,12 @@ bool __tarnholdSimParse(int argc, char **argv, tarnholdSimOptions &o)
         case CONTROL: o.control = optarg; break;
         case FAKETIME: o.faketime = optarg; break;
         case HELP: __tarnholdSimUsage(stdout); std::exit(0);
+        case SCSI_CTRL:
+            if (std::string error; !tarnholdSimHostBusAddPci(optarg != nullptr ? optarg : "", error)) {
+                std::fprintf(stderr, "tarnhold-sim: --scsi-ctrl: %s\n", error.c_str());
+                return false;
+            }
+            break;
         default: __tarnholdSimUsage(stderr); return false;
         }
     }

@@ -2,6 +2,7 @@
 // the model, and the microcontroller's USB device under /dev/bus/usb, which
 // libusb 0.1 reads its descriptor from and resets.
 #include "tarnholdSim.h"
+#include "tarnholdSimHostBus.h"
 
 #include "qxUsb.h"
 
@@ -375,7 +376,8 @@ bool tarnholdSimBedStart(std::string &error)
     g_signal_connect(B.usbHandler, "handle-ioctl", G_CALLBACK(__tarnholdSimUsbIoctl), nullptr);
     g_signal_connect(B.usbHandler, "client-connected", G_CALLBACK(__tarnholdSimUsbConnected), nullptr);
     if (!__tarnholdSimAttach(devNode.c_str(), B.hidHandler, error) ||
-        !__tarnholdSimAttach(usbNode.c_str(), B.usbHandler, error)) {
+        !__tarnholdSimAttach(usbNode.c_str(), B.usbHandler, error) ||
+        !tarnholdSimHostBusStart(B.testbed, B.root, error)) {
         return false;
     }
     std::lock_guard<std::mutex> lock(tarnholdSimModelLock());
@@ -393,6 +395,7 @@ void tarnholdSimBedStop()
         }
         B.openClients.clear();
     }
+    tarnholdSimHostBusStop();
     if (B.testbed != nullptr) {
         // The testbed removes its directory when it goes.
         g_object_unref(B.testbed);

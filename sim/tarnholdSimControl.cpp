@@ -2,6 +2,7 @@
 // module commands and the start-up options share, the fault
 // descriptions, and the event list as text.
 #include "tarnholdSim.h"
+#include "tarnholdSimHostBus.h"
 
 #include "qxUsb.h"
 
@@ -203,6 +204,9 @@ bool __tarnholdSimFault(const std::vector<std::string> &f, std::string &error)
         C.hostPowerLoss = name == "host-power-loss";
         return true;
     }
+    if (const int hostBus = tarnholdSimHostBusFault(f, error); hostBus >= 0) {
+        return hostBus == 1;
+    }
     error = "unknown fault '" + name + "' or wrong arguments";
     return false;
 }
@@ -316,6 +320,9 @@ bool __tarnholdSimRunLocked(const std::vector<std::string> &words, const std::st
             return false;
         }
         return true;
+    }
+    if (const int hostBus = tarnholdSimHostBusCommand(words, out, error); hostBus >= 0) {
+        return hostBus == 1;
     }
     error = "unknown command '" + command + "' or wrong arguments";
     return false;
