@@ -89,8 +89,8 @@ void __tarnholdSimUsage(FILE *out)
                  "  --faketime VALUE    run the command under libfaketime with FAKETIME=VALUE,\n"
                  "                      e.g. \"+0 x50\"; the model's clock follows the rate\n"
                  "  --help              this text\n"
-                 "\n%s",
-                 TARNHOLD_SIM_NODE_NAME, TARNHOLD_SIM_EXIT_USAGE, tarnholdSimControlUsage());
+                 "\n%s%s",
+                 TARNHOLD_SIM_NODE_NAME, TARNHOLD_SIM_EXIT_USAGE, tarnholdSimControlUsage(), tarnholdSimUpgradeUsage());
 }
 
 uint64_t __tarnholdSimNowUs()

@@ -16,6 +16,7 @@
 #include <mutex>
 #include <string>
 #include <sys/types.h>
+#include <vector>
 
 // Every model call from any thread goes through this lock: ioctls arrive on
 // umockdev's worker thread, control commands on the main loop.
@@ -72,6 +73,16 @@ std::string tarnholdSimControlEventText();
 
 // Help text of the control commands and fault descriptions.
 const char *tarnholdSimControlUsage();
+
+// ---- FPGA and CPLD ------------------------------------------------------------
+
+// One of the FPGA and CPLD faults or timings, split at ':'; `handled` false
+// when the name is not one of them.
+bool tarnholdSimUpgradeFault(const std::vector<std::string> &fault, std::string &error, bool &handled);
+// One of the FPGA and CPLD control commands; `handled` false when it is not one.
+bool tarnholdSimUpgradeCommand(const std::vector<std::string> &words, std::string &out, std::string &error,
+                               bool &handled);
+const char *tarnholdSimUpgradeUsage();
 
 // ---- Flash images -------------------------------------------------------------
 

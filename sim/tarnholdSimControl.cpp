@@ -48,12 +48,13 @@ struct {
 
 auto &C = tarnholdSimControlPrivateMembers;
 
-constexpr std::array<const char *, 19> TARNHOLD_SIM_EVENT_NAMES = {
+constexpr std::array<const char *, 22> TARNHOLD_SIM_EVENT_NAMES = {
     "OPEN",     "OPEN_FAILED",      "CLOSE",           "SEND",      "GET_REPORT", "DRIVER",       "PROGRAM",
     "PROGRAM_DROPPED", "COMPLETE", "ERASE", "GOTO_APPLICATION", "GOTO_BOOTLOADER", "USB_RESET", "RMMOD",
-    "MODPROBE", "FILE_TRANSFER",    "IOCTL_FAILED",    "POWER_LOST", "MODE_SWITCH",
+    "MODPROBE", "FILE_TRANSFER",    "IOCTL_FAILED",    "POWER_LOST", "MODE_SWITCH", "PAGES_READ",
+    "PAGES_UNREADABLE", "CPLD_RUN_DONE",
 };
-static_assert(static_cast<size_t>(simEventKind::MODE_SWITCH) + 1 == TARNHOLD_SIM_EVENT_NAMES.size());
+static_assert(static_cast<size_t>(simEventKind::CPLD_RUN_DONE) + 1 == TARNHOLD_SIM_EVENT_NAMES.size());
 
 struct tarnholdSimNamedValue {
     const char *name;
@@ -71,7 +72,7 @@ constexpr std::array<tarnholdSimNamedValue, 8> TARNHOLD_SIM_ERRNO_NAMES = {{
     {"EPIPE", EPIPE},
 }};
 
-constexpr std::array<tarnholdSimNamedValue, 9> TARNHOLD_SIM_REQUEST_NAMES = {{
+constexpr std::array<tarnholdSimNamedValue, 18> TARNHOLD_SIM_REQUEST_NAMES = {{
     {"any", 0},
     {"send", PIC_HID_SEND_REPORT},
     {"get-report", PIC_HID_GET_REPORT},
@@ -81,6 +82,15 @@ constexpr std::array<tarnholdSimNamedValue, 9> TARNHOLD_SIM_REQUEST_NAMES = {{
     {"pic32-available", PIC_HID_PIC32_IS_URB_AVAILABLE},
     {"pic32-setup", PIC_HID_PIC32_UPGRADE_SETUP},
     {"available", PIC_HID_IS_URB_AVAILABLE},
+    {"fpga-setup", PIC_HID_FPGA_UPGRADE_SETUP},
+    {"erase-fpga", PIC_HID_ERASE_FPGA},
+    {"erase-fpga-status", PIC_HID_ERASE_FPGA_STATUS},
+    {"program-fpga", PIC_HID_PROGRAM_FPGA},
+    {"clean-up", PIC_HID_PROGRAM_CLEAN_UP},
+    {"cpld-setup", PIC_HID_CPLD_UPGRADE_SETUP},
+    {"erase-cpld", PIC_HID_ERASE_CPLD},
+    {"program-cpld", PIC_HID_PROGRAM_CPLD},
+    {"cpld-run", PIC_HID_CPLD_UPGRADE_RUN},
 }};
 
 constexpr std::array<tarnholdSimNamedValue, 4> TARNHOLD_SIM_REPLY_FAULTS = {{
@@ -203,8 +213,12 @@ bool __tarnholdSimFault(const std::vector<std::string> &f, std::string &error)
         C.hostPowerLoss = name == "host-power-loss";
         return true;
     }
-    error = "unknown fault '" + name + "' or wrong arguments";
-    return false;
+    bool handled = false;
+    const bool ok = tarnholdSimUpgradeFault(f, error, handled);
+    if (!handled) {
+        error = "unknown fault '" + name + "' or wrong arguments";
+    }
+    return ok;
 }
 
 bool __tarnholdSimModuleCommand(const std::vector<std::string> &words, std::string &error)
@@ -317,8 +331,12 @@ bool __tarnholdSimRunLocked(const std::vector<std::string> &words, const std::st
         }
         return true;
     }
-    error = "unknown command '" + command + "' or wrong arguments";
-    return false;
+    bool handled = false;
+    const bool ok = tarnholdSimUpgradeCommand(words, out, error, handled);
+    if (!handled) {
+        error = "unknown command '" + command + "' or wrong arguments";
+    }
+    return ok;
 }
 
 // ---- Control socket -------------------------------------------------------------
@@ -577,7 +595,9 @@ const char *tarnholdSimControlUsage()
            "  ping\n"
            "Faults (FAULT for --fault and 'fault'):\n"
            "  ioctl:REQUEST:ERRNO[:COUNT]      REQUEST any|send|get-report|file-transfer|program|\n"
-           "                                   program-done|pic32-available|pic32-setup|available|NUMBER,\n"
+           "                                   program-done|pic32-available|pic32-setup|available|\n"
+           "                                   fpga-setup|erase-fpga|erase-fpga-status|program-fpga|\n"
+           "                                   clean-up|cpld-setup|erase-cpld|program-cpld|cpld-run|NUMBER,\n"
            "                                   ERRNO EAGAIN|EIO|EBADF|ENODEV|EINVAL|EFAULT|ENOENT|NUMBER\n"
            "  reply:none|wrong-seq|wrong-code-seq|no-reply[:COUNT]\n"
            "  reply-delay-reads:READS          replies readable only after READS more reads\n"
