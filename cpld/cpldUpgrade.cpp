@@ -75,9 +75,11 @@ uint32_t __cpldGetBe32(const uint8_t *p)
         | static_cast<uint32_t>(p[3]);
 }
 
-// CRC-16/X-25, one bit at a time: the file is at most 51,199 bytes and is
-// checked once per attempt, so no table is kept for it.
-uint16_t __cpldCrc(const uint8_t *bytes, size_t len)
+} // namespace
+
+// One bit at a time: the file is at most 51,199 bytes and is checked once per
+// attempt, so no table is kept for it.
+uint16_t cpldUpgradeCrc(const uint8_t *bytes, size_t len)
 {
     uint16_t reg = CPLD_CRC_INIT;
     for (size_t i = 0; i < len; ++i) {
@@ -93,6 +95,8 @@ uint16_t __cpldCrc(const uint8_t *bytes, size_t len)
     }
     return static_cast<uint16_t>(reg ^ CPLD_CRC_XOR_OUT);
 }
+
+namespace {
 
 void __cpldIoBlock(uint8_t *report, uint32_t request, uint8_t seq)
 {
@@ -284,7 +288,7 @@ int32_t cpldUpgradeCheckCrc(const uint8_t *image, int64_t size, uint16_t *expect
     if (expected != nullptr) {
         *expected = stored;
     }
-    const uint16_t computed = crcOffset == 0 ? 0 : __cpldCrc(image, crcOffset);
+    const uint16_t computed = cpldUpgradeCrc(image, crcOffset); // 0 for an offset of 0
     if (actual != nullptr) {
         *actual = computed;
     }

@@ -36,6 +36,9 @@ int32_t cpldUpgradeFileInit(const char *path);
 // with that byte as the 0xFF fill the image buffer holds behind a file.
 int32_t cpldUpgradeCheckCrc(const uint8_t *image, int64_t size, uint16_t *expected, uint16_t *actual);
 
+// CRC-16/X-25 of len bytes, bit by bit (0x906E over "123456789").
+uint16_t cpldUpgradeCrc(const uint8_t *bytes, size_t len);
+
 // The whole upgrade from the path at cmd[3]; resp is not touched.
 int32_t cpldUpgradeStart(qxUsbBlock &cmd, qxUsbBlock &resp);
 
