@@ -183,6 +183,8 @@ tarnholdCtlCpldInfo tarnholdCtlUpgradeDecodeCpldInfo(const qxUsbBlock &resp)
         info.stateText = "run";
     } else if (info.state != TARNHOLD_CTL_STATE_NOT_RUN) {
         info.stateText = "unknown";
+    } else if (info.size == 0xFFFF && info.crc == 0xFFFF) {
+        info.stateText = "erased"; // never written: no file is that large
     } else {
         info.stateText = info.size == 0 && info.crc == 0 ? "cleared" : "written";
     }

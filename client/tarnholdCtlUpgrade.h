@@ -43,7 +43,7 @@ struct tarnholdCtlCpldInfo {
     uint16_t size = 0;
     uint16_t crc = 0;
     uint32_t state = 0;
-    const char *stateText = ""; // "cleared", "written", "run" or "unknown"
+    const char *stateText = ""; // "cleared", "written", "run", "erased" (never written) or "unknown"
     std::string stamp;          // the time stamp text, "" when there is none
 };
 tarnholdCtlCpldInfo tarnholdCtlUpgradeDecodeCpldInfo(const qxUsbBlock &resp);

@@ -123,6 +123,8 @@ TEST(tarnholdCtlUpgrade, cpldRecordReadsAsClearedWrittenOrRun)
     info = tarnholdCtlUpgradeDecodeCpldInfo(resp);
     EXPECT_STREQ(info.stateText, "cleared");
     EXPECT_EQ(info.stamp, "") << "a length past the report is no text";
+    resp.fill(0xFF);
+    EXPECT_STREQ(tarnholdCtlUpgradeDecodeCpldInfo(resp).stateText, "erased");
 }
 
 } // namespace
