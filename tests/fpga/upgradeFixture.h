@@ -1,112 +1,92 @@
-// The FPGA and CPLD upgrade tests' fixture: the link open on the in-process
-// simulated appliance, every driver request recorded as the service built it,
-// and files written into a scratch folder.
+// The upgrade tests' fixture: the link open on the in-process simulated
+// appliance, every driver request recorded as the service built it, and one
+// scratch file.
 #pragma once
 
 #include "leBytes.h"
 #include "simFixture.h"
 #include "simUpgrade.h"
+#include "usbMgmt.h"
 
 #include <cstring>
-#include <filesystem>
 #include <fstream>
-#include <random>
 
-struct sentRequest {
-    uint32_t request;
-    std::array<uint8_t, QX_REPORT_SIZE> report;
-};
-
+constexpr uint64_t S = 1000000;
+constexpr uint64_t MS = 1000;
+using report64 = std::array<uint8_t, QX_REPORT_SIZE>;
 using ioctlFn = int (*)(int, unsigned long, void *);
+
+// head, then n copies of pattern.
+inline std::vector<uint64_t> repeat(std::vector<uint64_t> head, const std::vector<uint64_t> &pattern, size_t n)
+{
+    while (n-- > 0) {
+        head.insert(head.end(), pattern.begin(), pattern.end());
+    }
+    return head;
+}
 
 class upgradeTest : public simLinkTest {
 protected:
-    static ioctlFn &simIoctl()
-    {
-        static ioctlFn ioctl = nullptr;
-        return ioctl;
-    }
     void SetUp() override
     {
         simLinkTest::SetUp();
         sent().clear();
-        simIoctl() = platformSys.ioctl;
+        model() = platformSys.ioctl;
         platformSys.ioctl = [](int fd, unsigned long request, void *arg) {
-            if (arg != nullptr && ((request >> 8) & 0xFF) == 'H') {
-                sentRequest r{static_cast<uint32_t>(request), {}};
-                std::memcpy(r.report.data(), arg, QX_REPORT_SIZE);
-                sent().push_back(r);
-            }
-            return simIoctl()(fd, request, arg);
+            sent().push_back({static_cast<uint32_t>(request), {}});
+            std::memcpy(sent().back().second.data(), arg, QX_REPORT_SIZE);
+            return model()(fd, request, arg);
         };
-        dir_ = std::filesystem::path(::testing::TempDir()) / ("upgrade-" + std::to_string(getpid()));
-        std::filesystem::create_directories(dir_);
     }
     void TearDown() override
     {
-        platformSys.ioctl = simIoctl();
-        std::filesystem::remove_all(dir_);
+        platformSys.ioctl = model();
+        std::remove(file_.c_str());
         simLinkTest::TearDown();
     }
-    static std::vector<sentRequest> &sent()
+    static std::vector<std::pair<uint32_t, report64>> &sent()
     {
-        static std::vector<sentRequest> all;
+        static std::vector<std::pair<uint32_t, report64>> all;
         return all;
     }
-    // The IO commands (code 38) that carried `request`, in order.
-    static std::vector<std::array<uint8_t, QX_REPORT_SIZE>> ioCommands(uint32_t request)
+    static ioctlFn &model()
     {
-        std::vector<std::array<uint8_t, QX_REPORT_SIZE>> out;
-        for (const sentRequest &r : sent()) {
-            if (r.report[0] == QX_HID_CMD_IO_CMD && leGet32(&r.report[3]) == request) {
-                out.push_back(r.report);
+        static ioctlFn ioctl = nullptr;
+        return ioctl;
+    }
+    // The reports sent with driver request `request`; for IO commands (code 38) the request they carry.
+    static std::vector<report64> reports(uint32_t request, uint8_t code = QX_HID_CMD_IO_CMD)
+    {
+        std::vector<report64> out;
+        for (const auto &[r, rep] : sent()) {
+            const uint32_t carried = rep[0] == QX_HID_CMD_IO_CMD ? leGet32(&rep[3]) : r;
+            if (rep[0] == code && carried == request) {
+                out.push_back(rep);
             }
         }
         return out;
     }
-    // Random bytes (never 0xFF, so no 1 KiB block is blank) of the given size.
-    std::string write(const std::string &name, size_t size)
+    // Bytes 0..254 in a pattern of the size's own, so no 1 KiB block is blank.
+    static std::vector<uint8_t> bytesOf(size_t size)
     {
-        std::vector<uint8_t> bytes(size);
-        std::mt19937 gen(static_cast<unsigned>(size));
-        for (uint8_t &b : bytes) {
-            b = static_cast<uint8_t>(gen() % 255);
+        std::vector<uint8_t> b(size);
+        for (size_t i = 0; i < size; ++i) {
+            b[i] = static_cast<uint8_t>((i * 7 + i / 251 + size) % 255);
         }
-        return write(name, bytes);
+        return b;
     }
-    std::string write(const std::string &name, const std::vector<uint8_t> &bytes)
+    const std::string &write(const std::vector<uint8_t> &bytes)
     {
-        const std::string path = (dir_ / name).string();
-        std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char *>(bytes.data()),
-                                                    static_cast<std::streamsize>(bytes.size()));
-        return path;
+        std::ofstream(file_, std::ios::binary).write(reinterpret_cast<const char *>(bytes.data()), std::ssize(bytes));
+        return file_;
     }
-    static std::vector<uint8_t> read(const std::string &path)
-    {
-        std::ifstream in(path, std::ios::binary);
-        return {std::istreambuf_iterator<char>(in), {}};
-    }
-    // A command block for `code` with the path from byte 3.
-    static qxUsbBlock pathCommand(uint8_t code, const std::string &path)
+    qxUsbBlock cmdFor(uint8_t code, const std::string &path)
     {
         qxUsbBlock cmd{};
         cmd[QX_REPORT_CODE] = code;
-        std::memcpy(&cmd[QX_REPORT_PAYLOAD], path.c_str(), std::min(path.size() + 1, QX_BLOCK_SIZE - 3));
+        std::copy_n(path.c_str(), std::min(path.size() + 1, QX_BLOCK_SIZE - QX_REPORT_PAYLOAD), &cmd[QX_REPORT_PAYLOAD]);
         return cmd;
     }
-    // The sleeps, with n copies of `pattern` expected from `at` on.
-    static bool sleepsRepeat(size_t at, const std::vector<uint64_t> &pattern, size_t n)
-    {
-        const auto &s = simSleeps();
-        if (s.size() < at + pattern.size() * n) {
-            return false;
-        }
-        for (size_t i = 0; i < pattern.size() * n; ++i) {
-            if (s[at + i] != pattern[i % pattern.size()]) {
-                return false;
-            }
-        }
-        return true;
-    }
-    std::filesystem::path dir_;
+    std::string file_ = testing::TempDir() + "upgrade-" + std::to_string(getpid());
+    qxUsbBlock resp{};
 };
