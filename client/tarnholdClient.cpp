@@ -119,7 +119,8 @@ int __tarnholdClientWait(int fd, short events, uint64_t deadline, short &revents
             return 1;
         }
         if (rc == 0 && progress && __tarnholdClientRemainingMs(deadline) > 0) {
-            params->progress(params->progressCtx, tarnholdClientSys.monotonicMs() - tarnholdClientPrivateMembers.startMs);
+            const uint64_t elapsedMs = tarnholdClientSys.monotonicMs() - tarnholdClientPrivateMembers.startMs;
+            params->progress(params->progressCtx, elapsedMs);
             continue;
         }
         if (rc == 0) {
@@ -241,7 +242,8 @@ int tarnholdClientExchange(usbDaemonRequest &record, const tarnholdClientParams 
 {
     tarnholdClientPrivateMembers.lastError[0] = '\0';
     tarnholdClientPrivateMembers.startMs = tarnholdClientSys.monotonicMs();
-    uint64_t deadline = tarnholdClientPrivateMembers.startMs + static_cast<uint64_t>(params.timeoutMs < 0 ? 0 : params.timeoutMs);
+    uint64_t deadline =
+        tarnholdClientPrivateMembers.startMs + static_cast<uint64_t>(params.timeoutMs < 0 ? 0 : params.timeoutMs);
 
     __tarnholdClientReplyFifo replyFifo;
     int rc = replyFifo.make(params.tmpDir);

@@ -190,9 +190,9 @@ tarnholdCtlCpldInfo tarnholdCtlUpgradeDecodeCpldInfo(const qxUsbBlock &resp)
     }
     const size_t len = resp[TARNHOLD_CTL_INFO_STAMP_LEN];
     if (len <= QX_REPORT_SIZE - TARNHOLD_CTL_INFO_STAMP) {
-        for (size_t i = 0; i < len && resp[TARNHOLD_CTL_INFO_STAMP + i] >= 0x20 && resp[TARNHOLD_CTL_INFO_STAMP + i] < 0x7F;
-             ++i) {
-            info.stamp += static_cast<char>(resp[TARNHOLD_CTL_INFO_STAMP + i]);
+        const uint8_t *stamp = &resp[TARNHOLD_CTL_INFO_STAMP];
+        for (size_t i = 0; i < len && stamp[i] >= 0x20 && stamp[i] < 0x7F; ++i) {
+            info.stamp += static_cast<char>(stamp[i]);
         }
     }
     return info;

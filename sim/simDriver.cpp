@@ -187,14 +187,14 @@ int simDriverOpenHandle()
 
 void simDriverCloseHandle(int handle)
 {
-    auto it = std::find_if(S.handles.begin(), S.handles.end(), [handle](const simHandle &h) { return h.id == handle; });
-    if (it == S.handles.end()) {
+    const simHandle *h = __simFindHandle(handle);
+    if (h == nullptr) {
         return;
     }
-    if (it->generation == S.generation) {
-        __simDriverSendPending(handle);
+    if (h->generation == S.generation) {
+        __simDriverSendPending(handle); // sending on never touches the handle list
     }
-    S.handles.erase(std::find_if(S.handles.begin(), S.handles.end(), [handle](const simHandle &h) { return h.id == handle; }));
+    S.handles.erase(S.handles.begin() + (h - S.handles.data()));
     __simRecord(simEventKind::CLOSE, 0, 0, 0, 0, static_cast<uint32_t>(handle));
 }
 

@@ -22,7 +22,8 @@ std::vector<uint8_t> readData(const std::string &name)
 
 void writeFile(const std::string &path, const std::vector<uint8_t> &bytes)
 {
-    std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char *>(bytes.data()), std::streamsize(bytes.size()));
+    std::ofstream out(path, std::ios::binary);
+    out.write(reinterpret_cast<const char *>(bytes.data()), std::streamsize(bytes.size()));
 }
 
 TEST(tarnholdCtlUpgrade, filesAreMadeAbsoluteAndCheckedAsTheServiceChecksThemBeforeAnythingIsSent)
@@ -54,12 +55,10 @@ TEST(tarnholdCtlUpgrade, filesAreMadeAbsoluteAndCheckedAsTheServiceChecksThemBef
     damaged[100] ^= 1;
     writeFile("damaged.jbc", damaged);
     EXPECT_FALSE(check(CPLD, "damaged.jbc"));
+    char computed[8];
+    std::snprintf(computed, sizeof computed, "0x%04x)", cpldUpgradeCrc(damaged.data(), idcode.size() - 2));
     EXPECT_EQ(error, dir + "/damaged.jbc: not a JAM byte-code file the service accepts: header or CRC (stored 0x7ae6, "
-                           "computed 0x" + [&] {
-                               char hex[5];
-                               std::snprintf(hex, sizeof hex, "%04x", cpldUpgradeCrc(damaged.data(), idcode.size() - 2));
-                               return std::string(hex);
-                           }() + ")");
+                           "computed " + computed);
     EXPECT_FALSE(check(CPLD, "fpga.bin")) << "too large for a CPLD";
     EXPECT_FALSE(check(CPLD, "missing.jbc"));
     EXPECT_EQ(error, dir + "/missing.jbc: No such file or directory");

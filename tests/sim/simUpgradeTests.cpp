@@ -178,7 +178,8 @@ TEST_F(simUpgradeTest, eraseRunAndCapacityTakeTheirTimesAndArmedFaultsHitTheOcca
 
     // The file-transfer buffer the driver cannot read.
     std::vector<uint8_t> buffer(64, 1);
-    picHidIoctlArg xfer{{QX_HID_CMD_FILE_TRANSFER_TEST}, PIC_HID_PARAM, 0, 64, 0, reinterpret_cast<uintptr_t>(buffer.data())};
+    const uint64_t at = reinterpret_cast<uintptr_t>(buffer.data());
+    picHidIoctlArg xfer{{QX_HID_CMD_FILE_TRANSFER_TEST}, PIC_HID_PARAM, 0, 64, 0, at};
     simSetUpgradeFault(simUpgradeFault::TRANSFER_UNREADABLE, 1);
     EXPECT_NE(platformSys.ioctl(fd, PIC_HID_FILE_TRANSFER_TEST, &xfer), 0);
     EXPECT_FALSE(simLastFileTransfer().readOk);

@@ -93,7 +93,8 @@ TEST(tarnholdSystemFpga, upgradeOf1048577BytesLeavesTheFileAndItsFillInTheFpgaMe
                                                    "cpld-set-up=0 cpld-erased=0 cpld-pages=0 cpld-runs=0\n");
     ASSERT_TRUE(stop(daemon));
     EXPECT_EQ(daemon.logTexts("fpgaUpgrade"),
-              (strings{"QX_TRACE_FILE-fpgaUpgradeFileInit:: fileName: /tmp/fpga.bin", "QX_TRACE_FILE-st.st_size: 1048577",
+              (strings{"QX_TRACE_FILE-fpgaUpgradeFileInit:: fileName: /tmp/fpga.bin",
+                       "QX_TRACE_FILE-st.st_size: 1048577",
                        "QX_TRACE_FILE-_this->upgradeSize: 1025k", "QX_TRACE_FILE-*****FPGA ERASE DONE*****",
                        "QX_TRACE_FILE-*****FPGA PROGRAM DONE*****",
                        "QX_TRACE_FILE-*****FPGA PROGRAM SUCCEFUL!!!!!!!!!!!!*****"}));
