@@ -208,7 +208,9 @@ void BM_upgradeHeapAllocations(benchmark::State &state)
     struct tm local = {};
     localtime_r(&zero, &local); // the time zone is read before counting
     benchHeap.model = platformSys;
-    platformSys.ioctl = [](int fd, unsigned long r, void *a) { return __benchInModel(benchHeap.model.ioctl, fd, r, a); };
+    platformSys.ioctl = [](int fd, unsigned long r, void *a) {
+        return __benchInModel(benchHeap.model.ioctl, fd, r, a);
+    };
     platformSys.usleep = [](useconds_t us) { return __benchInModel(benchHeap.model.usleep, us); };
     platformSys.open = [](const char *p, int f, mode_t m) { return __benchInModel(benchHeap.model.open, p, f, m); };
     platformSys.read = [](int fd, void *b, size_t n) { return __benchInModel(benchHeap.model.read, fd, b, n); };
@@ -218,7 +220,8 @@ void BM_upgradeHeapAllocations(benchmark::State &state)
     }
     benchHeap.allocations = 0;
     for (auto _ : state) {
-        for (auto [code, path] : {std::pair{QX_HID_CMD_FPGA_UPGRADE, BENCH_FPGA_FILE}, std::pair{QX_HID_CMD_CPLD_UPGRADE, CPLD_FILE}}) {
+        for (auto [code, path] :
+             {std::pair{QX_HID_CMD_FPGA_UPGRADE, BENCH_FPGA_FILE}, std::pair{QX_HID_CMD_CPLD_UPGRADE, CPLD_FILE}}) {
             qxUsbBlock cmd{};
             qxUsbBlock resp{};
             cmd[QX_REPORT_CODE] = code;

@@ -76,7 +76,8 @@ TEST_F(cpldUpgradeTest, fileBoundsFillAndTheRealJbcFiles)
         ASSERT_EQ(cpldUpgradeFileInit(write(bytes).c_str()), fits ? 0 : -1);
         const cpldUpgradeView v = cpldUpgradeGetView();
         if (!fits) {
-            EXPECT_EQ(lines().back(), "QX_TRACE_FILE-error wrong file size: " + std::to_string(size) + " [min: 1024], [max: 51200]");
+            EXPECT_EQ(lines().back(),
+                      "QX_TRACE_FILE-error wrong file size: " + std::to_string(size) + " [min: 1024], [max: 51200]");
         } else {
             EXPECT_EQ(v.upgradeSize, static_cast<int32_t>(size));
             EXPECT_TRUE(std::equal(bytes.begin(), bytes.end(), v.data));
@@ -106,9 +107,11 @@ TEST_F(cpldUpgradeTest, fullUpgradeLeavesSizeCrcStampAndRunStateInSlot9)
     EXPECT_THAT(lines(), ElementsAre("QX_TRACE_FILE-cpldUpgradeFileInit:: fileName: " + path,
                                      "QX_TRACE_FILE-_this->upgradeSize: 47471",
                                      "QX_TRACE_FILE-expected_crc: 0x7ae6, actual_crc: 0x7ae6",
-                                     "QX_TRACE_FILE-*****CPLD ERASE DONE*****", "QX_TRACE_FILE-*****CPLD INFO CLEAR DONE*****",
+                                     "QX_TRACE_FILE-*****CPLD ERASE DONE*****",
+                                     "QX_TRACE_FILE-*****CPLD INFO CLEAR DONE*****",
                                      "QX_TRACE_FILE-*****CPLD FIRMWARE UPDATE DONE!!!*****",
-                                     "QX_TRACE_FILE-***CPLD INFO UPDATE DONE***", "QX_TRACE_FILE-***CPLD CRC CHECK PASSED!!!***",
+                                     "QX_TRACE_FILE-***CPLD INFO UPDATE DONE***",
+                                     "QX_TRACE_FILE-***CPLD CRC CHECK PASSED!!!***",
                                      "QX_TRACE_FILE-***CPLD UPGRADE RUN PASSED!!!***",
                                      "QX_TRACE_FILE-***CPLD PROGRAM SUCCESSFUL!!!!!!!!!!!!***"));
     // 1 s after each record write, 2 s before each read-back's report, 20 s after the run.
@@ -116,7 +119,8 @@ TEST_F(cpldUpgradeTest, fullUpgradeLeavesSizeCrcStampAndRunStateInSlot9)
     const simSlot slot = simGetSlot(9);
     EXPECT_EQ(slot.word0, 47471u | 0x7AE6u << 16);
     EXPECT_EQ(slot.word1, 0u);
-    const time_t second = static_cast<time_t>((SIM_WALL_CLOCK_START_MS + start / 1000) / 1000 + 1); // after the clear's 1 s
+    // The second write's stamp: 1 s after the start, behind the clear's wait.
+    const time_t second = static_cast<time_t>((SIM_WALL_CLOCK_START_MS + start / 1000) / 1000 + 1);
     struct tm l = {};
     localtime_r(&second, &l);
     char stamp[40];
@@ -128,7 +132,8 @@ TEST_F(cpldUpgradeTest, fullUpgradeLeavesSizeCrcStampAndRunStateInSlot9)
     EXPECT_EQ(leGet64(&writes[0][4]), 0xFFFFFFFF00000000u);
     EXPECT_EQ(leGet64(&writes[1][4]), 0xFFFFFFFF7AE6B96Fu);
     EXPECT_EQ(writes[1][12], std::strlen(stamp));
-    EXPECT_TRUE(std::all_of(writes[1].begin() + 14 + std::strlen(stamp), writes[1].end(), [](uint8_t b) { return b == 0xFF; }));
+    EXPECT_TRUE(std::all_of(writes[1].begin() + 14 + std::strlen(stamp), writes[1].end(),
+                            [](uint8_t b) { return b == 0xFF; }));
     std::ifstream in(path, std::ios::binary);
     const std::vector<uint8_t> file((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     EXPECT_TRUE(std::equal(file.begin(), file.end(), simCpldImage().begin()));
@@ -136,7 +141,8 @@ TEST_F(cpldUpgradeTest, fullUpgradeLeavesSizeCrcStampAndRunStateInSlot9)
 
 TEST_F(cpldUpgradeTest, chunksOfThirtyPagesAtMostWithCapacityPolledEverySecondUpTo30Times)
 {
-    const std::pair<size_t, std::vector<uint8_t>> cases[] = {{1024, {4}}, {1500, {6}}, {51200, {30, 30, 30, 30, 30, 30, 20}}};
+    const std::pair<size_t, std::vector<uint8_t>> cases[] = {
+        {1024, {4}}, {1500, {6}}, {51200, {30, 30, 30, 30, 30, 30, 20}}};
     simSetUrbBusyUs(1500 * MS); // two 1 s polls before every chunk but the first
     for (const auto &[size, counts] : cases) {
         sent().clear();
@@ -215,12 +221,15 @@ TEST_F(cpldUpgradeTest, eachFailingStepEndsWithItsLineAndFromTheReadBackOnClears
         size_t writes; // record writes sent
         bool cleared;  // the record left cleared
     } cases[] = {
-        {[] { simSetUpgradeFault(simUpgradeFault::READBACK_OTHER_CRC, 1); }, "Error verifying cpld executable binary file!!!!!", 3, true},
-        {[] { simSetUpgradeFault(simUpgradeFault::RUN_NEVER_COMPLETES, 1); }, "Error CPLD Upgrade Clean Up!!!!!", 3, true},
+        {[] { simSetUpgradeFault(simUpgradeFault::READBACK_OTHER_CRC, 1); },
+         "Error verifying cpld executable binary file!!!!!", 3, true},
+        {[] { simSetUpgradeFault(simUpgradeFault::RUN_NEVER_COMPLETES, 1); }, "Error CPLD Upgrade Clean Up!!!!!", 3,
+         true},
         {[] { simFailIoctl(PIC_HID_CPLD_UPGRADE_RUN, EIO, 1); }, "Error running CPLD Upgrade!!!!!", 3, true},
         {[] { simFailIoctl(PIC_HID_ERASE_CPLD, EIO, 1); }, "Error erasing CPLD!!!!!", 0, false},
         {[] { simFailIoctl(PIC_HID_PROGRAM_CPLD, EIO, 1); }, "Error programming the cpld executable!!!!!", 1, true},
-        {[] { simSetUpgradeFault(simUpgradeFault::RECORD_WRITE_UNCONFIRMED, 1); }, "cpldProgramInfo Clear Failed! rc: -1", 1, true},
+        {[] { simSetUpgradeFault(simUpgradeFault::RECORD_WRITE_UNCONFIRMED, 1); },
+         "cpldProgramInfo Clear Failed! rc: -1", 1, true},
     };
     for (const auto &c : cases) {
         simSetSlot(9, {0x11, 0x22, 0, {}});

@@ -44,7 +44,8 @@ TEST_F(fpgaUpgradeTest, fileSizeBoundsAndUpgradeSizeWalk)
         const std::string second = c.upgradeSize == 0
             ? "QX_TRACE_FILE-error wrong file size: " + std::to_string(c.size) + " [min: 1048576], [max: 16777216]"
             : "QX_TRACE_FILE-st.st_size: " + std::to_string(c.size);
-        EXPECT_THAT(log.textsFrom("fpgaUpgrade"), ElementsAre("QX_TRACE_FILE-fpgaUpgradeFileInit:: fileName: " + file_, second));
+        EXPECT_THAT(log.textsFrom("fpgaUpgrade"),
+                    ElementsAre("QX_TRACE_FILE-fpgaUpgradeFileInit:: fileName: " + file_, second));
         const fpgaUpgradeView v = fpgaUpgradeGetView();
         if (c.upgradeSize != 0) {
             EXPECT_EQ(v.upgradeSize, c.upgradeSize);
@@ -62,8 +63,8 @@ TEST_F(fpgaUpgradeTest, unendedPathsAndShortReadsFailBeforeAnythingIsSent)
     cmd.fill('a');
     cmd[QX_REPORT_CODE] = QX_HID_CMD_FPGA_UPGRADE;
     EXPECT_EQ(usbMgmtCmd(cmd, resp), -1);
-    EXPECT_THAT(log.textsFrom("fpgaUpgrade"),
-                ElementsAre("QX_TRACE_FILE-error file name does not end within the command block (at most 65 characters)"));
+    EXPECT_THAT(log.textsFrom("fpgaUpgrade"), ElementsAre("QX_TRACE_FILE-error file name does not end within the "
+                                                          "command block (at most 65 characters)"));
     platformSys.read = [](int fd, void *buf, size_t len) { return PLATFORM_SYS_LIBC.read(fd, buf, len / 2); };
     EXPECT_EQ(upgrade(bytesOf(1048576)), -1);
     EXPECT_EQ(log.textsFrom("fpgaUpgrade").back(), "QX_TRACE_FILE-fread error rc: 1048575");
@@ -75,8 +76,8 @@ TEST_F(fpgaUpgradeTest, fullUpgradeLeavesTheFileAndItsFillInFpgaMemoryAfterTheFi
     std::vector<uint8_t> bytes = bytesOf(1048577);
     EXPECT_EQ(upgrade(bytes), 0);
     EXPECT_THAT(log.textsFrom("fpgaUpgrade"),
-                ElementsAre("QX_TRACE_FILE-fpgaUpgradeFileInit:: fileName: " + file_, "QX_TRACE_FILE-st.st_size: 1048577",
-                            "QX_TRACE_FILE-_this->upgradeSize: 1025k", ERASE_DONE,
+                ElementsAre("QX_TRACE_FILE-fpgaUpgradeFileInit:: fileName: " + file_,
+                            "QX_TRACE_FILE-st.st_size: 1048577", "QX_TRACE_FILE-_this->upgradeSize: 1025k", ERASE_DONE,
                             "QX_TRACE_FILE-*****FPGA PROGRAM DONE*****",
                             "QX_TRACE_FILE-*****FPGA PROGRAM SUCCEFUL!!!!!!!!!!!!*****"));
     EXPECT_THAT(simSleeps(), ElementsAre(55 * S, 20 * MS, 2 * S, 20 * MS));
@@ -122,9 +123,10 @@ TEST_F(fpgaUpgradeTest, capacityPolledEvery50msAndGivenUpAfter600Polls)
     simSetUpgradeFault(simUpgradeFault::CAPACITY_NEVER_FREE, -1);
     EXPECT_EQ(upgrade(bytesOf(1048576)), -1);
     EXPECT_EQ(simSleeps(), repeat({55 * S, 20 * MS}, {50 * MS}, 600));
-    EXPECT_THAT(stepLines(), ElementsAre(ERASE_DONE,
-                                         "QX_TRACE_FILE-PIC_HID_IS_URB_AVAILABLE: driver still busy after 600 polls, giving up",
-                                         PROGRAM_FAILED));
+    EXPECT_THAT(stepLines(),
+                ElementsAre(ERASE_DONE,
+                            "QX_TRACE_FILE-PIC_HID_IS_URB_AVAILABLE: driver still busy after 600 polls, giving up",
+                            PROGRAM_FAILED));
     EXPECT_THAT(reports(PIC_HID_PROGRAM_FPGA), IsEmpty());
 }
 

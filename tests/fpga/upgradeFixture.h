@@ -84,7 +84,8 @@ protected:
     {
         qxUsbBlock cmd{};
         cmd[QX_REPORT_CODE] = code;
-        std::copy_n(path.c_str(), std::min(path.size() + 1, QX_BLOCK_SIZE - QX_REPORT_PAYLOAD), &cmd[QX_REPORT_PAYLOAD]);
+        const size_t len = std::min(path.size() + 1, QX_BLOCK_SIZE - QX_REPORT_PAYLOAD);
+        std::copy_n(path.c_str(), len, &cmd[QX_REPORT_PAYLOAD]);
         return cmd;
     }
     std::string file_ = testing::TempDir() + "upgrade-" + std::to_string(getpid());

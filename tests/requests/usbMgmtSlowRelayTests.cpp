@@ -47,7 +47,8 @@ TEST_F(usbMgmtSlowTest, fileTransferCapsTheLengthAt8MiBAndHandsTheTestBufferByAd
     for (size_t i = 0; i < 0x800000; ++i) {
         fnv = (fnv ^ __testingTmmmmpBuf[i]) * 16777619u;
     }
-    for (auto [asked, len] : {std::pair{0x900000u, 0x800000u}, std::pair{0x800000u, 0x800000u}, std::pair{4096u, 4096u}}) {
+    const std::pair<uint32_t, uint32_t> lengths[] = {{0x900000, 0x800000}, {0x800000, 0x800000}, {4096, 4096}};
+    for (auto [asked, len] : lengths) {
         qxUsbBlock cmd = cmdFor(QX_HID_CMD_FILE_TRANSFER_TEST, "");
         lePut32(&cmd[3], asked);
         resp.fill(0xEE);
