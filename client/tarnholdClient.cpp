@@ -25,6 +25,8 @@ constexpr size_t TARNHOLD_CLIENT_PATH_SIZE = 256;
 
 struct {
     char lastError[TARNHOLD_CLIENT_ERROR_SIZE] = {};
+    const tarnholdClientParams *params = nullptr; // of the exchange under way, for its progress calls
+    uint64_t startMs = 0;
 } tarnholdClientPrivateMembers;
 
 uint64_t __tarnholdClientMonotonicMs()
@@ -103,12 +105,23 @@ int __tarnholdClientRemainingMs(uint64_t deadline)
 // Waits for `events` on fd: 1 ready (revents set), 0 timed out, or a negative errno.
 int __tarnholdClientWait(int fd, short events, uint64_t deadline, short &revents)
 {
+    const tarnholdClientParams *params = tarnholdClientPrivateMembers.params;
+    const bool progress = params != nullptr && params->progress != nullptr;
     for (;;) {
         pollfd pfd = {.fd = fd, .events = events, .revents = 0};
-        int rc = tarnholdClientSys.poll(&pfd, 1, __tarnholdClientRemainingMs(deadline));
+        int waitMs = __tarnholdClientRemainingMs(deadline);
+        if (progress) {
+            waitMs = waitMs < TARNHOLD_CLIENT_PROGRESS_MS ? waitMs : TARNHOLD_CLIENT_PROGRESS_MS;
+        }
+        int rc = tarnholdClientSys.poll(&pfd, 1, waitMs);
         if (rc > 0) {
             revents = pfd.revents;
             return 1;
+        }
+        if (rc == 0 && progress && __tarnholdClientRemainingMs(deadline) > 0) {
+            const uint64_t elapsedMs = tarnholdClientSys.monotonicMs() - tarnholdClientPrivateMembers.startMs;
+            params->progress(params->progressCtx, elapsedMs);
+            continue;
         }
         if (rc == 0) {
             return 0;
@@ -228,7 +241,9 @@ tarnholdClientSysOps tarnholdClientSys = TARNHOLD_CLIENT_SYS_LIBC;
 int tarnholdClientExchange(usbDaemonRequest &record, const tarnholdClientParams &params)
 {
     tarnholdClientPrivateMembers.lastError[0] = '\0';
-    uint64_t deadline = tarnholdClientSys.monotonicMs() + static_cast<uint64_t>(params.timeoutMs < 0 ? 0 : params.timeoutMs);
+    tarnholdClientPrivateMembers.startMs = tarnholdClientSys.monotonicMs();
+    uint64_t deadline =
+        tarnholdClientPrivateMembers.startMs + static_cast<uint64_t>(params.timeoutMs < 0 ? 0 : params.timeoutMs);
 
     __tarnholdClientReplyFifo replyFifo;
     int rc = replyFifo.make(params.tmpDir);
@@ -252,7 +267,9 @@ int tarnholdClientExchange(usbDaemonRequest &record, const tarnholdClientParams 
         return rc;
     }
     usbDaemonRequest in = {};
+    tarnholdClientPrivateMembers.params = &params;
     rc = __tarnholdClientReceive(reply.get(), in, deadline);
+    tarnholdClientPrivateMembers.params = nullptr;
     if (rc != 0) {
         return rc;
     }

@@ -1,6 +1,7 @@
 // Parsing and printing for tarnholdctl.
 #include "tarnholdCtlText.h"
 
+#include "leBytes.h"
 #include "qxLoader.h"
 
 #include <cctype>
@@ -24,12 +25,6 @@ bool __tarnholdCtlSameIgnoringCase(std::string_view a, std::string_view b)
         }
     }
     return true;
-}
-
-uint32_t __tarnholdCtlLe32(const qxUsbBlock &b, size_t at)
-{
-    return static_cast<uint32_t>(b[at]) | static_cast<uint32_t>(b[at + 1]) << 8 |
-           static_cast<uint32_t>(b[at + 2]) << 16 | static_cast<uint32_t>(b[at + 3]) << 24;
 }
 
 std::string __tarnholdCtlPrintable(const uint8_t *bytes, size_t len)
@@ -202,8 +197,8 @@ tarnholdCtlSlot tarnholdCtlDecodeSlot(const qxUsbBlock &resp)
     if (!slot.valid) {
         return slot; // an erased slot reads 0xFF from byte 4 on
     }
-    slot.word0 = __tarnholdCtlLe32(resp, QX_SLOT_BYTE_WORD0);
-    slot.word1 = __tarnholdCtlLe32(resp, QX_SLOT_BYTE_WORD1);
+    slot.word0 = leGet32(&resp[QX_SLOT_BYTE_WORD0]);
+    slot.word1 = leGet32(&resp[QX_SLOT_BYTE_WORD1]);
     memcpy(slot.data.data(), resp.data() + QX_SLOT_BYTE_DATA, slot.len);
     return slot;
 }

@@ -1,9 +1,11 @@
 // tarnholdctl: sends one request to the tarnhold daemon and prints the reply.
 #include "evmLog.h"
+#include "leBytes.h"
 #include "qxFile.h"
 #include "qxLoader.h"
 #include "tarnholdClient.h"
 #include "tarnholdCtlText.h"
+#include "tarnholdCtlUpgrade.h"
 #include "uniqueFd.h"
 #include "viaI2c.h"
 
@@ -12,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <fcntl.h>
 #include <string>
 #include <string_view>
@@ -25,13 +28,14 @@ enum tarnholdCtlExit : int {
     CTL_EXIT_RESULT = 1,        // the daemon answered with a non-zero result
     CTL_EXIT_USAGE = 2,         // bad command line
     CTL_EXIT_TRANSPORT = 3,     // no daemon, no reply in time, or a failed system call
-    CTL_EXIT_FIRMWARE_FILE = 4, // firmware-check: the file does not load
+    CTL_EXIT_FIRMWARE_FILE = 4, // firmware-check: the file does not load; an upgrade file is refused
     CTL_EXIT_DIFFERS = 5,       // firmware-check: the stored firmware differs from the file
 };
 
 constexpr size_t CTL_FIRST_ARG_BYTE = QX_REPORT_PAYLOAD;
 constexpr size_t CTL_XML_DETECT_BAYS = 23;
 constexpr size_t CTL_MD5_SIZE = 16;
+constexpr uint32_t CTL_FILE_TRANSFER_MAX = 0x800000; // the daemon's test buffer
 
 struct tarnholdCtlContext {
     bool json = false;
@@ -402,7 +406,143 @@ int __ctlFan(tarnholdCtlContext &ctx, int argc, char **argv)
     return status == CTL_EXIT_OK && record.resp[QX_REPORT_STATUS] != 0 ? CTL_EXIT_RESULT : status;
 }
 
-constexpr std::array<tarnholdCtlCommand, 11> CTL_COMMANDS = {{
+// What the terminal shows while an upgrade runs.
+struct __ctlProgress {
+    const tarnholdCtlUpgradeRules *rules;
+};
+
+void __ctlShowProgress(void *ctx, uint64_t elapsedMs)
+{
+    const auto *p = static_cast<const __ctlProgress *>(ctx);
+    fprintf(stderr, "\r%s: %llu s (it takes at least %d s)", p->rules->name,
+            static_cast<unsigned long long>(elapsedMs / 1000), p->rules->leastSeconds);
+    fflush(stderr);
+}
+
+uint64_t __ctlNowMs()
+{
+    timespec ts = {};
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<uint64_t>(ts.tv_sec) * 1000u + static_cast<uint64_t>(ts.tv_nsec) / 1000000u;
+}
+
+// fpga-upgrade / cpld-upgrade FILE: nothing is sent for a file the service would refuse.
+int __ctlUpgrade(tarnholdCtlContext &ctx, int argc, char **argv, tarnholdCtlUpgradeKind kind)
+{
+    const tarnholdCtlUpgradeRules &rules = tarnholdCtlUpgradeGetRules(kind);
+    if (argc != 1) {
+        return __ctlUsageError(std::string(rules.name) + " needs one FILE");
+    }
+    std::string path;
+    std::string error;
+    if (!tarnholdCtlUpgradeCheckFile(kind, argv[0], path, error)) {
+        fprintf(stderr, "tarnholdctl: %s: %s; nothing sent\n", rules.name, error.c_str());
+        if (ctx.json) {
+            printf("{\"error\":%s}\n", tarnholdCtlJsonString(error).c_str());
+        }
+        return CTL_EXIT_FIRMWARE_FILE;
+    }
+    usbDaemonRequest record = {};
+    record.cmd[QX_REPORT_CODE] = rules.code;
+    memcpy(&record.cmd[CTL_FIRST_ARG_BYTE], path.c_str(), path.size() + 1);
+    __ctlProgress progress{&rules};
+    const bool terminal = isatty(STDERR_FILENO) == 1;
+    if (terminal) {
+        ctx.params.progress = __ctlShowProgress;
+        ctx.params.progressCtx = &progress;
+        __ctlShowProgress(&progress, 0);
+    }
+    const uint64_t start = __ctlNowMs();
+    int rc = __ctlExchange(ctx, record);
+    const uint64_t elapsedS = (__ctlNowMs() - start) / 1000;
+    if (terminal) {
+        fprintf(stderr, "\n");
+    }
+    if (rc != 0) {
+        return rc;
+    }
+    tarnholdCtlDecoded decoded;
+    decoded.text = "file: " + path + "\nelapsed: " + std::to_string(elapsedS) + " s\n";
+    decoded.json = "{\"file\":" + tarnholdCtlJsonString(path) + ",\"elapsedSeconds\":" + std::to_string(elapsedS) + "}";
+    return __ctlPrintReply(ctx, record, decoded, false);
+}
+
+int __ctlFpgaUpgrade(tarnholdCtlContext &ctx, int argc, char **argv)
+{
+    return __ctlUpgrade(ctx, argc, argv, tarnholdCtlUpgradeKind::FPGA);
+}
+
+int __ctlCpldUpgrade(tarnholdCtlContext &ctx, int argc, char **argv)
+{
+    return __ctlUpgrade(ctx, argc, argv, tarnholdCtlUpgradeKind::CPLD);
+}
+
+int __ctlCpldInfo(tarnholdCtlContext &ctx, int argc, char **)
+{
+    if (argc != 0) {
+        return __ctlUsageError("cpld-info takes no arguments");
+    }
+    usbDaemonRequest record = {};
+    record.cmd[QX_REPORT_CODE] = QX_HID_CMD_CPLD_INFO;
+    int rc = __ctlExchange(ctx, record);
+    if (rc != 0) {
+        return rc;
+    }
+    const tarnholdCtlCpldInfo info = tarnholdCtlUpgradeDecodeCpldInfo(record.resp);
+    char text[200];
+    snprintf(text, sizeof text, "size: %u\ncrc: 0x%04x\nstate: %s (0x%08x)\nstamp: %s\n", info.size, info.crc,
+             info.stateText, info.state, info.stamp.c_str());
+    char json[200];
+    snprintf(json, sizeof json, "{\"size\":%u,\"crc\":%u,\"state\":%s,\"stateWord\":%u,\"stamp\":", info.size,
+             info.crc, tarnholdCtlJsonString(info.stateText).c_str(), info.state);
+    return __ctlPrintReply(ctx, record, {text, json + tarnholdCtlJsonString(info.stamp) + "}"}, true);
+}
+
+// Shutdown and tray test: the daemon waits seconds for their answers.
+int __ctlSlowRelay(tarnholdCtlContext &ctx, int argc, char **argv, uint8_t code)
+{
+    return __ctlSendBlocks(ctx, code, argc, argv);
+}
+
+int __ctlShutdown(tarnholdCtlContext &ctx, int argc, char **argv)
+{
+    return __ctlSlowRelay(ctx, argc, argv, QX_HID_CMD_SHUTDOWN);
+}
+
+int __ctlTrayTest(tarnholdCtlContext &ctx, int argc, char **argv)
+{
+    return __ctlSlowRelay(ctx, argc, argv, QX_HID_CMD_TRAY_TEST);
+}
+
+int __ctlFileTransfer(tarnholdCtlContext &ctx, int argc, char **argv)
+{
+    if (argc > 1) {
+        return __ctlUsageError("file-transfer takes at most a LENGTH");
+    }
+    unsigned long long length = CTL_FILE_TRANSFER_MAX;
+    if (argc == 1) {
+        char *end = nullptr;
+        errno = 0;
+        length = strtoull(argv[0], &end, 0);
+        if (end == argv[0] || *end != '\0' || errno != 0 || argv[0][0] == '-' || length > UINT32_MAX) {
+            return __ctlUsageError(std::string("not a length: ") + argv[0]);
+        }
+    }
+    usbDaemonRequest record = {};
+    record.cmd[QX_REPORT_CODE] = QX_HID_CMD_FILE_TRANSFER_TEST;
+    // The daemon takes at most its buffer's 8 MiB and says nothing when it cuts.
+    lePut32(&record.cmd[CTL_FIRST_ARG_BYTE], static_cast<uint32_t>(length));
+    int rc = __ctlExchange(ctx, record);
+    if (rc != 0) {
+        return rc;
+    }
+    const unsigned long long sent = length > CTL_FILE_TRANSFER_MAX ? CTL_FILE_TRANSFER_MAX : length;
+    return __ctlPrintReply(ctx, record,
+                           {"length: " + std::to_string(sent) + "\n", "{\"length\":" + std::to_string(sent) + "}"},
+                           false);
+}
+
+constexpr std::array<tarnholdCtlCommand, 17> CTL_COMMANDS = {{
     {"raw", __ctlRaw, "CODE [BYTE...]", "send code CODE with BYTEs from byte 3; print both blocks"},
     {"cmd", __ctlCmd, "NAME|CODE [BYTE...]", "the same by command name (QX_HID_CMD_SET_LEDS or set-leds)"},
     {"bay-shutdown", __ctlBayShutdown, "BAY", "force drive bay BAY to shut down"},
@@ -412,6 +552,12 @@ constexpr std::array<tarnholdCtlCommand, 11> CTL_COMMANDS = {{
     {"xml-detect-get", __ctlXmlDetectGet, "", "read the XML daemon detect bytes"},
     {"slot-read", __ctlSlotRead, "SLOT", "read stored value slot SLOT (10: platform, 4: firmware)"},
     {"firmware-check", __ctlFirmwareCheck, "FILE", "compare firmware file FILE with the stored firmware"},
+    {"fpga-upgrade", __ctlFpgaUpgrade, "FILE", "upgrade the FPGA from FILE (1 to 16 MiB; at least 57 s)"},
+    {"cpld-upgrade", __ctlCpldUpgrade, "FILE", "upgrade the CPLD from JBC file FILE (at least 26 s)"},
+    {"cpld-info", __ctlCpldInfo, "", "the CPLD record: size, CRC, state (cleared, written, run)"},
+    {"shutdown", __ctlShutdown, "[BYTE...]", "shutdown (code 12); the answer takes up to 12.5 s"},
+    {"tray-test", __ctlTrayTest, "[BYTE...]", "tray test (code 59); the answer takes up to 8 s"},
+    {"file-transfer", __ctlFileTransfer, "[LENGTH]", "file-transfer test over LENGTH bytes (default and most 8 MiB)"},
     {"fan", __ctlFan, "[set auto|LEVEL]", "option-bay fans: mode and level, or set them (LEVEL 0-15)"},
     {"help", nullptr, "", "this text"},
 }};
@@ -427,7 +573,8 @@ void __ctlUsage(FILE *out)
                  "--json prints one JSON object; --timeout defaults to %d s; --fifo names the request FIFO "
                  "(default %s).\n\n"
                  "Exit status: 0 result 0 (firmware-check: current), 1 non-zero result, 2 usage,\n"
-                 "3 no daemon / no reply / system error, 4 firmware file does not load, 5 firmware differs.\n",
+                 "3 no daemon / no reply / system error, 4 firmware file does not load or upgrade file\n"
+                 "refused (nothing sent), 5 firmware differs.\n",
             TARNHOLD_CLIENT_TIMEOUT_MS / 1000, USB_DAEMON_FIFO);
 }
 

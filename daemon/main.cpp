@@ -22,8 +22,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-uint8_t __testingTmmmmpBuf[MAIN_TEST_BUF_SIZE];
-
 void signal_exit_handler(int sig);
 void signal_pipe_handler(int sig);
 
@@ -85,14 +83,6 @@ struct {
     uint64_t lastTick = 0;
     usbDaemonRequest record = {};
 } mainPrivateMembers;
-
-__attribute__((constructor)) void __init__testingTmmmmpBuf()
-{
-    for (size_t block = 0; block < MAIN_TEST_BUF_BLOCKS; ++block) {
-        memset(__testingTmmmmpBuf + block * MAIN_TEST_BUF_BLOCK, static_cast<int>(block % 256),
-               MAIN_TEST_BUF_BLOCK);
-    }
-}
 
 void tarnholdUsage(const char *argv0)
 {

@@ -4,6 +4,7 @@
 #include "qxUsb.h"
 
 #include "evmLog.h"
+#include "leBytes.h"
 #include "sysSeam.h"
 
 #include <cerrno>
@@ -44,17 +45,6 @@ struct {
 auto &M = qxUsbPrivateMembers;
 
 enum class qxUsbIssue : uint8_t { OK, BUSY, FAILED };
-
-uint32_t __qxUsbGetLe32(const uint8_t *p)
-{
-    return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 | static_cast<uint32_t>(p[2]) << 16 |
-           static_cast<uint32_t>(p[3]) << 24;
-}
-
-uint64_t __qxUsbGetLe64(const uint8_t *p)
-{
-    return static_cast<uint64_t>(__qxUsbGetLe32(p)) | static_cast<uint64_t>(__qxUsbGetLe32(p + 4)) << 32;
-}
 
 // Issues a request, again after 100 ms while the driver answers EAGAIN, three
 // attempts in all. The error is taken right after each attempt, so a retry
@@ -155,11 +145,11 @@ int32_t qxUsbCmd(const uint8_t *report)
     switch (report[QX_REPORT_CODE]) {
     case QX_HID_CMD_FILE_TRANSFER_TEST:
         request = PIC_HID_FILE_TRANSFER_TEST;
-        arg.xferLen = __qxUsbGetLe32(&report[QX_USB_XFER_LEN]);
-        arg.xferBuf = __qxUsbGetLe64(&report[QX_USB_XFER_BUF]);
+        arg.xferLen = leGet32(&report[QX_USB_XFER_LEN]);
+        arg.xferBuf = leGet64(&report[QX_USB_XFER_BUF]);
         break;
     case QX_HID_CMD_IO_CMD:
-        request = __qxUsbGetLe32(&report[QX_USB_IO_REQUEST]);
+        request = leGet32(&report[QX_USB_IO_REQUEST]);
         break;
     default:
         break;
@@ -224,7 +214,7 @@ int32_t qxUsbRawIoctCmd(picHidIoctlArg *block)
     }
     const uint8_t code = block->report[QX_REPORT_CODE];
     const uint32_t request =
-        code == QX_HID_CMD_IO_CMD ? __qxUsbGetLe32(&block->report[QX_USB_IO_REQUEST]) : PIC_HID_SEND_REPORT;
+        code == QX_HID_CMD_IO_CMD ? leGet32(&block->report[QX_USB_IO_REQUEST]) : PIC_HID_SEND_REPORT;
     if (!__qxUsbIsQuiet(code, request)) {
         __qxUsbTrace(block->report);
     }

@@ -4,6 +4,7 @@
 #include "qxLoader.h"
 
 #include "evmLog.h"
+#include "leBytes.h"
 #include "sysSeam.h"
 
 #include <algorithm>
@@ -32,12 +33,14 @@ constexpr size_t QX_PROGRAM_BYTE_COUNT = 5;
 
 constexpr uint32_t QX_FLASH_LAST = QX_FLASH_END - 1;
 
-void __qxLoaderPutLe(uint8_t *dst, uint64_t value, size_t bytes)
-{
-    for (size_t i = 0; i < bytes; ++i) {
-        dst[i] = static_cast<uint8_t>(value >> (8 * i));
-    }
-}
+// The blocks whose addresses the driver is handed. The driver keeps the
+// address and reads the report when it sends it on, after the request that
+// named it has returned, possibly after programming has given up: so they
+// belong to the module, never to a frame that ends.
+struct {
+    qxUsbBlock program{};
+    qxUsbBlock complete{};
+} qxLoaderBootBlocks;
 
 // An IO command for request `request` with a fresh sequence number.
 uint8_t __qxLoaderFillIo(uint8_t *report, uint32_t request)
@@ -45,7 +48,7 @@ uint8_t __qxLoaderFillIo(uint8_t *report, uint32_t request)
     const uint8_t seq = qxUsbGetNextSeqNumber();
     report[QX_REPORT_CODE] = QX_HID_CMD_IO_CMD;
     report[QX_REPORT_SEQ] = seq;
-    __qxLoaderPutLe(&report[QX_IO_BYTE_REQUEST], request, 4);
+    lePut32(&report[QX_IO_BYTE_REQUEST], request);
     return seq;
 }
 
@@ -73,7 +76,7 @@ int32_t __qxLoaderHandOver(uint32_t request, const qxUsbBlock &block)
 {
     qxUsbBlock io{};
     __qxLoaderFillIo(io.data(), request);
-    __qxLoaderPutLe(&io[QX_IO_BYTE_ADDRESS], reinterpret_cast<uintptr_t>(block.data()), 8);
+    lePut64(&io[QX_IO_BYTE_ADDRESS], reinterpret_cast<uintptr_t>(block.data()));
     return qxUsbCmd(io.data());
 }
 
@@ -220,12 +223,10 @@ int32_t qxLoaderProgram()
     const uint8_t *source = qxFileGetData();
     const uint32_t packetDataSize = qxLoaderGetPacketDataSize();
 
-    // The driver keeps the addresses of these two blocks and sends their
-    // reports after the request that named them has returned: they stay on
-    // this frame, in place, until programming ends.
-    qxUsbBlock complete{};
+    qxUsbBlock &complete = qxLoaderBootBlocks.complete;
+    complete.fill(0);
     complete[QX_REPORT_CODE] = PROGRAM_COMPLETE;
-    qxUsbBlock program{};
+    qxUsbBlock &program = qxLoaderBootBlocks.program;
 
     bool acked = false;
     int32_t rc = __qxLoaderRawIo(PIC_HID_PIC32_UPGRADE_SETUP, acked);
@@ -251,7 +252,7 @@ int32_t qxLoaderProgram()
 
         program.fill(0);
         program[QX_REPORT_CODE] = PROGRAM_DEVICE;
-        __qxLoaderPutLe(&program[QX_PROGRAM_BYTE_ADDRESS], address, 4);
+        lePut32(&program[QX_PROGRAM_BYTE_ADDRESS], address);
         program[QX_PROGRAM_BYTE_COUNT] = static_cast<uint8_t>(std::min(remaining, packetDataSize));
         const uint32_t n = program[QX_PROGRAM_BYTE_COUNT];
 

@@ -4,6 +4,7 @@
 #include "qxLoader.h"
 
 #include "evmLog.h"
+#include "leBytes.h"
 
 #include <cstdio>
 #include <cstring>
@@ -12,19 +13,6 @@ namespace {
 
 constexpr int QX_LOADER_STORED_HASH_TRIES = 3;
 constexpr uint8_t QX_LOADER_MD5_SIZE = 16;
-
-uint32_t __qxLoaderGetLe32(const uint8_t *src)
-{
-    return static_cast<uint32_t>(src[0]) | static_cast<uint32_t>(src[1]) << 8 | static_cast<uint32_t>(src[2]) << 16
-        | static_cast<uint32_t>(src[3]) << 24;
-}
-
-void __qxLoaderPutLe32(uint8_t *dst, uint32_t value)
-{
-    for (size_t i = 0; i < 4; ++i) {
-        dst[i] = static_cast<uint8_t>(value >> (8 * i));
-    }
-}
 
 // Slot 4 into a cleared record, three tries back to back.
 int32_t __qxLoaderReadFirmwareRecord(qxLoaderStoredNum &sn)
@@ -62,8 +50,8 @@ int32_t qxLoaderGetStoredNum(qxLoaderStoredNum *sn, int32_t slot)
         sn->storedNumLen = 0;
         return 0;
     }
-    sn->storedNumWord0 = __qxLoaderGetLe32(&block[QX_SLOT_BYTE_WORD0]);
-    sn->storedNumWord1 = __qxLoaderGetLe32(&block[QX_SLOT_BYTE_WORD1]);
+    sn->storedNumWord0 = leGet32(&block[QX_SLOT_BYTE_WORD0]);
+    sn->storedNumWord1 = leGet32(&block[QX_SLOT_BYTE_WORD1]);
     memcpy(sn->storedNum, &block[QX_SLOT_BYTE_DATA], sn->storedNumLen);
     return 0;
 }
@@ -76,8 +64,8 @@ int32_t qxLoaderSetStoredNum(const qxLoaderStoredNum *sn, int32_t slot)
     qxUsbBlock block{};
     block[QX_REPORT_CODE] = QX_HID_CMD_SET_FLASH_VAL;
     block[QX_SLOT_BYTE_SLOT] = static_cast<uint8_t>(slot);
-    __qxLoaderPutLe32(&block[QX_SLOT_BYTE_WORD0], static_cast<uint32_t>(sn->storedNumWord0));
-    __qxLoaderPutLe32(&block[QX_SLOT_BYTE_WORD1], static_cast<uint32_t>(sn->storedNumWord1));
+    lePut32(&block[QX_SLOT_BYTE_WORD0], static_cast<uint32_t>(sn->storedNumWord0));
+    lePut32(&block[QX_SLOT_BYTE_WORD1], static_cast<uint32_t>(sn->storedNumWord1));
     block[QX_SLOT_BYTE_LEN] = sn->storedNumLen;
     memcpy(&block[QX_SLOT_BYTE_DATA], sn->storedNum, sn->storedNumLen);
 

@@ -8,15 +8,6 @@ namespace {
 
 constexpr const char *USB_MGMT_LOG_SOURCE = "usbMgmt";
 
-// Codes whose handlers land with the shutdown, tray test, file-transfer test,
-// FPGA and CPLD work (12, 37, 39, 55, 56, 59). Until then they
-// answer 8 like an unassigned code, but without the unknown-function line:
-// the codes are assigned, only their handlers are missing.
-int32_t __usbMgmtNotYetBuilt(qxUsbBlock &, qxUsbBlock &)
-{
-    return USB_MGMT_UNKNOWN_FUNCTION;
-}
-
 constexpr void __usbMgmtFill(std::array<usbMgmtHandler, USB_MGMT_TABLE_SIZE> &t, size_t first, size_t last,
                              usbMgmtHandler handler)
 {
@@ -31,7 +22,7 @@ constexpr std::array<usbMgmtHandler, USB_MGMT_TABLE_SIZE> networkUsbFuncTable = 
     std::array<usbMgmtHandler, USB_MGMT_TABLE_SIZE> t{};
     __usbMgmtFill(t, 0, 8, netUsbFuncUnknown); // bootloader codes are not for clients
     __usbMgmtFill(t, 9, 11, netUsbFuncGeneric);
-    __usbMgmtFill(t, 12, 12, __usbMgmtNotYetBuilt); // shutdown
+    __usbMgmtFill(t, 12, 12, netUsbFuncShutDown);
     __usbMgmtFill(t, 13, 14, netUsbFuncGeneric);
     __usbMgmtFill(t, 15, 15, netUsbFuncUnknown); // battery button read is not for clients
     __usbMgmtFill(t, 16, 21, netUsbFuncGeneric);
@@ -42,14 +33,15 @@ constexpr std::array<usbMgmtHandler, USB_MGMT_TABLE_SIZE> networkUsbFuncTable = 
     __usbMgmtFill(t, 31, 31, netUsbFuncResumeDrvBayOperation);
     __usbMgmtFill(t, 32, 32, netUsbFuncGetForceShutDownInd);
     __usbMgmtFill(t, 33, 36, netUsbFuncGeneric);
-    __usbMgmtFill(t, 37, 37, __usbMgmtNotYetBuilt); // file-transfer test
+    __usbMgmtFill(t, 37, 37, netUsbFuncFileTransfer);
     __usbMgmtFill(t, 38, 38, netUsbFuncIoGenericCmd);
-    __usbMgmtFill(t, 39, 39, __usbMgmtNotYetBuilt); // FPGA upgrade
+    __usbMgmtFill(t, 39, 39, netUsbFuncFpgaUpgrade);
     __usbMgmtFill(t, 40, 54, netUsbFuncGeneric);
-    __usbMgmtFill(t, 55, 56, __usbMgmtNotYetBuilt); // CPLD upgrade, CPLD info
+    __usbMgmtFill(t, 55, 55, netUsbFuncCpldUpgrade);
+    __usbMgmtFill(t, 56, 56, netUsbFuncCpldInfo);
     __usbMgmtFill(t, 57, 57, netUsbFuncGetOptionBayFanSpeed);
     __usbMgmtFill(t, 58, 58, netUsbFuncSetOptionBayFanSpeed);
-    __usbMgmtFill(t, 59, 59, __usbMgmtNotYetBuilt); // tray test
+    __usbMgmtFill(t, 59, 59, netUsbFuncTrayTest);
     __usbMgmtFill(t, 60, 63, netUsbFuncGeneric);
     return t;
 }();

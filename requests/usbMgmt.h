@@ -30,6 +30,12 @@ int32_t netUsbFuncGetXmlDaemonDetect(qxUsbBlock &cmd, qxUsbBlock &resp);
 int32_t netUsbFuncForceDriveBayShutDown(qxUsbBlock &cmd, qxUsbBlock &resp);
 int32_t netUsbFuncResumeDrvBayOperation(qxUsbBlock &cmd, qxUsbBlock &resp);
 int32_t netUsbFuncGetForceShutDownInd(qxUsbBlock &cmd, qxUsbBlock &resp);
+int32_t netUsbFuncShutDown(qxUsbBlock &cmd, qxUsbBlock &resp);
+int32_t netUsbFuncTrayTest(qxUsbBlock &cmd, qxUsbBlock &resp);
+int32_t netUsbFuncFileTransfer(qxUsbBlock &cmd, qxUsbBlock &resp);
+int32_t netUsbFuncFpgaUpgrade(qxUsbBlock &cmd, qxUsbBlock &resp);
+int32_t netUsbFuncCpldUpgrade(qxUsbBlock &cmd, qxUsbBlock &resp);
+int32_t netUsbFuncCpldInfo(qxUsbBlock &cmd, qxUsbBlock &resp);
 int32_t netUsbFuncGetOptionBayFanSpeed(qxUsbBlock &cmd, qxUsbBlock &resp);
 int32_t netUsbFuncSetOptionBayFanSpeed(qxUsbBlock &cmd, qxUsbBlock &resp);
 

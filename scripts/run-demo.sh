@@ -3,7 +3,8 @@
 #
 # Builds what is missing, writes a demo firmware image, starts
 #   tarnhold-sim -- tarnhold --file <demo image>
-# and sends a few requests once the request FIFO is there. The microcontroller
+# and sends a few requests once the request FIFO is there, a CPLD upgrade
+# among them (about 26 s of the daemon's waits). The microcontroller
 # starts with another application, so the daemon first upgrades it (to the
 # bootloader, erase, programming, back to the application) before it answers.
 #
@@ -13,7 +14,8 @@
 # unshare, not root) it runs as is.
 #
 # Environment: BUILD (build folder, default build), DEMO_SPEED (libfaketime
-# rate for the daemon's fixed waits of 2 and 3 s and its USB resets; default
+# rate for the daemon's fixed waits of 2 and 3 s, its USB resets and the
+# CPLD upgrade's waits; default
 # 10, 1 for real time).
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -97,6 +99,13 @@ run bay-indicator 3
 run slot-read 10
 run slot-read 4
 run firmware-check "$HEX"
+# The CPLD record before and after an upgrade from the sample JBC file; the
+# file goes to the work folder, since the request carries at most 65
+# characters of path.
+cp "$ROOT/tests/data/jbc/idcode.jbc" "$WORK/idcode.jbc"
+run cpld-info
+run cpld-upgrade "$WORK/idcode.jbc"
+run cpld-info
 
 echo
 echo "== start-up as the daemon logged it (trace lines left out)"

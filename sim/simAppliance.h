@@ -145,6 +145,9 @@ enum class simEventKind : uint8_t {
     IOCTL_FAILED,  // an ioctl failed (request, len = errno)
     POWER_LOST,    // the microcontroller lost power
     MODE_SWITCH,   // the microcontroller restarted (code = new simMode)
+    PAGES_READ,    // the driver read what it took by address (address, len), sending it on
+    PAGES_UNREADABLE, // ... and could not read it: the caller's memory changed or went away
+    CPLD_RUN_DONE, // the CPLD run completed: slot 9's state word became 0
 };
 
 struct simEvent {
@@ -163,6 +166,9 @@ void simClearEvents();
 // ---- Driver entry points (used by the front ends) ---------------------------
 
 // Reads `len` bytes of the daemon's memory at `address`; false when it cannot.
+// The driver reads the pages and packets it takes by address later, at the
+// next request of the same handle or at its close, so a reader handed to an
+// ioctl must still work then.
 struct simMemReader {
     bool (*read)(void *ctx, uint64_t address, void *dst, size_t len);
     void *ctx;

@@ -91,11 +91,12 @@ void __tarnholdSimUsage(FILE *out)
                  "                      e.g. \"+0 x50\"; the model's clock follows the rate\n"
                  "%s"
                  "  --help              this text\n"
-                 "\n%s"
+                 "\n%s%s"
                  "Control commands of the fan controller's I2C bus and the PCI bus:\n%s"
                  "Their faults (FAULT for --fault and 'fault'):\n%s",
                  TARNHOLD_SIM_NODE_NAME, TARNHOLD_SIM_EXIT_USAGE, tarnholdSimHostBusOptionUsage(),
-                 tarnholdSimControlUsage(), tarnholdSimHostBusCommandUsage(), tarnholdSimHostBusFaultUsage());
+                 tarnholdSimControlUsage(), tarnholdSimUpgradeUsage(), tarnholdSimHostBusCommandUsage(),
+                 tarnholdSimHostBusFaultUsage());
 }
 
 uint64_t __tarnholdSimNowUs()

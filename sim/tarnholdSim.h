@@ -16,6 +16,7 @@
 #include <mutex>
 #include <string>
 #include <sys/types.h>
+#include <vector>
 
 // Every model call from any thread goes through this lock: ioctls arrive on
 // umockdev's worker thread, control commands on the main loop.
@@ -72,6 +73,15 @@ std::string tarnholdSimControlEventText();
 
 // Help text of the control commands and fault descriptions.
 const char *tarnholdSimControlUsage();
+
+// ---- FPGA and CPLD ------------------------------------------------------------
+
+// One of the FPGA and CPLD faults or timings, split at ':': 1 armed, 0 refused
+// with a reason, -1 when the name is not one of them.
+int tarnholdSimUpgradeFault(const std::vector<std::string> &fault, std::string &error);
+// One of the FPGA and CPLD control commands: 1 done, 0 refused, -1 not one of them.
+int tarnholdSimUpgradeCommand(const std::vector<std::string> &words, std::string &out, std::string &error);
+const char *tarnholdSimUpgradeUsage();
 
 // ---- Flash images -------------------------------------------------------------
 

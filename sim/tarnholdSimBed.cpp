@@ -5,6 +5,7 @@
 #include "tarnholdSimHostBus.h"
 
 #include "qxUsb.h"
+#include "uniqueFd.h"
 
 #include <umockdev.h>
 
@@ -18,6 +19,7 @@
 #include <fcntl.h>
 #include <linux/usbdevice_fs.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <thread>
 #include <unistd.h>
 #include <utility>
@@ -38,15 +40,6 @@ constexpr std::array<uint8_t, 18 + 9 + 9 + 9 + 7 + 7> TARNHOLD_SIM_USB_DESCRIPTO
     7, 5, 0x01, 3, 64, 0, 1,                          // endpoint 1 OUT
 };
 
-// Pointer fields of the ioctl block that the driver follows into the
-// caller's memory: the transfer buffer of code 37 and the address that
-// the IO requests carry in report bytes 12-19.
-constexpr size_t TARNHOLD_SIM_PTR_XFER_BUF = offsetof(picHidIoctlArg, xferBuf);
-constexpr size_t TARNHOLD_SIM_PTR_IO_ADDRESS = 12;
-constexpr std::array<size_t, 2> TARNHOLD_SIM_POINTER_FIELDS = {TARNHOLD_SIM_PTR_XFER_BUF, TARNHOLD_SIM_PTR_IO_ADDRESS};
-// No buffer the daemon hands the driver is larger than this.
-constexpr uint64_t TARNHOLD_SIM_MAX_RESOLVE = 64ull << 20;
-
 constexpr const char *TARNHOLD_SIM_CLIENT_KEY = "tarnhold-sim-handle";
 constexpr intptr_t TARNHOLD_SIM_CLIENT_FAILED = -1;
 
@@ -66,75 +59,43 @@ struct {
     bool usbFile = false;
     std::vector<tarnholdSimOpenClient> openClients;
     size_t eventsSeen = 0;
-    std::atomic<pid_t> hostPid{0};
+    std::atomic<pid_t> hostPid{0}; // the child: its memory is what the driver reads
     std::atomic<bool> hostPowerLost{false};
 } tarnholdSimBedPrivateMembers;
 
 auto &B = tarnholdSimBedPrivateMembers;
 
-// What the driver may read of the caller's memory during one ioctl.
-struct tarnholdSimMemContext {
-    UMockdevIoctlData *block;
-    const picHidIoctlArg *original;
-    std::vector<std::pair<size_t, UMockdevIoctlData *>> resolved;
-};
-
-uint64_t __tarnholdSimLe64(const uint8_t *p)
+// The driver reads the caller's memory when it sends a request on, which
+// may be long after the ioctl that named the address (at the next request
+// or at the close), so it cannot go through umockdev, which reaches the
+// caller only during an ioctl. It reads the child's memory directly (as its
+// parent, or as root): the command runs tarnhold itself, so the child is the
+// process holding the node. An address that is not mapped then, or a child
+// that has ended, fails the read as the kernel would.
+bool __tarnholdSimReadMem(void *, uint64_t address, void *dst, size_t len)
 {
-    uint64_t v = 0;
-    for (int i = 7; i >= 0; --i) {
-        v = (v << 8) | p[i];
-    }
-    return v;
-}
-
-// The model asks for (address, len); umockdev resolves pointer fields of a
-// block it already holds. The address must lie behind one of the block's
-// pointer fields; that field is resolved once, wide enough for the whole
-// buffer the caller declared.
-bool __tarnholdSimReadMem(void *ctx, uint64_t address, void *dst, size_t len)
-{
-    auto *mem = static_cast<tarnholdSimMemContext *>(ctx);
-    if (mem->block == nullptr) {
+    const pid_t pid = B.hostPid.load();
+    if (pid <= 0 || address == 0) {
         return false;
     }
-    const auto *bytes = reinterpret_cast<const uint8_t *>(mem->original);
-    for (size_t field : TARNHOLD_SIM_POINTER_FIELDS) {
-        const uint64_t base = __tarnholdSimLe64(bytes + field);
-        if (base == 0 || address < base || address - base > TARNHOLD_SIM_MAX_RESOLVE ||
-            len > TARNHOLD_SIM_MAX_RESOLVE - (address - base)) {
-            continue;
-        }
-        const uint64_t rel = address - base;
-        UMockdevIoctlData *child = nullptr;
-        for (const auto &[offset, data] : mem->resolved) {
-            if (offset == field) {
-                child = data;
-            }
-        }
-        if (child == nullptr) {
-            uint64_t want = rel + len;
-            if (field == TARNHOLD_SIM_PTR_XFER_BUF) {
-                want = std::max<uint64_t>(want, mem->original->xferLen);
-            } else {
-                want = std::max<uint64_t>(want, QX_BLOCK_SIZE);
-            }
-            want = std::min(want, TARNHOLD_SIM_MAX_RESOLVE);
-            GError *error = nullptr;
-            child = umockdev_ioctl_data_resolve(mem->block, field, want, &error);
-            if (child == nullptr) {
-                g_clear_error(&error);
-                continue;
-            }
-            mem->resolved.emplace_back(field, child);
-        }
-        if (rel + len <= static_cast<uint64_t>(child->data_len)) {
-            std::memcpy(dst, child->data + rel, len);
-            return true;
-        }
+    if (len == 0) {
+        return true;
     }
-    return false;
+    struct iovec local = {dst, len};
+    struct iovec remote = {reinterpret_cast<void *>(static_cast<uintptr_t>(address)), len};
+    const ssize_t n = process_vm_readv(pid, &local, 1, &remote, 1, 0);
+    if (n == static_cast<ssize_t>(len)) {
+        return true;
+    }
+    if (n >= 0 || (errno != ENOSYS && errno != EPERM)) {
+        return false;
+    }
+    // Where the call is not allowed, the same through the process's mem file.
+    const uniqueFd mem(::open(("/proc/" + std::to_string(pid) + "/mem").c_str(), O_RDONLY | O_CLOEXEC));
+    return mem.valid() && ::pread(mem.get(), dst, len, static_cast<off_t>(address)) == static_cast<ssize_t>(len);
 }
+
+constexpr simMemReader TARNHOLD_SIM_MEM = {&__tarnholdSimReadMem, nullptr};
 
 intptr_t __tarnholdSimClientHandle(UMockdevIoctlClient *client)
 {
@@ -222,15 +183,12 @@ gboolean __tarnholdSimHidIoctl(UMockdevIoctlBase *, UMockdevIoctlClient *client,
         std::memcpy(&original, block->data, sizeof(original));
         local = original;
     }
-    // The model works on a copy: resolving a pointer field rewrites that
-    // field of the block with a local address.
-    tarnholdSimMemContext mem{block, &original, {}};
-    const simMemReader reader{&__tarnholdSimReadMem, &mem};
     int rc = 0;
     {
         std::lock_guard<std::mutex> lock(tarnholdSimModelLock());
         tarnholdSimBedSweep();
-        rc = simDriverIoctlHandle(static_cast<int>(handle), request, block != nullptr ? &local : nullptr, reader);
+        rc = simDriverIoctlHandle(static_cast<int>(handle), request, block != nullptr ? &local : nullptr,
+                                  TARNHOLD_SIM_MEM);
         __tarnholdSimCheckPowerLoss();
         tarnholdSimBedSync();
     }
@@ -243,9 +201,6 @@ gboolean __tarnholdSimHidIoctl(UMockdevIoctlBase *, UMockdevIoctlClient *client,
                 block->data[i] = after[i];
             }
         }
-    }
-    for (auto &[offset, data] : mem.resolved) {
-        g_object_unref(data);
     }
     if (block != nullptr) {
         g_object_unref(block);

@@ -25,6 +25,18 @@
 
 namespace {
 
+// The modelled parts beyond the microcontroller bring their own faults and
+// control commands; each answers 1 (done), 0 (refused, with a reason) or -1
+// (not one of its own), and they are asked in this order.
+struct tarnholdSimPart {
+    int (*fault)(const std::vector<std::string> &fields, std::string &error);
+    int (*command)(const std::vector<std::string> &words, std::string &out, std::string &error);
+};
+constexpr std::array<tarnholdSimPart, 2> TARNHOLD_SIM_PARTS = {{
+    {tarnholdSimUpgradeFault, tarnholdSimUpgradeCommand},
+    {tarnholdSimHostBusFault, tarnholdSimHostBusCommand},
+}};
+
 constexpr const char *TARNHOLD_SIM_MODULE = "picdev";
 constexpr size_t TARNHOLD_SIM_MAX_LINE = 4096;
 
@@ -49,12 +61,13 @@ struct {
 
 auto &C = tarnholdSimControlPrivateMembers;
 
-constexpr std::array<const char *, 19> TARNHOLD_SIM_EVENT_NAMES = {
+constexpr std::array<const char *, 22> TARNHOLD_SIM_EVENT_NAMES = {
     "OPEN",     "OPEN_FAILED",      "CLOSE",           "SEND",      "GET_REPORT", "DRIVER",       "PROGRAM",
     "PROGRAM_DROPPED", "COMPLETE", "ERASE", "GOTO_APPLICATION", "GOTO_BOOTLOADER", "USB_RESET", "RMMOD",
-    "MODPROBE", "FILE_TRANSFER",    "IOCTL_FAILED",    "POWER_LOST", "MODE_SWITCH",
+    "MODPROBE", "FILE_TRANSFER",    "IOCTL_FAILED",    "POWER_LOST", "MODE_SWITCH", "PAGES_READ",
+    "PAGES_UNREADABLE", "CPLD_RUN_DONE",
 };
-static_assert(static_cast<size_t>(simEventKind::MODE_SWITCH) + 1 == TARNHOLD_SIM_EVENT_NAMES.size());
+static_assert(static_cast<size_t>(simEventKind::CPLD_RUN_DONE) + 1 == TARNHOLD_SIM_EVENT_NAMES.size());
 
 struct tarnholdSimNamedValue {
     const char *name;
@@ -72,7 +85,7 @@ constexpr std::array<tarnholdSimNamedValue, 8> TARNHOLD_SIM_ERRNO_NAMES = {{
     {"EPIPE", EPIPE},
 }};
 
-constexpr std::array<tarnholdSimNamedValue, 9> TARNHOLD_SIM_REQUEST_NAMES = {{
+constexpr std::array<tarnholdSimNamedValue, 18> TARNHOLD_SIM_REQUEST_NAMES = {{
     {"any", 0},
     {"send", PIC_HID_SEND_REPORT},
     {"get-report", PIC_HID_GET_REPORT},
@@ -82,6 +95,15 @@ constexpr std::array<tarnholdSimNamedValue, 9> TARNHOLD_SIM_REQUEST_NAMES = {{
     {"pic32-available", PIC_HID_PIC32_IS_URB_AVAILABLE},
     {"pic32-setup", PIC_HID_PIC32_UPGRADE_SETUP},
     {"available", PIC_HID_IS_URB_AVAILABLE},
+    {"fpga-setup", PIC_HID_FPGA_UPGRADE_SETUP},
+    {"erase-fpga", PIC_HID_ERASE_FPGA},
+    {"erase-fpga-status", PIC_HID_ERASE_FPGA_STATUS},
+    {"program-fpga", PIC_HID_PROGRAM_FPGA},
+    {"clean-up", PIC_HID_PROGRAM_CLEAN_UP},
+    {"cpld-setup", PIC_HID_CPLD_UPGRADE_SETUP},
+    {"erase-cpld", PIC_HID_ERASE_CPLD},
+    {"program-cpld", PIC_HID_PROGRAM_CPLD},
+    {"cpld-run", PIC_HID_CPLD_UPGRADE_RUN},
 }};
 
 constexpr std::array<tarnholdSimNamedValue, 4> TARNHOLD_SIM_REPLY_FAULTS = {{
@@ -204,8 +226,10 @@ bool __tarnholdSimFault(const std::vector<std::string> &f, std::string &error)
         C.hostPowerLoss = name == "host-power-loss";
         return true;
     }
-    if (const int hostBus = tarnholdSimHostBusFault(f, error); hostBus >= 0) {
-        return hostBus == 1;
+    for (const tarnholdSimPart &part : TARNHOLD_SIM_PARTS) {
+        if (const int done = part.fault(f, error); done >= 0) {
+            return done == 1;
+        }
     }
     error = "unknown fault '" + name + "' or wrong arguments";
     return false;
@@ -321,8 +345,10 @@ bool __tarnholdSimRunLocked(const std::vector<std::string> &words, const std::st
         }
         return true;
     }
-    if (const int hostBus = tarnholdSimHostBusCommand(words, out, error); hostBus >= 0) {
-        return hostBus == 1;
+    for (const tarnholdSimPart &part : TARNHOLD_SIM_PARTS) {
+        if (const int done = part.command(words, out, error); done >= 0) {
+            return done == 1;
+        }
     }
     error = "unknown command '" + command + "' or wrong arguments";
     return false;
@@ -584,7 +610,9 @@ const char *tarnholdSimControlUsage()
            "  ping\n"
            "Faults (FAULT for --fault and 'fault'):\n"
            "  ioctl:REQUEST:ERRNO[:COUNT]      REQUEST any|send|get-report|file-transfer|program|\n"
-           "                                   program-done|pic32-available|pic32-setup|available|NUMBER,\n"
+           "                                   program-done|pic32-available|pic32-setup|available|\n"
+           "                                   fpga-setup|erase-fpga|erase-fpga-status|program-fpga|\n"
+           "                                   clean-up|cpld-setup|erase-cpld|program-cpld|cpld-run|NUMBER,\n"
            "                                   ERRNO EAGAIN|EIO|EBADF|ENODEV|EINVAL|EFAULT|ENOENT|NUMBER\n"
            "  reply:none|wrong-seq|wrong-code-seq|no-reply[:COUNT]\n"
            "  reply-delay-reads:READS          replies readable only after READS more reads\n"

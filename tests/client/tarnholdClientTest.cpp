@@ -67,6 +67,15 @@ TEST(tarnholdClient, FailuresLeaveTheRecordAndNoReplyFifoBehindAndSayWhy)
     fake.daemonEnd = -1;
     fails(-ETIMEDOUT, "timed out waiting for the reply", replies);
     EXPECT_EQ(fake.pollTimeouts, std::vector<int>{2500}) << "the wait gets the whole timeout";
+    // With a progress call the wait is cut into seconds, and each says how long it has been.
+    std::vector<uint64_t> elapsed;
+    tarnholdClientParams withProgress{2500, request.c_str(), replies.c_str()};
+    withProgress.progress = [](void *ctx, uint64_t ms) { static_cast<std::vector<uint64_t> *>(ctx)->push_back(ms); };
+    withProgress.progressCtx = &elapsed;
+    fake.pollTimeouts.clear();
+    EXPECT_EQ(tarnholdClientExchange(record, withProgress), -ETIMEDOUT);
+    EXPECT_EQ(fake.pollTimeouts, (std::vector<int>{1000, 1000, 500}));
+    EXPECT_EQ(elapsed, (std::vector<uint64_t>{1000, 2000}));
     tarnholdClientSys = TARNHOLD_CLIENT_SYS_LIBC;
     std::filesystem::remove_all(dir);
 }

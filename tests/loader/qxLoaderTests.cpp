@@ -135,7 +135,12 @@ protected:
         std::fill(simFlash().begin(), simFlash().end(), 0xFF);
         qxLoaderSetPacketDataSize();
         loadImage(data);
-        return qxLoaderProgram();
+        const int32_t rc = qxLoaderProgram();
+        // The driver sends the report it still holds when the node closes:
+        // after programming has returned, so its block must still be there.
+        qxUsbCleanUp();
+        EXPECT_EQ(qxUsbInit(), 0);
+        return rc;
     }
     static bool flashHoldsImage() { return std::equal(simFlash().begin(), simFlash().end(), qxFileGetData()); }
 

@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <deque>
 #include <fcntl.h>
 #include <numeric>
 #include <optional>
@@ -63,9 +64,10 @@ protected:
         return arg;
     }
     // PROGRAM_DEVICE with n bytes of data right-justified, for flash offset `at`; PROGRAM_COMPLETE without.
+    // Each packet keeps its place: the driver reads it at the next request.
     int program(std::optional<uint32_t> at = {}, uint8_t n = 56)
     {
-        std::array<uint8_t, QX_BLOCK_SIZE> p{at ? PROGRAM_DEVICE : PROGRAM_COMPLETE};
+        auto &p = packets.emplace_back(std::array<uint8_t, QX_BLOCK_SIZE>{at ? PROGRAM_DEVICE : PROGRAM_COMPLETE});
         const uint32_t address = SIM_FLASH_START + at.value_or(0);
         std::memcpy(&p[1], &address, 4);
         p[5] = at ? n : 0;
@@ -83,6 +85,7 @@ protected:
     }
     int fd = -1;
     std::array<uint8_t, 56> data{};
+    std::deque<std::array<uint8_t, QX_BLOCK_SIZE>> packets;
 };
 
 TEST_F(simModelTest, BootloaderProgramsOnlyErasedCellsAndDropsBlocksThatDoNotFollow)
@@ -101,6 +104,7 @@ TEST_F(simModelTest, BootloaderProgramsOnlyErasedCellsAndDropsBlocksThatDoNotFol
     ASSERT_EQ(program(SIM_FLASH_SIZE - 8), 0); // beyond the range
     ASSERT_EQ(program(), 0);
     ASSERT_EQ(program(-56u), 0); // before it
+    read(); // the driver sends the last packet on
     const auto flash = simFlash();
     EXPECT_EQ(flash[111], 56);
     EXPECT_EQ(flash[168], 1);
@@ -118,6 +122,7 @@ TEST_F(simModelTest, BootloaderProgramsOnlyErasedCellsAndDropsBlocksThatDoNotFol
     std::fill(data.begin(), data.end(), 0xF0);
     ASSERT_EQ(program(), 0);
     ASSERT_EQ(program(0), 0);
+    read();
     EXPECT_EQ(flash[0], 0x00);
     EXPECT_EQ(flash[55], 0x30);
 }

@@ -1,0 +1,33 @@
+// The thin handlers of the FPGA and CPLD requests: the upgrades run to their
+// end inside the request.
+#include "usbMgmt.h"
+
+#include "cpldUpgrade.h"
+#include "fpgaUpgrade.h"
+#include "sysSeam.h"
+
+namespace {
+
+constexpr useconds_t USB_MGMT_CPLD_RETRY_PAUSE_US = 1000000;
+
+} // namespace
+
+int32_t netUsbFuncFpgaUpgrade(qxUsbBlock &cmd, qxUsbBlock &)
+{
+    return fpgaUpgradeStart(cmd);
+}
+
+int32_t netUsbFuncCpldUpgrade(qxUsbBlock &cmd, qxUsbBlock &resp)
+{
+    if (cpldUpgradeStart(cmd, resp) == 0) {
+        return 0;
+    }
+    // One more attempt from the file load on; its result is final.
+    platformSys.usleep(USB_MGMT_CPLD_RETRY_PAUSE_US);
+    return cpldUpgradeStart(cmd, resp);
+}
+
+int32_t netUsbFuncCpldInfo(qxUsbBlock &cmd, qxUsbBlock &resp)
+{
+    return cpldInfo(cmd, resp);
+}

@@ -1,0 +1,129 @@
+// tarnholdctl's upgrade checks: nothing leaves for a file the service would refuse, and the client's JBC check
+// says what the service's own says about every header it may meet.
+#include "cpldUpgrade.h"
+#include "tarnholdCtlUpgrade.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+std::vector<uint8_t> readData(const std::string &name)
+{
+    std::ifstream in(std::string(TARNHOLD_TESTDATA) + "/jbc/" + name, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+void writeFile(const std::string &path, const std::vector<uint8_t> &bytes)
+{
+    std::ofstream out(path, std::ios::binary);
+    out.write(reinterpret_cast<const char *>(bytes.data()), std::streamsize(bytes.size()));
+}
+
+TEST(tarnholdCtlUpgrade, filesAreMadeAbsoluteAndCheckedAsTheServiceChecksThemBeforeAnythingIsSent)
+{
+    const std::string dir = "/tmp/ctlUpgrade." + std::to_string(getpid());
+    std::filesystem::create_directory(dir);
+    const std::string oldCwd = std::filesystem::current_path();
+    std::filesystem::current_path(dir);
+    using enum tarnholdCtlUpgradeKind;
+    std::string absolute, error;
+    auto check = [&](tarnholdCtlUpgradeKind kind, const std::string &path) {
+        absolute.clear();
+        error.clear();
+        return tarnholdCtlUpgradeCheckFile(kind, path, absolute, error);
+    };
+    for (const auto &[size, ok] : std::vector<std::pair<uintmax_t, bool>>{
+             {1048575, false}, {1048576, true}, {16777216, true}, {16777217, false}}) {
+        std::ofstream("fpga.bin");
+        std::filesystem::resize_file("fpga.bin", size);
+        EXPECT_EQ(check(FPGA, "fpga.bin"), ok) << size << error;
+    }
+    std::filesystem::resize_file("fpga.bin", 1048576);
+    EXPECT_TRUE(check(FPGA, "./fpga.bin") && absolute == dir + "/./fpga.bin");
+    const std::vector<uint8_t> idcode = readData("idcode.jbc");
+    writeFile("idcode.jbc", idcode);
+    EXPECT_TRUE(check(CPLD, "idcode.jbc")) << error;
+    EXPECT_EQ(absolute, dir + "/idcode.jbc");
+    std::vector<uint8_t> damaged = idcode;
+    damaged[100] ^= 1;
+    writeFile("damaged.jbc", damaged);
+    EXPECT_FALSE(check(CPLD, "damaged.jbc"));
+    char computed[8];
+    std::snprintf(computed, sizeof computed, "0x%04x)", cpldUpgradeCrc(damaged.data(), idcode.size() - 2));
+    EXPECT_EQ(error, dir + "/damaged.jbc: not a JAM byte-code file the service accepts: header or CRC (stored 0x7ae6, "
+                           "computed " + computed);
+    EXPECT_FALSE(check(CPLD, "fpga.bin")) << "too large for a CPLD";
+    EXPECT_FALSE(check(CPLD, "missing.jbc"));
+    EXPECT_EQ(error, dir + "/missing.jbc: No such file or directory");
+    ASSERT_EQ(mkfifo("fifo.jbc", 0600), 0);
+    EXPECT_FALSE(check(CPLD, "fifo.jbc")) << "never blocks on a FIFO";
+    EXPECT_EQ(error, dir + "/fifo.jbc: not a regular file");
+    const std::string longName(65 - dir.size(), 'n'); // 66 characters with the slash
+    EXPECT_FALSE(check(FPGA, longName));
+    EXPECT_NE(error.find("the request carries at most 65"), std::string::npos) << error;
+    std::filesystem::current_path(oldCwd);
+    std::filesystem::remove_all(dir);
+}
+
+TEST(tarnholdCtlUpgrade, jbcCheckAgreesWithTheServicesOwnOnRealFilesEdgeHeadersAndDamage)
+{
+    auto agree = [](const std::vector<uint8_t> &image, int64_t size) {
+        uint16_t e1 = 1, a1 = 2, e2 = 1, a2 = 2;
+        const int32_t mine = tarnholdCtlJbcCheck(image.data(), size, &e1, &a1);
+        const int32_t theirs = cpldUpgradeCheckCrc(image.data(), size, &e2, &a2);
+        return mine == theirs && e1 == e2 && a1 == a2;
+    };
+    for (const char *name : {"idcode.jbc", "PIXEL8x4.jbc"}) {
+        const std::vector<uint8_t> file = readData(name);
+        ASSERT_GT(file.size(), 1024u) << name;
+        EXPECT_EQ(tarnholdCtlJbcCheck(file.data(), int64_t(file.size()), nullptr, nullptr), 0) << name;
+        std::mt19937 random(7);
+        for (int i = 0; i < 200; ++i) {
+            std::vector<uint8_t> damaged = file;
+            damaged[random() % 48] = uint8_t(random());
+            damaged[random() % damaged.size()] ^= uint8_t(1u << (random() % 8));
+            EXPECT_TRUE(agree(damaged, int64_t(damaged.size()))) << name << " " << i;
+        }
+    }
+    // Both versions; the stored CRC at the last byte of a short file and of a full 51,200-byte buffer; too short.
+    for (const uint32_t version : {0u, 1u}) {
+        for (const size_t size : {size_t{1024}, size_t{51200}}) {
+            for (const uint32_t offset : {uint32_t(size - 2), uint32_t(size - 1), uint32_t(size), 0u}) {
+                std::vector<uint8_t> image(size, 0x5A);
+                image[0] = 'J', image[1] = 'A', image[2] = 'M', image[3] = uint8_t(version);
+                const size_t field = 32 + 8 * version;
+                image[field] = uint8_t(offset >> 24), image[field + 1] = uint8_t(offset >> 16);
+                image[field + 2] = uint8_t(offset >> 8), image[field + 3] = uint8_t(offset);
+                EXPECT_TRUE(agree(image, int64_t(size))) << version << " " << size << " " << offset;
+                EXPECT_TRUE(agree(image, 52)) << version;
+            }
+        }
+    }
+}
+
+TEST(tarnholdCtlUpgrade, cpldRecordReadsAsClearedWrittenOrRun)
+{
+    qxUsbBlock resp{56, 9, 0, 9, 0x6F, 0xB9, 0xE6, 0x7A, 0xFF, 0xFF, 0xFF, 0xFF, 4, 't', 'i', 'm', 'e'};
+    tarnholdCtlCpldInfo info = tarnholdCtlUpgradeDecodeCpldInfo(resp);
+    EXPECT_EQ(info.size, 47471);
+    EXPECT_EQ(info.crc, 0x7AE6);
+    EXPECT_STREQ(info.stateText, "written");
+    EXPECT_EQ(info.stamp, "time");
+    resp[8] = resp[9] = resp[10] = resp[11] = 0;
+    EXPECT_STREQ(tarnholdCtlUpgradeDecodeCpldInfo(resp).stateText, "run");
+    resp = qxUsbBlock{56, 9, 0, 9, 0, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF, 60};
+    info = tarnholdCtlUpgradeDecodeCpldInfo(resp);
+    EXPECT_STREQ(info.stateText, "cleared");
+    EXPECT_EQ(info.stamp, "") << "a length past the report is no text";
+    resp.fill(0xFF);
+    EXPECT_STREQ(tarnholdCtlUpgradeDecodeCpldInfo(resp).stateText, "erased");
+}
+
+} // namespace

@@ -1,0 +1,246 @@
+// CPLD upgrade on the in-process simulated appliance: header and CRC, the real
+// JBC files, the chunks, the record writes and read-backs with their waits,
+// and each failing step.
+#include "../fpga/upgradeFixture.h"
+#include "cpldUpgrade.h"
+
+#include <ctime>
+#include <numeric>
+
+namespace {
+
+// A byte-code image: format word JAM v, CRC offset `offset` (size - 2 when 0),
+// a stored CRC that matches unless `crc` is given.
+std::vector<uint8_t> jbc(size_t size, uint8_t v = 1, uint32_t offset = 0, int crc = -1)
+{
+    std::vector<uint8_t> b(size);
+    std::iota(b.begin(), b.end(), uint8_t{3});
+    offset = offset != 0 ? offset : static_cast<uint32_t>(size - 2);
+    b[0] = 'J', b[1] = 'A', b[2] = 'M', b[3] = v;
+    for (int i = 0; i < 4; ++i) {
+        b[32 + 8 * (v & 1) + i] = static_cast<uint8_t>(offset >> (24 - 8 * i));
+    }
+    const auto stored = static_cast<uint16_t>(crc >= 0 ? crc : cpldUpgradeCrc(b.data(), offset));
+    b[offset] = static_cast<uint8_t>(stored >> 8);
+    if (offset + 1 < size) {
+        b[offset + 1] = static_cast<uint8_t>(stored);
+    }
+    return b;
+}
+
+class cpldUpgradeTest : public upgradeTest {
+protected:
+    int32_t upgrade(const std::string &path)
+    {
+        qxUsbBlock cmd = cmdFor(QX_HID_CMD_CPLD_UPGRADE, path);
+        return cpldUpgradeStart(cmd, resp);
+    }
+    std::vector<std::string> lines() const { return log.textsFrom("cpldUpgrade"); }
+};
+
+TEST(cpldUpgradeCrcTest, checkValueHeaderRulesAndBothFormats)
+{
+    const uint8_t digits[] = {'1', '2', '3', '4', '5', '6', '7', '8', '9'};
+    EXPECT_EQ(cpldUpgradeCrc(digits, sizeof digits), 0x906E);
+    const struct {
+        const char *name;
+        std::vector<uint8_t> image;
+        int64_t size; // 0: the image's
+        int32_t rc;
+        int expected; // -1: neither value written
+    } cases[] = {
+        {"version 1: offset from bytes 32-35", jbc(1024, 0), 0, 0, cpldUpgradeCrc(jbc(1024, 0).data(), 1022)},
+        {"version 2: offset from bytes 40-43, stored big-endian", jbc(1024, 1, 100, 0x1234), 0, -1, 0x1234},
+        {"53 bytes are enough", jbc(53, 1, 50), 0, 0, cpldUpgradeCrc(jbc(53, 1, 50).data(), 50)},
+        {"52 bytes are not", jbc(53, 1, 50), 52, -1, -1},
+        {"format word JAM 2", jbc(1024, 2), 0, -1, -1},
+        {"offset equal to the size", jbc(1024, 1, 1000), 1000, -1, -1},
+        {"offset at size - 1: the 0xFF fill is the low byte", jbc(1024, 1, 1023, 0x12FF), 0, -1, 0x12FF},
+        {"offset at size - 1 of a full buffer", jbc(51200, 1, 51199), 0, -1, -1},
+    };
+    for (const auto &c : cases) {
+        uint16_t expected = 0xABCD;
+        uint16_t actual = 0xABCD;
+        const int64_t size = c.size != 0 ? c.size : std::ssize(c.image);
+        EXPECT_EQ(cpldUpgradeCheckCrc(c.image.data(), size, &expected, &actual), c.rc) << c.name;
+        EXPECT_EQ(expected, c.expected >= 0 ? c.expected : 0xABCD) << c.name;
+        EXPECT_EQ(actual != 0xABCD, c.expected >= 0) << c.name;
+    }
+}
+
+TEST_F(cpldUpgradeTest, fileBoundsFillAndTheRealJbcFiles)
+{
+    for (size_t size : {1023, 1024, 1500, 51200, 51201}) {
+        const std::vector<uint8_t> bytes = jbc(size);
+        const bool fits = size >= 1024 && size <= 51200;
+        ASSERT_EQ(cpldUpgradeFileInit(write(bytes).c_str()), fits ? 0 : -1);
+        const cpldUpgradeView v = cpldUpgradeGetView();
+        if (!fits) {
+            EXPECT_EQ(lines().back(),
+                      "QX_TRACE_FILE-error wrong file size: " + std::to_string(size) + " [min: 1024], [max: 51200]");
+        } else {
+            EXPECT_EQ(v.upgradeSize, static_cast<int32_t>(size));
+            EXPECT_TRUE(std::equal(bytes.begin(), bytes.end(), v.data));
+            EXPECT_TRUE(std::all_of(v.data + size, v.data + CPLD_DATA_SIZE, [](uint8_t b) { return b == 0xFF; }));
+        }
+    }
+    const std::string dir = testing::TempDir(); // a folder's size passes the bounds
+    EXPECT_EQ(cpldUpgradeFileInit(dir.c_str()), -1);
+    EXPECT_EQ(lines().back(), "QX_TRACE_FILE-error opening file: " + dir + " - 'Is a directory'");
+    for (auto [name, crc] : {std::pair{"idcode.jbc", 0x7AE6}, std::pair{"PIXEL8x4.jbc", 0x1D3C}}) {
+        ASSERT_EQ(cpldUpgradeFileInit((std::string(TARNHOLD_TESTDATA) + "/jbc/" + name).c_str()), 0);
+        uint16_t values[2] = {};
+        const cpldUpgradeView v = cpldUpgradeGetView();
+        EXPECT_EQ(cpldUpgradeCheckCrc(v.data, v.upgradeSize, &values[0], &values[1]), 0) << name;
+        EXPECT_THAT(values, ElementsAre(crc, crc)) << name;
+    }
+}
+
+TEST_F(cpldUpgradeTest, fullUpgradeLeavesSizeCrcStampAndRunStateInSlot9)
+{
+    const std::string path = std::string(TARNHOLD_TESTDATA) + "/jbc/idcode.jbc";
+    const uint64_t start = simVirtualNowUs();
+    qxUsbBlock cmd = cmdFor(QX_HID_CMD_CPLD_UPGRADE, path);
+    resp.fill(0xEE);
+    EXPECT_EQ(usbMgmtCmd(cmd, resp), 0);
+    EXPECT_TRUE(allAre(resp, 0xEE));
+    EXPECT_THAT(lines(), ElementsAre("QX_TRACE_FILE-cpldUpgradeFileInit:: fileName: " + path,
+                                     "QX_TRACE_FILE-_this->upgradeSize: 47471",
+                                     "QX_TRACE_FILE-expected_crc: 0x7ae6, actual_crc: 0x7ae6",
+                                     "QX_TRACE_FILE-*****CPLD ERASE DONE*****",
+                                     "QX_TRACE_FILE-*****CPLD INFO CLEAR DONE*****",
+                                     "QX_TRACE_FILE-*****CPLD FIRMWARE UPDATE DONE!!!*****",
+                                     "QX_TRACE_FILE-***CPLD INFO UPDATE DONE***",
+                                     "QX_TRACE_FILE-***CPLD CRC CHECK PASSED!!!***",
+                                     "QX_TRACE_FILE-***CPLD UPGRADE RUN PASSED!!!***",
+                                     "QX_TRACE_FILE-***CPLD PROGRAM SUCCESSFUL!!!!!!!!!!!!***"));
+    // 1 s after each record write, 2 s before each read-back's report, 20 s after the run.
+    EXPECT_THAT(simSleeps(), ElementsAre(1 * S, 1 * S, 2 * S, 20 * S, 2 * S));
+    const simSlot slot = simGetSlot(9);
+    EXPECT_EQ(slot.word0, 47471u | 0x7AE6u << 16);
+    EXPECT_EQ(slot.word1, 0u);
+    // The second write's stamp: 1 s after the start, behind the clear's wait.
+    const time_t second = static_cast<time_t>((SIM_WALL_CLOCK_START_MS + start / 1000) / 1000 + 1);
+    struct tm l = {};
+    localtime_r(&second, &l);
+    char stamp[40];
+    std::snprintf(stamp, sizeof stamp, "time : %d-%d-%d %d:%d:%d", l.tm_year + 1900, l.tm_mon + 1, l.tm_mday, l.tm_hour,
+                  l.tm_min, l.tm_sec);
+    EXPECT_EQ(std::string(reinterpret_cast<const char *>(slot.data), slot.len), stamp);
+    const auto writes = reports(PIC_HID_SEND_REPORT, QX_HID_CMD_SET_FLASH_VAL);
+    ASSERT_EQ(writes.size(), 2u);
+    EXPECT_EQ(leGet64(&writes[0][4]), 0xFFFFFFFF00000000u);
+    EXPECT_EQ(leGet64(&writes[1][4]), 0xFFFFFFFF7AE6B96Fu);
+    EXPECT_EQ(writes[1][12], std::strlen(stamp));
+    EXPECT_TRUE(std::all_of(writes[1].begin() + 14 + std::strlen(stamp), writes[1].end(),
+                            [](uint8_t b) { return b == 0xFF; }));
+    std::ifstream in(path, std::ios::binary);
+    const std::vector<uint8_t> file((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    EXPECT_TRUE(std::equal(file.begin(), file.end(), simCpldImage().begin()));
+}
+
+TEST_F(cpldUpgradeTest, chunksOfThirtyPagesAtMostWithCapacityPolledEverySecondUpTo30Times)
+{
+    const std::pair<size_t, std::vector<uint8_t>> cases[] = {
+        {1024, {4}}, {1500, {6}}, {51200, {30, 30, 30, 30, 30, 30, 20}}};
+    simSetUrbBusyUs(1500 * MS); // two 1 s polls before every chunk but the first
+    for (const auto &[size, counts] : cases) {
+        sent().clear();
+        forget();
+        ASSERT_EQ(upgrade(write(jbc(size))), 0);
+        const auto chunks = reports(PIC_HID_PROGRAM_CPLD);
+        ASSERT_EQ(chunks.size(), counts.size());
+        const uint8_t *data = cpldUpgradeGetView().data;
+        for (size_t i = 0; i < chunks.size(); ++i) {
+            EXPECT_EQ(leGet24(&chunks[i][7]), 30 * i);
+            EXPECT_EQ(chunks[i][11], counts[i]);
+            EXPECT_EQ(leGet64(&chunks[i][12]), reinterpret_cast<uintptr_t>(data + 256 * 30 * i));
+        }
+        EXPECT_EQ(std::ranges::count(simSleeps(), 1 * S), 2 * std::ssize(chunks)); // with the two record writes'
+        EXPECT_TRUE(std::equal(data, data + CPLD_DATA_SIZE, simCpldImage().begin()));
+    }
+    simSetUrbBusyUs(0);
+    simSetUpgradeFault(simUpgradeFault::CAPACITY_NEVER_FREE, -1);
+    forget();
+    EXPECT_EQ(upgrade(write(jbc(1500))), -1);
+    EXPECT_EQ(simSleeps(), repeat({1 * S}, {1 * S}, 30));
+    const auto all = lines();
+    EXPECT_THAT(std::vector(all.end() - 2, all.end()),
+                ElementsAre("QX_TRACE_FILE-PIC_HID_IS_URB_AVAILABLE: driver still busy after 30 polls, giving up",
+                            "QX_TRACE_FILE-Error programming the cpld executable!!!!!"));
+}
+
+TEST_F(cpldUpgradeTest, recordWriteWaits1sThenUpTo3Times10msAndCarriesSizeAndCrc)
+{
+    EXPECT_EQ(upgrade(write(jbc(1500, 1, 1498, 0x1234))), -1); // a mismatch still sets expectedCrc
+    char line[96];
+    std::snprintf(line, sizeof line, "QX_TRACE_FILE-***CRC ERROR*** expected_crc: 0x1234, actual_crc: 0x%04x",
+                  cpldUpgradeCrc(cpldUpgradeGetView().data, 1498));
+    EXPECT_EQ(lines().back(), line);
+    forget();
+    sent().clear();
+    EXPECT_EQ(cpldProgramInfo(0), 0);
+    EXPECT_THAT(simSleeps(), ElementsAre(1 * S));
+    const auto writes = reports(PIC_HID_SEND_REPORT, QX_HID_CMD_SET_FLASH_VAL);
+    ASSERT_EQ(writes.size(), 1u);
+    EXPECT_THAT(std::vector(writes[0].begin() + 2, writes[0].begin() + 12),
+                ElementsAre(0xFF, 9, 0xDC, 0x05, 0x34, 0x12, 0xFF, 0xFF, 0xFF, 0xFF));
+    simSetUpgradeFault(simUpgradeFault::RECORD_WRITE_UNCONFIRMED, 1);
+    forget();
+    EXPECT_EQ(cpldProgramInfo(1), -1);
+    EXPECT_THAT(simSleeps(), ElementsAre(1 * S, 10 * MS, 10 * MS, 10 * MS));
+    std::vector<uint8_t> bad = jbc(1024, 2); // rejected header: expectedCrc as it stood, 0x0000
+    EXPECT_EQ(upgrade(write(bad)), -1);
+    EXPECT_EQ(lines().back(), "QX_TRACE_FILE-***CRC ERROR*** expected_crc: 0x1234, actual_crc: 0x0000");
+}
+
+TEST_F(cpldUpgradeTest, infoWaits2sThenDoublesFrom200msUpToSixMoreReads)
+{
+    for (auto [fault, rc] : {std::pair{simReplyFault::WRONG_SEQ, 0}, std::pair{simReplyFault::WRONG_CODE_SEQ, 1}}) {
+        simSetReplyFault(fault, 1);
+        forget();
+        qxUsbBlock cmd = cmdFor(QX_HID_CMD_CPLD_INFO, "");
+        EXPECT_EQ(usbMgmtCmd(cmd, resp), rc);
+        EXPECT_THAT(simSleeps(), ElementsAre(2 * S, 200 * MS, 400 * MS, 800 * MS, 1600 * MS, 3200 * MS, 6400 * MS));
+    }
+    simFailIoctl(PIC_HID_SEND_REPORT, EIO, 1);
+    forget();
+    qxUsbBlock cmd = cmdFor(QX_HID_CMD_CPLD_INFO, "");
+    resp.fill(0xEE);
+    EXPECT_EQ(usbMgmtCmd(cmd, resp), -1);
+    EXPECT_TRUE(allAre(resp, 0xEE));
+    EXPECT_THAT(lines(), ElementsAre("QX_TRACE_USB-***usb cmd failed***"));
+}
+
+TEST_F(cpldUpgradeTest, eachFailingStepEndsWithItsLineAndFromTheReadBackOnClearsTheRecord)
+{
+    const std::string path = write(jbc(1500));
+    const struct {
+        void (*arrange)();
+        std::string line;
+        size_t writes; // record writes sent
+        bool cleared;  // the record left cleared
+    } cases[] = {
+        {[] { simSetUpgradeFault(simUpgradeFault::READBACK_OTHER_CRC, 1); },
+         "Error verifying cpld executable binary file!!!!!", 3, true},
+        {[] { simSetUpgradeFault(simUpgradeFault::RUN_NEVER_COMPLETES, 1); }, "Error CPLD Upgrade Clean Up!!!!!", 3,
+         true},
+        {[] { simFailIoctl(PIC_HID_CPLD_UPGRADE_RUN, EIO, 1); }, "Error running CPLD Upgrade!!!!!", 3, true},
+        {[] { simFailIoctl(PIC_HID_ERASE_CPLD, EIO, 1); }, "Error erasing CPLD!!!!!", 0, false},
+        {[] { simFailIoctl(PIC_HID_PROGRAM_CPLD, EIO, 1); }, "Error programming the cpld executable!!!!!", 1, true},
+        {[] { simSetUpgradeFault(simUpgradeFault::RECORD_WRITE_UNCONFIRMED, 1); },
+         "cpldProgramInfo Clear Failed! rc: -1", 1, true},
+    };
+    for (const auto &c : cases) {
+        simSetSlot(9, {0x11, 0x22, 0, {}});
+        c.arrange();
+        forget();
+        sent().clear();
+        EXPECT_EQ(upgrade(path), -1);
+        EXPECT_EQ(lines().back(), "QX_TRACE_FILE-" + c.line);
+        EXPECT_EQ(reports(PIC_HID_SEND_REPORT, QX_HID_CMD_SET_FLASH_VAL).size(), c.writes) << c.line;
+        EXPECT_EQ(simGetSlot(9).word0 == 0 && simGetSlot(9).word1 == 0xFFFFFFFF, c.cleared) << c.line;
+    }
+}
+
+} // namespace
