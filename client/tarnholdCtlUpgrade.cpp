@@ -1,6 +1,8 @@
 // tarnholdctl's checks of upgrade files and its reading of the CPLD record.
 #include "tarnholdCtlUpgrade.h"
 
+#include "cpldUpgrade.h"
+#include "fpgaUpgrade.h"
 #include "leBytes.h"
 #include "uniqueFd.h"
 
@@ -15,49 +17,12 @@
 namespace {
 
 constexpr std::array<tarnholdCtlUpgradeRules, 2> TARNHOLD_CTL_UPGRADE_RULES = {{
-    {"fpga-upgrade", QX_HID_CMD_FPGA_UPGRADE, 1048576, 16777216, 57},
-    {"cpld-upgrade", QX_HID_CMD_CPLD_UPGRADE, 1024, 51200, 26},
+    {"fpga-upgrade", QX_HID_CMD_FPGA_UPGRADE, FPGA_FILE_SIZE_MIN, FPGA_FILE_SIZE_MAX, 57},
+    {"cpld-upgrade", QX_HID_CMD_CPLD_UPGRADE, CPLD_FILE_SIZE_MIN, CPLD_FILE_SIZE_MAX, 26},
 }};
 
-// The JBC header: format word, CRC offset field (8 bytes further in version 2).
-constexpr int64_t TARNHOLD_CTL_JBC_HEADER_MIN = 53; // 52 bytes or fewer are refused
-constexpr uint32_t TARNHOLD_CTL_JBC_V1 = 0x4A414D00;
-constexpr uint32_t TARNHOLD_CTL_JBC_V2 = 0x4A414D01;
-constexpr size_t TARNHOLD_CTL_JBC_CRC_OFFSET = 32;
-constexpr size_t TARNHOLD_CTL_JBC_CRC_OFFSET_STEP = 8;
-constexpr uint64_t TARNHOLD_CTL_CPLD_BUFFER = 51200;
-
-// The CPLD record in a code 56 report, and its states.
-constexpr size_t TARNHOLD_CTL_INFO_SIZE = 4;
-constexpr size_t TARNHOLD_CTL_INFO_CRC = 6;
-constexpr size_t TARNHOLD_CTL_INFO_STATE = 8;
-constexpr size_t TARNHOLD_CTL_INFO_STAMP_LEN = 12;
-constexpr size_t TARNHOLD_CTL_INFO_STAMP = 13;
+// The CPLD record's state word before the microcontroller has run the file.
 constexpr uint32_t TARNHOLD_CTL_STATE_NOT_RUN = 0xFFFFFFFF;
-
-uint32_t __tarnholdCtlBe32(const uint8_t *p)
-{
-    return static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 | static_cast<uint32_t>(p[2]) << 8 |
-           p[3];
-}
-
-// CRC-16/X-25, bit by bit as the service computes it.
-uint16_t __tarnholdCtlCrc(const uint8_t *bytes, size_t len)
-{
-    uint16_t reg = 0xFFFF;
-    for (size_t i = 0; i < len; ++i) {
-        uint8_t byte = bytes[i];
-        for (int bit = 0; bit < 8; ++bit) {
-            const bool feedback = ((byte ^ reg) & 1u) != 0;
-            reg = static_cast<uint16_t>(reg >> 1);
-            if (feedback) {
-                reg ^= 0x8408;
-            }
-            byte = static_cast<uint8_t>(byte >> 1);
-        }
-    }
-    return static_cast<uint16_t>(reg ^ 0xFFFF);
-}
 
 bool __tarnholdCtlReadAll(int fd, std::vector<uint8_t> &bytes)
 {
@@ -80,33 +45,6 @@ bool __tarnholdCtlReadAll(int fd, std::vector<uint8_t> &bytes)
 const tarnholdCtlUpgradeRules &tarnholdCtlUpgradeGetRules(tarnholdCtlUpgradeKind kind)
 {
     return TARNHOLD_CTL_UPGRADE_RULES[static_cast<size_t>(kind)];
-}
-
-int32_t tarnholdCtlJbcCheck(const uint8_t *image, int64_t size, uint16_t *expected, uint16_t *actual)
-{
-    if (size < TARNHOLD_CTL_JBC_HEADER_MIN) {
-        return -1;
-    }
-    const uint32_t format = __tarnholdCtlBe32(image);
-    if (format != TARNHOLD_CTL_JBC_V1 && format != TARNHOLD_CTL_JBC_V2) {
-        return -1;
-    }
-    const uint32_t offset =
-        __tarnholdCtlBe32(&image[TARNHOLD_CTL_JBC_CRC_OFFSET + TARNHOLD_CTL_JBC_CRC_OFFSET_STEP * (format & 1u)]);
-    const auto usize = static_cast<uint64_t>(size);
-    if (offset >= usize || (offset + 1u >= usize && usize >= TARNHOLD_CTL_CPLD_BUFFER)) {
-        return -1;
-    }
-    const uint8_t low = offset + 1u < usize ? image[offset + 1u] : 0xFF;
-    const auto stored = static_cast<uint16_t>(image[offset] << 8 | low);
-    const uint16_t computed = __tarnholdCtlCrc(image, offset);
-    if (expected != nullptr) {
-        *expected = stored;
-    }
-    if (actual != nullptr) {
-        *actual = computed;
-    }
-    return stored == computed ? 0 : -1;
 }
 
 bool tarnholdCtlUpgradeCheckFile(tarnholdCtlUpgradeKind kind, const std::string &path, std::string &absolute,
@@ -155,7 +93,7 @@ bool tarnholdCtlUpgradeCheckFile(tarnholdCtlUpgradeKind kind, const std::string 
         }
         uint16_t stored = 0;
         uint16_t computed = 0;
-        if (tarnholdCtlJbcCheck(bytes.data(), st.st_size, &stored, &computed) != 0) {
+        if (cpldUpgradeCheckCrc(bytes.data(), st.st_size, &stored, &computed) != 0) {
             char crcs[64];
             std::snprintf(crcs, sizeof(crcs), " (stored 0x%04x, computed 0x%04x)", stored, computed);
             error = full + ": not a JAM byte-code file the service accepts: header or CRC" +
@@ -176,9 +114,9 @@ bool tarnholdCtlUpgradeCheckFile(tarnholdCtlUpgradeKind kind, const std::string 
 tarnholdCtlCpldInfo tarnholdCtlUpgradeDecodeCpldInfo(const qxUsbBlock &resp)
 {
     tarnholdCtlCpldInfo info;
-    info.size = leGet16(&resp[TARNHOLD_CTL_INFO_SIZE]);
-    info.crc = leGet16(&resp[TARNHOLD_CTL_INFO_CRC]);
-    info.state = leGet32(&resp[TARNHOLD_CTL_INFO_STATE]);
+    info.size = leGet16(&resp[CPLD_RECORD_SIZE_BYTE]);
+    info.crc = leGet16(&resp[CPLD_RECORD_CRC_BYTE]);
+    info.state = leGet32(&resp[CPLD_RECORD_STATE_BYTE]);
     if (info.state == 0) {
         info.stateText = "run";
     } else if (info.state != TARNHOLD_CTL_STATE_NOT_RUN) {
@@ -188,9 +126,9 @@ tarnholdCtlCpldInfo tarnholdCtlUpgradeDecodeCpldInfo(const qxUsbBlock &resp)
     } else {
         info.stateText = info.size == 0 && info.crc == 0 ? "cleared" : "written";
     }
-    const size_t len = resp[TARNHOLD_CTL_INFO_STAMP_LEN];
-    if (len <= QX_REPORT_SIZE - TARNHOLD_CTL_INFO_STAMP) {
-        const uint8_t *stamp = &resp[TARNHOLD_CTL_INFO_STAMP];
+    const size_t len = resp[CPLD_RECORD_STAMP_LEN];
+    if (len <= QX_REPORT_SIZE - CPLD_RECORD_STAMP) {
+        const uint8_t *stamp = &resp[CPLD_RECORD_STAMP];
         for (size_t i = 0; i < len && stamp[i] >= 0x20 && stamp[i] < 0x7F; ++i) {
             info.stamp += static_cast<char>(stamp[i]);
         }

@@ -30,14 +30,6 @@ constexpr size_t TARNHOLD_CTL_UPGRADE_PATH_MAX = QX_BLOCK_SIZE - QX_REPORT_PAYLO
 bool tarnholdCtlUpgradeCheckFile(tarnholdCtlUpgradeKind kind, const std::string &path, std::string &absolute,
                                  std::string &error);
 
-// The Jam STAPL Byte-Code header and CRC-16/X-25 check, as the service makes
-// it: 0 when the header is accepted and the CRCs agree, -1 otherwise; the
-// stored and computed CRCs go where the pointers (either may be null) point
-// once the header is accepted. `size` bytes at `image` are read, nothing
-// beyond; a stored CRC whose second byte lies behind a file shorter than
-// 51,200 bytes takes it as the 0xFF fill of the service's buffer.
-int32_t tarnholdCtlJbcCheck(const uint8_t *image, int64_t size, uint16_t *expected, uint16_t *actual);
-
 // The CPLD record of a code 56 report.
 struct tarnholdCtlCpldInfo {
     uint16_t size = 0;

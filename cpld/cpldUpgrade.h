@@ -14,6 +14,7 @@ constexpr size_t CPLD_DATA_SIZE = 51200;
 constexpr size_t CPLD_PAGE_SIZE = 256;
 constexpr uint32_t CPLD_CHUNK_PAGES = 30;
 constexpr uint8_t CPLD_RECORD_SLOT = 9;
+constexpr uint8_t CPLD_FILE_FILL = 0xFF; // every byte of the image behind the file
 
 // Format words of the two byte-code versions (big-endian in the file).
 constexpr uint32_t CPLD_JBC_FORMAT_V1 = 0x4A414D00;
