@@ -10,6 +10,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <libudev.h>
+#include <unistd.h>
 
 namespace {
 
@@ -101,7 +102,8 @@ int32_t scsiCtrlHeartBeep()
         return -1;
     }
     std::array<uint8_t, SCSI_CTRL_BEAT_SIZE> beat = {};
-    ssize_t got = platformSys.pread(config.get(), beat.data(), beat.size(), SCSI_CTRL_HEARTBEAT_OFFSET);
+    platformSys.lseek(config.get(), SCSI_CTRL_HEARTBEAT_OFFSET, SEEK_SET);
+    const ssize_t got = platformSys.read(config.get(), beat.data(), beat.size());
     if (got != static_cast<ssize_t>(beat.size())) {
         // Without both bytes the state bit is unknown, so nothing is written
         // this time rather than a guess; said once until a read works again.
@@ -116,7 +118,8 @@ int32_t scsiCtrlHeartBeep()
     m.shortReadReported = false;
     beat[0] = (beat[1] & SCSI_CTRL_STATE_BIT) != 0 ? SCSI_CTRL_BEAT_SET : SCSI_CTRL_BEAT_CLEAR;
     beat[1] = SCSI_CTRL_BEAT_HIGH;
-    // Nothing looks at the write's result: the next second tries again.
-    (void)platformSys.pwrite(config.get(), beat.data(), beat.size(), SCSI_CTRL_HEARTBEAT_OFFSET);
+    // Nothing looks at the seek's or the write's result: the next second tries again.
+    platformSys.lseek(config.get(), SCSI_CTRL_HEARTBEAT_OFFSET, SEEK_SET);
+    (void)platformSys.write(config.get(), beat.data(), beat.size());
     return 0;
 }

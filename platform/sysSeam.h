@@ -1,6 +1,6 @@
 // The system-call seam: every touch of the device node, the I2C bus (open,
 // ioctl, close), the SCSI controller's sysfs configuration file (open,
-// pread, pwrite, close), shell commands, sleeps and the clock goes through
+// lseek, read, write, close), shell commands, sleeps and the clock goes through
 // this one table. The
 // product binds it to libc and libusb; tests bind it to the simulated
 // appliance and to virtual time.
@@ -17,8 +17,7 @@ struct platformSysOps {
     int (*ioctl)(int fd, unsigned long request, void *arg);
     ssize_t (*read)(int fd, void *buf, size_t len);
     ssize_t (*write)(int fd, const void *buf, size_t len);
-    ssize_t (*pwrite)(int fd, const void *buf, size_t len, off_t offset);
-    ssize_t (*pread)(int fd, void *buf, size_t len, off_t offset);
+    off_t (*lseek)(int fd, off_t offset, int whence);
     int (*usleep)(useconds_t usec);
     int (*system)(const char *command);
     int (*select)(int nfds, fd_set *readfds, fd_set *writefds, fd_set *exceptfds, struct timeval *timeout);

@@ -159,11 +159,6 @@ ssize_t __simInProcessWrite(int fd, const void *buf, size_t len)
     return __simInProcessIsSimFd(fd) ? __simInProcessNoTransfer(fd) : PLATFORM_SYS_LIBC.write(fd, buf, len);
 }
 
-ssize_t __simInProcessPwrite(int fd, const void *buf, size_t len, off_t offset)
-{
-    return __simInProcessIsSimFd(fd) ? __simInProcessNoTransfer(fd) : PLATFORM_SYS_LIBC.pwrite(fd, buf, len, offset);
-}
-
 int __simInProcessUsleep(useconds_t usec)
 {
     P.sleeps.push_back(usec);
@@ -299,8 +294,7 @@ constexpr platformSysOps SIM_IN_PROCESS_OPS = {
     .ioctl = __simInProcessIoctl,
     .read = __simInProcessRead,
     .write = __simInProcessWrite,
-    .pwrite = __simInProcessPwrite,
-    .pread = ::pread, // the controller's configuration file is a real file (a umockdev testbed's sysfs)
+    .lseek = ::lseek, // the controller's configuration file is a real file (a umockdev testbed's sysfs)
     .usleep = __simInProcessUsleep,
     .system = __simInProcessSystem,
     .select = __simInProcessSelect,
