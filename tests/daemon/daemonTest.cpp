@@ -298,7 +298,7 @@ TEST_F(daemonProcessTest, StartUpFailuresStopWithStatus1)
     for (const auto &c : cases) {
         SCOPED_TRACE(c.mainLine);
         fs::remove(USB_DAEMON_FIFO);
-        ASSERT_TRUE(!c.args.empty() || mount("tmpfs", "/tmp", "tmpfs", MS_RDONLY, nullptr) == 0);
+        ASSERT_TRUE(!c.args.empty() || mount(nullptr, "/tmp", nullptr, MS_REMOUNT | MS_RDONLY, nullptr) == 0);
         daemonHarness daemon;
         EXPECT_EQ(daemon.runToEnd(c.args.empty() ? daemonHarnessCommand{} : daemonHarnessOnAppliance(APP_HEX, c.args)),
                   1);
