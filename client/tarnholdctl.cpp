@@ -65,7 +65,8 @@ int __ctlUsageError(const std::string &message)
 bool __ctlFillBytes(usbDaemonRequest &record, int argc, char **argv, size_t maxBytes)
 {
     if (static_cast<size_t>(argc) > maxBytes) {
-        __ctlUsageError("too many bytes");
+        __ctlUsageError(std::to_string(argc) + " bytes given, at most " + std::to_string(maxBytes) +
+                        " fit from byte " + std::to_string(CTL_FIRST_ARG_BYTE));
         return false;
     }
     for (int i = 0; i < argc; ++i) {
@@ -123,7 +124,8 @@ int __ctlSendBlocks(tarnholdCtlContext &ctx, uint8_t code, int argc, char **argv
 {
     usbDaemonRequest record = {};
     record.cmd[QX_REPORT_CODE] = code;
-    if (!__ctlFillBytes(record, argc, argv, record.cmd.size() - CTL_FIRST_ARG_BYTE)) {
+    // Only the report's 64 bytes reach the microcontroller: the block's last 5 are never sent.
+    if (!__ctlFillBytes(record, argc, argv, QX_REPORT_SIZE - CTL_FIRST_ARG_BYTE)) {
         return CTL_EXIT_USAGE;
     }
     int rc = __ctlExchange(ctx, record);

@@ -307,12 +307,19 @@ TEST_F(daemonProcessTest, StartUpFailuresStopWithStatus1)
         EXPECT_EQ(fs::is_fifo(USB_DAEMON_FIFO), !c.args.empty()) << "a made FIFO is left in place";
         EXPECT_FALSE(fs::exists(PID_FILE));
     }
+    // /tmp is still read-only. One parse decides about detaching: an abbreviation of --daemon detaches (the
+    // parent leaves at once with 0 and the child fails on its own), a file named "--daemon" does not.
+    for (const auto &[args, status] : {std::pair{strings{"--dae"}, 0}, {strings{"--file", "--daemon"}, 1}}) {
+        daemonHarness daemon;
+        EXPECT_EQ(daemon.runToEnd({.args = args}), status) << args.back();
+    }
 }
 
 TEST_F(daemonProcessTest, SigtermKeepsTheFifoOtherExitSignalsLeaveACrashLogAndRemoveIt)
 {
     bool fifoLeft = false;
-    for (int sig : {SIGTERM, SIGSEGV, SIGINT}) {
+    // All nine: a lost handler would leave the pid file and the FIFO behind.
+    for (int sig : {SIGTERM, SIGHUP, SIGINT, SIGQUIT, SIGILL, SIGABRT, SIGBUS, SIGFPE, SIGSEGV}) {
         SCOPED_TRACE(sig);
         daemonHarness daemon;
         startServing(daemon);
@@ -368,6 +375,13 @@ TEST_F(daemonProcessTest, TarnholdctlExitStatusSaysWhatHappened)
     for (const strings &bad : {strings{"raw"}, {"raw", "256"}, {"raw", "1", "x"}, {"cmd", "NO_SUCH"}, {"frobnicate"}}) {
         EXPECT_EQ(ctl(bad), 2) << bad.back();
     }
+    // A report carries 61 bytes from byte 3: one more is refused, not cut off.
+    strings full = {"raw", "200"};
+    full.resize(2 + 61, "7");
+    EXPECT_EQ(ctl(full), 1) << out;
+    full.push_back("7");
+    EXPECT_EQ(ctl(full), 2);
+    EXPECT_NE(out.find("62 bytes given, at most 61 fit from byte 3"), std::string::npos) << out;
 }
 
 } // namespace
