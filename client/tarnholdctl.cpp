@@ -1,10 +1,9 @@
 // tarnholdctl: sends one request to the tarnhold daemon and prints the reply.
-#include "evmLog.h"
-#include "qxFile.h"
 #include "qxLoader.h"
 #include "tarnholdClient.h"
+#include "tarnholdCtlFirmware.h"
+#include "tarnholdCtlStatus.h"
 #include "tarnholdCtlText.h"
-#include "uniqueFd.h"
 
 #include <array>
 #include <cmath>
@@ -30,7 +29,6 @@ enum tarnholdCtlExit : int {
 
 constexpr size_t CTL_FIRST_ARG_BYTE = QX_REPORT_PAYLOAD;
 constexpr size_t CTL_XML_DETECT_BAYS = 23;
-constexpr size_t CTL_MD5_SIZE = 16;
 
 struct tarnholdCtlContext {
     bool json = false;
@@ -270,37 +268,13 @@ int __ctlSlotRead(tarnholdCtlContext &ctx, int argc, char **argv)
     return __ctlPrintReply(ctx, record, {tarnholdCtlSlotText(*slot, value), tarnholdCtlSlotJson(*slot, value)}, false);
 }
 
-void __ctlLogToStderr(int, const char *source, int, const char *text) { fprintf(stderr, "%s: %s\n", source, text); }
-void __ctlLogDrop(int, const char *, int, const char *) {}
-
-// Loads the file the way the service does; its digest line goes to stderr,
-// since stdout carries our own output.
-int32_t __ctlLoadFirmware(const char *path, bool verbose)
-{
-    evmLogSetSink(verbose ? __ctlLogToStderr : __ctlLogDrop);
-    fflush(stdout);
-    uniqueFd savedStdout(dup(STDOUT_FILENO));
-    if (verbose) {
-        dup2(STDERR_FILENO, STDOUT_FILENO);
-    } else {
-        uniqueFd devNull(open("/dev/null", O_WRONLY | O_CLOEXEC));
-        dup2(devNull.valid() ? devNull.get() : STDERR_FILENO, STDOUT_FILENO);
-    }
-    int32_t rc = qxFileInit(path);
-    fflush(stdout);
-    if (savedStdout.valid()) {
-        dup2(savedStdout.get(), STDOUT_FILENO);
-    }
-    evmLogSetSink(nullptr);
-    return rc;
-}
-
 int __ctlFirmwareCheck(tarnholdCtlContext &ctx, int argc, char **argv)
 {
     if (argc != 1) {
         return __ctlUsageError("firmware-check needs one FILE");
     }
-    int32_t loaded = __ctlLoadFirmware(argv[0], ctx.verbose);
+    tarnholdCtlFirmwareFile file;
+    int32_t loaded = tarnholdCtlLoadFirmware(argv[0], ctx.verbose, file);
     if (loaded != 0) {
         fprintf(stderr, "tarnholdctl: %s does not load as firmware (result %d)\n", argv[0], loaded);
         if (ctx.json) {
@@ -309,9 +283,6 @@ int __ctlFirmwareCheck(tarnholdCtlContext &ctx, int argc, char **argv)
         }
         return CTL_EXIT_FIRMWARE_FILE;
     }
-    int32_t fileLen = 0;
-    std::array<uint8_t, QX_FILE_DIGEST_SIZE> digest = {};
-    qxFileGetMd5AndLen(&fileLen, digest.data());
 
     usbDaemonRequest record;
     int rc = __ctlReadSlot(ctx, QX_SLOT_FIRMWARE, record);
@@ -322,23 +293,36 @@ int __ctlFirmwareCheck(tarnholdCtlContext &ctx, int argc, char **argv)
         return __ctlPrintReply(ctx, record, {}, false);
     }
     tarnholdCtlSlot stored = tarnholdCtlDecodeSlot(record.resp);
-    // The same test as the service's: length and the 16 MD5 bytes.
-    bool current = stored.valid && stored.len >= CTL_MD5_SIZE && stored.word0 == static_cast<uint32_t>(fileLen) &&
-                   memcmp(stored.data.data(), digest.data(), CTL_MD5_SIZE) == 0;
+    bool current = tarnholdCtlFirmwareCurrent(stored, file);
     const char *verdict = current ? "current" : "differs";
-    std::string fileMd5 = tarnholdCtlHex(digest.data(), CTL_MD5_SIZE);
+    std::string fileMd5 = tarnholdCtlHex(file.md5.data(), file.md5.size());
     if (ctx.json) {
         printf("{\"verdict\":\"%s\",\"file\":{\"path\":%s,\"length\":%d,\"md5\":\"%s\"},\"stored\":%s}\n", verdict,
-               tarnholdCtlJsonString(argv[0]).c_str(), fileLen, fileMd5.c_str(),
+               tarnholdCtlJsonString(argv[0]).c_str(), file.len, fileMd5.c_str(),
                tarnholdCtlSlotJson(QX_SLOT_FIRMWARE, stored).c_str());
     } else {
-        printf("file: length %d (0x%x)\nfile md5: %s\nstored %s%s\n", fileLen, static_cast<unsigned>(fileLen),
+        printf("file: length %d (0x%x)\nfile md5: %s\nstored %s%s\n", file.len, static_cast<unsigned>(file.len),
                fileMd5.c_str(), tarnholdCtlSlotText(QX_SLOT_FIRMWARE, stored).c_str(), verdict);
     }
     return current ? CTL_EXIT_OK : CTL_EXIT_DIFFERS;
 }
 
-constexpr std::array<tarnholdCtlCommand, 10> CTL_COMMANDS = {{
+int __ctlStatus(tarnholdCtlContext &ctx, int argc, char **)
+{
+    if (argc != 0) {
+        return __ctlUsageError("status takes no arguments");
+    }
+    switch (tarnholdCtlStatus(ctx.params, ctx.json)) {
+    case tarnholdCtlStatusOutcome::ALL_WELL:
+        return CTL_EXIT_OK;
+    case tarnholdCtlStatusOutcome::NO_DAEMON:
+        return CTL_EXIT_TRANSPORT;
+    default:
+        return CTL_EXIT_RESULT;
+    }
+}
+
+constexpr std::array<tarnholdCtlCommand, 11> CTL_COMMANDS = {{
     {"raw", __ctlRaw, "CODE [BYTE...]", "send code CODE with BYTEs from byte 3; print both blocks"},
     {"cmd", __ctlCmd, "NAME|CODE [BYTE...]", "the same by command name (QX_HID_CMD_SET_LEDS or set-leds)"},
     {"bay-shutdown", __ctlBayShutdown, "BAY", "force drive bay BAY to shut down"},
@@ -348,6 +332,7 @@ constexpr std::array<tarnholdCtlCommand, 10> CTL_COMMANDS = {{
     {"xml-detect-get", __ctlXmlDetectGet, "", "read the XML daemon detect bytes"},
     {"slot-read", __ctlSlotRead, "SLOT", "read stored value slot SLOT (10: platform, 4: firmware)"},
     {"firmware-check", __ctlFirmwareCheck, "FILE", "compare firmware file FILE with the stored firmware"},
+    {"status", __ctlStatus, "", "daemon, FIFO, round trip, platform, firmware, CPLD and fans: OK or what is wrong"},
     {"help", nullptr, "", "this text"},
 }};
 
@@ -361,7 +346,8 @@ void __ctlUsage(FILE *out)
     fprintf(out, "\nBYTE, CODE, BAY, SLOT: decimal or 0x hex, 0 to 255.\n"
                  "--json prints one JSON object; --timeout defaults to %d s; --fifo names the request FIFO "
                  "(default %s).\n\n"
-                 "Exit status: 0 result 0 (firmware-check: current), 1 non-zero result, 2 usage,\n"
+                 "Exit status: 0 result 0 (firmware-check: current; status: all well), 1 non-zero result\n"
+                 "(status: something is wrong), 2 usage,\n"
                  "3 no daemon / no reply / system error, 4 firmware file does not load, 5 firmware differs.\n",
             TARNHOLD_CLIENT_TIMEOUT_MS / 1000, USB_DAEMON_FIFO);
 }

@@ -17,6 +17,7 @@
 #include <fstream>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -382,6 +383,44 @@ TEST_F(daemonProcessTest, TarnholdctlExitStatusSaysWhatHappened)
     full.push_back("7");
     EXPECT_EQ(ctl(full), 2);
     EXPECT_NE(out.find("62 bytes given, at most 61 fit from byte 3"), std::string::npos) << out;
+}
+
+TEST_F(daemonProcessTest, statusSaysOkOrWhatIsWrongLineByLineAndExitsZeroOnlyWhenAllIsWell)
+{
+    std::string out;
+    auto status = [&out](strings args) {
+        daemonHarness run;
+        args.insert(args.begin(), "status");
+        int rc = run.runToEnd({.binary = TARNHOLDCTL_BINARY, .args = std::move(args)});
+        out = run.stdoutText();
+        return rc;
+    };
+    EXPECT_EQ(status({}), 3);
+    EXPECT_THAT(out, MatchesRegex("daemon: +FAILED: no pid in /var/run/tarnhold.pid\n"
+                                  "fifo: +FAILED: /tmp/qx-usb-daemon-fifo: No such file or directory\n"
+                                  "round trip: FAILED: .*\n"));
+    daemonHarness daemon;
+    startServing(daemon);
+    // The daemon's own --file is the firmware file checked; this build has no CPLD or fan module (code 56, 57: 8).
+    EXPECT_EQ(status({}), 0) << out;
+    std::string pid = std::to_string(daemon.daemonPid());
+    EXPECT_THAT(out, MatchesRegex("daemon: +OK: pid " + pid + "\n"
+                                  "fifo: +OK: /tmp/qx-usb-daemon-fifo: FIFO, mode 0666\n"
+                                  "round trip: OK: [0-9.]+ ms \\(code 200 answered with 8\\)\n"
+                                  "platform: +OK: \"HW=BRISKA\"\n"
+                                  "firmware: +OK: slot 4 matches /tmp/app.hex \\(length [0-9]+, md5 [0-9a-f]{32}\\)\n"
+                                  "cpld: +not available: code 56 answered with 8\n"
+                                  "fan mode: +not available: code 57 answered with 8\n"));
+    // A FIFO other clients cannot write into is wrong, and says so.
+    ASSERT_EQ(chmod(USB_DAEMON_FIFO, 0600), 0);
+    EXPECT_EQ(status({}), 1);
+    EXPECT_THAT(out, ::testing::HasSubstr("fifo:       FAILED: /tmp/qx-usb-daemon-fifo: FIFO, mode 0600 (0666 expected)\n"));
+    EXPECT_EQ(status({"--json"}), 2) << "options go before the command";
+    daemonHarness run;
+    EXPECT_EQ(run.runToEnd({.binary = TARNHOLDCTL_BINARY, .args = {"--json", "status"}}), 1);
+    EXPECT_THAT(run.stdoutText(), MatchesRegex("\\{\"ok\":false,\"checks\":\\{\"daemon\":\\{\"state\":\"OK\",.*"
+                                               "\"fifo\":\\{\"state\":\"FAILED\",.*"
+                                               "\"cpld\":\\{\"state\":\"not available\",.*\\}\\}\n"));
 }
 
 } // namespace
