@@ -306,9 +306,10 @@ void __statusPrint(bool json, bool allWell)
     }
     std::string out = std::string("{\"ok\":") + (allWell ? "true" : "false") + ",\"checks\":{";
     for (size_t i = 0; i < checks.size(); ++i) {
-        out += (i > 0 ? "," : "") + tarnholdCtlJsonString(checks[i].name) + ":{\"state\":" +
-               tarnholdCtlJsonString(__statusStateText(checks[i].state)) +
-               ",\"text\":" + tarnholdCtlJsonString(checks[i].text) + "}";
+        out += i > 0 ? "," : "";
+        out += tarnholdCtlJsonString(checks[i].name);
+        out += ":{\"state\":" + tarnholdCtlJsonString(__statusStateText(checks[i].state));
+        out += ",\"text\":" + tarnholdCtlJsonString(checks[i].text) + "}";
     }
     printf("%s}}\n", out.c_str());
 }
