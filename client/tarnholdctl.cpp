@@ -1,9 +1,9 @@
 // tarnholdctl: sends one request to the tarnhold daemon and prints the reply.
-#include "evmLog.h"
 #include "leBytes.h"
-#include "qxFile.h"
 #include "qxLoader.h"
 #include "tarnholdClient.h"
+#include "tarnholdCtlFirmware.h"
+#include "tarnholdCtlStatus.h"
 #include "tarnholdCtlText.h"
 #include "tarnholdCtlUpgrade.h"
 #include "uniqueFd.h"
@@ -34,7 +34,6 @@ enum tarnholdCtlExit : int {
 
 constexpr size_t CTL_FIRST_ARG_BYTE = QX_REPORT_PAYLOAD;
 constexpr size_t CTL_XML_DETECT_BAYS = 23;
-constexpr size_t CTL_MD5_SIZE = 16;
 constexpr uint32_t CTL_FILE_TRANSFER_MAX = 0x800000; // the daemon's test buffer
 
 struct tarnholdCtlContext {
@@ -70,7 +69,8 @@ int __ctlUsageError(const std::string &message)
 bool __ctlFillBytes(usbDaemonRequest &record, int argc, char **argv, size_t maxBytes)
 {
     if (static_cast<size_t>(argc) > maxBytes) {
-        __ctlUsageError("too many bytes");
+        __ctlUsageError(std::to_string(argc) + " bytes given, at most " + std::to_string(maxBytes) +
+                        " fit from byte " + std::to_string(CTL_FIRST_ARG_BYTE));
         return false;
     }
     for (int i = 0; i < argc; ++i) {
@@ -128,7 +128,8 @@ int __ctlSendBlocks(tarnholdCtlContext &ctx, uint8_t code, int argc, char **argv
 {
     usbDaemonRequest record = {};
     record.cmd[QX_REPORT_CODE] = code;
-    if (!__ctlFillBytes(record, argc, argv, record.cmd.size() - CTL_FIRST_ARG_BYTE)) {
+    // Only the report's 64 bytes reach the microcontroller: the block's last 5 are never sent.
+    if (!__ctlFillBytes(record, argc, argv, QX_REPORT_SIZE - CTL_FIRST_ARG_BYTE)) {
         return CTL_EXIT_USAGE;
     }
     int rc = __ctlExchange(ctx, record);
@@ -273,37 +274,13 @@ int __ctlSlotRead(tarnholdCtlContext &ctx, int argc, char **argv)
     return __ctlPrintReply(ctx, record, {tarnholdCtlSlotText(*slot, value), tarnholdCtlSlotJson(*slot, value)}, false);
 }
 
-void __ctlLogToStderr(int, const char *source, int, const char *text) { fprintf(stderr, "%s: %s\n", source, text); }
-void __ctlLogDrop(int, const char *, int, const char *) {}
-
-// Loads the file the way the service does; its digest line goes to stderr,
-// since stdout carries our own output.
-int32_t __ctlLoadFirmware(const char *path, bool verbose)
-{
-    evmLogSetSink(verbose ? __ctlLogToStderr : __ctlLogDrop);
-    fflush(stdout);
-    uniqueFd savedStdout(dup(STDOUT_FILENO));
-    if (verbose) {
-        dup2(STDERR_FILENO, STDOUT_FILENO);
-    } else {
-        uniqueFd devNull(open("/dev/null", O_WRONLY | O_CLOEXEC));
-        dup2(devNull.valid() ? devNull.get() : STDERR_FILENO, STDOUT_FILENO);
-    }
-    int32_t rc = qxFileInit(path);
-    fflush(stdout);
-    if (savedStdout.valid()) {
-        dup2(savedStdout.get(), STDOUT_FILENO);
-    }
-    evmLogSetSink(nullptr);
-    return rc;
-}
-
 int __ctlFirmwareCheck(tarnholdCtlContext &ctx, int argc, char **argv)
 {
     if (argc != 1) {
         return __ctlUsageError("firmware-check needs one FILE");
     }
-    int32_t loaded = __ctlLoadFirmware(argv[0], ctx.verbose);
+    tarnholdCtlFirmwareFile file;
+    int32_t loaded = tarnholdCtlLoadFirmware(argv[0], ctx.verbose, file);
     if (loaded != 0) {
         fprintf(stderr, "tarnholdctl: %s does not load as firmware (result %d)\n", argv[0], loaded);
         if (ctx.json) {
@@ -312,9 +289,6 @@ int __ctlFirmwareCheck(tarnholdCtlContext &ctx, int argc, char **argv)
         }
         return CTL_EXIT_FIRMWARE_FILE;
     }
-    int32_t fileLen = 0;
-    std::array<uint8_t, QX_FILE_DIGEST_SIZE> digest = {};
-    qxFileGetMd5AndLen(&fileLen, digest.data());
 
     usbDaemonRequest record;
     int rc = __ctlReadSlot(ctx, QX_SLOT_FIRMWARE, record);
@@ -325,17 +299,15 @@ int __ctlFirmwareCheck(tarnholdCtlContext &ctx, int argc, char **argv)
         return __ctlPrintReply(ctx, record, {}, false);
     }
     tarnholdCtlSlot stored = tarnholdCtlDecodeSlot(record.resp);
-    // The same test as the service's: length and the 16 MD5 bytes.
-    bool current = stored.valid && stored.len >= CTL_MD5_SIZE && stored.word0 == static_cast<uint32_t>(fileLen) &&
-                   memcmp(stored.data.data(), digest.data(), CTL_MD5_SIZE) == 0;
+    bool current = tarnholdCtlFirmwareCurrent(stored, file);
     const char *verdict = current ? "current" : "differs";
-    std::string fileMd5 = tarnholdCtlHex(digest.data(), CTL_MD5_SIZE);
+    std::string fileMd5 = tarnholdCtlHex(file.md5.data(), file.md5.size());
     if (ctx.json) {
         printf("{\"verdict\":\"%s\",\"file\":{\"path\":%s,\"length\":%d,\"md5\":\"%s\"},\"stored\":%s}\n", verdict,
-               tarnholdCtlJsonString(argv[0]).c_str(), fileLen, fileMd5.c_str(),
+               tarnholdCtlJsonString(argv[0]).c_str(), file.len, fileMd5.c_str(),
                tarnholdCtlSlotJson(QX_SLOT_FIRMWARE, stored).c_str());
     } else {
-        printf("file: length %d (0x%x)\nfile md5: %s\nstored %s%s\n", fileLen, static_cast<unsigned>(fileLen),
+        printf("file: length %d (0x%x)\nfile md5: %s\nstored %s%s\n", file.len, static_cast<unsigned>(file.len),
                fileMd5.c_str(), tarnholdCtlSlotText(QX_SLOT_FIRMWARE, stored).c_str(), verdict);
     }
     return current ? CTL_EXIT_OK : CTL_EXIT_DIFFERS;
@@ -542,7 +514,22 @@ int __ctlFileTransfer(tarnholdCtlContext &ctx, int argc, char **argv)
                            false);
 }
 
-constexpr std::array<tarnholdCtlCommand, 17> CTL_COMMANDS = {{
+int __ctlStatus(tarnholdCtlContext &ctx, int argc, char **)
+{
+    if (argc != 0) {
+        return __ctlUsageError("status takes no arguments");
+    }
+    switch (tarnholdCtlStatus(ctx.params, ctx.json)) {
+    case tarnholdCtlStatusOutcome::ALL_WELL:
+        return CTL_EXIT_OK;
+    case tarnholdCtlStatusOutcome::NO_DAEMON:
+        return CTL_EXIT_TRANSPORT;
+    default:
+        return CTL_EXIT_RESULT;
+    }
+}
+
+constexpr std::array<tarnholdCtlCommand, 18> CTL_COMMANDS = {{
     {"raw", __ctlRaw, "CODE [BYTE...]", "send code CODE with BYTEs from byte 3; print both blocks"},
     {"cmd", __ctlCmd, "NAME|CODE [BYTE...]", "the same by command name (QX_HID_CMD_SET_LEDS or set-leds)"},
     {"bay-shutdown", __ctlBayShutdown, "BAY", "force drive bay BAY to shut down"},
@@ -559,6 +546,7 @@ constexpr std::array<tarnholdCtlCommand, 17> CTL_COMMANDS = {{
     {"tray-test", __ctlTrayTest, "[BYTE...]", "tray test (code 59); the answer takes up to 8 s"},
     {"file-transfer", __ctlFileTransfer, "[LENGTH]", "file-transfer test over LENGTH bytes (default and most 8 MiB)"},
     {"fan", __ctlFan, "[set auto|LEVEL]", "option-bay fans: mode and level, or set them (LEVEL 0-15)"},
+    {"status", __ctlStatus, "", "daemon, FIFO, round trip, platform, firmware, CPLD and fans: OK or what is wrong"},
     {"help", nullptr, "", "this text"},
 }};
 
@@ -572,9 +560,9 @@ void __ctlUsage(FILE *out)
     fprintf(out, "\nBYTE, CODE, BAY, SLOT: decimal or 0x hex, 0 to 255.\n"
                  "--json prints one JSON object; --timeout defaults to %d s; --fifo names the request FIFO "
                  "(default %s).\n\n"
-                 "Exit status: 0 result 0 (firmware-check: current), 1 non-zero result, 2 usage,\n"
-                 "3 no daemon / no reply / system error, 4 firmware file does not load or upgrade file\n"
-                 "refused (nothing sent), 5 firmware differs.\n",
+                 "Exit status: 0 result 0 (firmware-check: current; status: all well), 1 non-zero result\n"
+                 "(status: something is wrong), 2 usage, 3 no daemon / no reply / system error,\n"
+                 "4 firmware file does not load or upgrade file refused (nothing sent), 5 firmware differs.\n",
             TARNHOLD_CLIENT_TIMEOUT_MS / 1000, USB_DAEMON_FIFO);
 }
 

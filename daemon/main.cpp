@@ -53,6 +53,7 @@ constexpr size_t MAIN_FILE_NAME_SIZE = 300;
 constexpr uint32_t MAIN_FILE_NAME_MAX_MINUS_ONE = 293; // names of 1 to 294 characters
 constexpr suseconds_t MAIN_WAIT_SLACK_US = 10;
 constexpr const char *MAIN_REPLY_NOT_FIFO = "not a FIFO";
+constexpr const char *MAIN_DAEMON_WORD = "--daemon";
 
 constexpr char MAIN_PIPE_LINE[] = "signal_pipe_handler():: retry!\n";
 static_assert(sizeof MAIN_PIPE_LINE - 1 == 31);
@@ -80,6 +81,7 @@ struct {
     int fdClient = -1;
     char fileName[MAIN_FILE_NAME_SIZE] = {};
     bool fileSelected = false;
+    bool detach = false; // --daemon or an abbreviation of it was given
     uint64_t lastTick = 0;
     usbDaemonRequest record = {};
 } mainPrivateMembers;
@@ -119,6 +121,7 @@ bool __mainParseOptions(int argc, char **argv)
             break;
         case MAIN_OPT_DAEMON:
             evm_log(0, MAIN_SOURCE, __LINE__, "%s started in daemon mode", argv[0]);
+            mainPrivateMembers.detach = true;
             break;
         case MAIN_OPT_HELP:
         default:
@@ -292,11 +295,16 @@ int mainRun(int argc, char **argv)
     auto &m = mainPrivateMembers;
     memset(m.fileName, 0, sizeof m.fileName);
     m.fileSelected = false;
+    m.detach = false;
     if (!__mainParseOptions(argc, argv)) {
         return 0;
     }
 
-    daemon_start(argc, argv, MAIN_PID_FILE);
+    // The support library looks for "--daemon" itself; it is handed the
+    // words as the parse above understood them, so "--dae" detaches too and
+    // a file named "--daemon" does not.
+    std::array<char *, 3> startArgv = {argv[0], m.detach ? const_cast<char *>(MAIN_DAEMON_WORD) : nullptr, nullptr};
+    daemon_start(m.detach ? 2 : 1, startArgv.data(), MAIN_PID_FILE);
 
     // Loads the unwinder now: the first backtrace() loads a library, which
     // must not happen inside the exit handler.

@@ -115,8 +115,7 @@ int32_t qxUsbInit()
 {
     M.fd = -1;
     M.errCnt = 0;
-    char path[QX_USB_DEV_PATH_SIZE];
-    std::snprintf(path, sizeof path, "/dev/%s", QX_USB_DEVICE_NAME);
+    const char *path = QX_USB_DEVICE_PATH;
     const int fd = platformSys.open(path, O_RDWR, 0);
     if (fd < 0) {
         const int err = errno;
@@ -124,7 +123,8 @@ int32_t qxUsbInit()
         return 1;
     }
     M.fd = fd;
-    std::memcpy(M.devPath, path, sizeof path);
+    static_assert(sizeof QX_USB_DEVICE_PATH_TEXT <= sizeof M.devPath);
+    std::memcpy(M.devPath, QX_USB_DEVICE_PATH_TEXT.data(), sizeof QX_USB_DEVICE_PATH_TEXT);
     evm_log(1, QX_USB_LOG_SOURCE, __LINE__, "qxUsbInit: Open '%s' success; fd=%d", path, fd);
     return 0;
 }

@@ -2,10 +2,12 @@
 // exchange with the microcontroller's device node.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
 #include <linux/ioctl.h>
+#include <string_view>
 
 // ---- Report and blocks --------------------------------------------------
 
@@ -58,14 +60,23 @@ constexpr uint32_t PIC_HID_ERASE_CPLD = 0x0000480F;
 constexpr uint32_t PIC_HID_PROGRAM_CPLD = 0x80584810;
 constexpr uint32_t PIC_HID_CPLD_UPGRADE_RUN = 0x00004811;
 
+// Every number against the encoding the driver builds it with.
 static_assert(PIC_HID_SEND_REPORT == _IOW('H', 0, picHidIoctlArg));
 static_assert(PIC_HID_GET_REPORT == _IOR('H', 1, picHidIoctlArg));
 static_assert(PIC_HID_FILE_TRANSFER_TEST == _IOR('H', 3, picHidIoctlArg));
 static_assert(PIC_HID_FPGA_UPGRADE_SETUP == _IO('H', 4));
+static_assert(PIC_HID_ERASE_FPGA == _IO('H', 5));
+static_assert(PIC_HID_ERASE_FPGA_STATUS == _IO('H', 6));
 static_assert(PIC_HID_IS_URB_AVAILABLE == _IOWR('H', 7, picHidIoctlArg));
+static_assert(PIC_HID_PROGRAM_FPGA == _IOR('H', 8, picHidIoctlArg));
+static_assert(PIC_HID_PROGRAM_CLEAN_UP == _IOR('H', 9, picHidIoctlArg));
 static_assert(PIC_HID_PIC32_PROGRAM == _IOR('H', 10, picHidIoctlArg));
+static_assert(PIC_HID_PIC32_PROGRAM_DONE == _IOR('H', 11, picHidIoctlArg));
 static_assert(PIC_HID_PIC32_IS_URB_AVAILABLE == _IOR('H', 12, picHidIoctlArg));
 static_assert(PIC_HID_PIC32_UPGRADE_SETUP == _IOWR('H', 13, picHidIoctlArg));
+static_assert(PIC_HID_CPLD_UPGRADE_SETUP == _IO('H', 14));
+static_assert(PIC_HID_ERASE_CPLD == _IO('H', 15));
+static_assert(PIC_HID_PROGRAM_CPLD == _IOR('H', 16, picHidIoctlArg));
 static_assert(PIC_HID_CPLD_UPGRADE_RUN == _IO('H', 17));
 
 // The driver's answer to a raw request: byte 0 this code, byte 1 seq ^ 0x57, byte 2 zero.
@@ -168,7 +179,16 @@ qxUsbState qxUsbGetState();
 
 // ---- Device node ----------------------------------------------------------
 
-constexpr const char *QX_USB_DEVICE_NAME = "corvanta_hid_backdoor";
-constexpr const char *QX_USB_DEVICE_PATH = "/dev/corvanta_hid_backdoor";
+inline constexpr char QX_USB_DEVICE_NAME[] = "corvanta_hid_backdoor";
+
+// "/dev/" and the name joined at compile time: the path is never spelled out a second time.
+inline constexpr auto QX_USB_DEVICE_PATH_TEXT = [] {
+    constexpr std::string_view dir = "/dev/", name = QX_USB_DEVICE_NAME;
+    std::array<char, dir.size() + name.size() + 1> path{};
+    std::copy(dir.begin(), dir.end(), path.begin());
+    std::copy(name.begin(), name.end(), path.begin() + dir.size());
+    return path;
+}();
+inline constexpr const char *QX_USB_DEVICE_PATH = QX_USB_DEVICE_PATH_TEXT.data();
 constexpr uint16_t QX_USB_VENDOR_ID = 0x04D8;
 constexpr uint16_t QX_USB_PRODUCT_ID = 0x003C;

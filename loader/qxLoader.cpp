@@ -59,6 +59,24 @@ constexpr int QX_LOADER_REPLY_READS = 3;
 
 } // namespace
 
+int32_t __qxLoaderAwaitReply(uint8_t *block, uint8_t seq)
+{
+    // The firmware may still be answering an earlier command: give it two
+    // more reads, 10 ms apart, to come up with ours.
+    int32_t rc = 0;
+    for (int read = 0; read < QX_LOADER_REPLY_READS; ++read) {
+        if (read > 0) {
+            platformSys.usleep(QX_LOADER_REPLY_WAIT_US);
+        }
+        memset(block, 0, QX_BLOCK_SIZE);
+        rc = qxUsbGetReport(block);
+        if (block[QX_REPORT_SEQ] == seq) {
+            break;
+        }
+    }
+    return rc;
+}
+
 int32_t qxLoaderGenericCmd(uint8_t *block)
 {
     const uint8_t code = block[QX_REPORT_CODE];
@@ -71,18 +89,7 @@ int32_t qxLoaderGenericCmd(uint8_t *block)
         return rc;
     }
 
-    // The firmware may still be answering an earlier command: give it two
-    // more reads, 10 ms apart, to come up with ours.
-    for (int read = 0; read < QX_LOADER_REPLY_READS; ++read) {
-        if (read > 0) {
-            platformSys.usleep(QX_LOADER_REPLY_WAIT_US);
-        }
-        memset(block, 0, QX_BLOCK_SIZE);
-        rc = qxUsbGetReport(block);
-        if (block[QX_REPORT_SEQ] == seq) {
-            break;
-        }
-    }
+    rc = __qxLoaderAwaitReply(block, seq);
     if (rc != 0) {
         return rc;
     }

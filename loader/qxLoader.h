@@ -43,6 +43,9 @@ int32_t qxLoaderGetClientFileName(char *fileName);
 int32_t __qxLoaderGetPicClientFileNameFromPlatform(const char *platformStr, char *fileName);
 int32_t qxLoaderGetPlatform();
 int32_t qxLoaderGenericCmd(uint8_t *block);
+// Up to three reads 10 ms apart until the report with `seq` is in `block`
+// (cleared before each read); the last read's status. Loader-internal.
+int32_t __qxLoaderAwaitReply(uint8_t *block, uint8_t seq);
 
 // The number of image bytes per PROGRAM_DEVICE packet: 0 until qxLoaderInit
 // settles it on its first pass. qxLoaderSetPacketDataSize settles it the same

@@ -19,8 +19,6 @@ constexpr useconds_t QX_LOADER_SEARCH_LONGEST_GROWING_US = 999999;
 constexpr uint32_t QX_LOADER_SEARCH_RESET_AT = 5;  // one-second waits before the USB reset
 constexpr uint32_t QX_LOADER_SEARCH_GIVE_UP = 19; // give up once more than this were counted
 
-constexpr useconds_t QX_LOADER_REPLY_WAIT_US = 10000;
-constexpr int QX_LOADER_REPLY_READS = 3;
 constexpr useconds_t QX_LOADER_ERASE_WAIT_US = 3000000;
 constexpr useconds_t QX_LOADER_PROGRAM_END_WAIT_US = 2000000;
 
@@ -182,16 +180,7 @@ int32_t qxLoaderIsProductIdMatch(int32_t productId)
     // A failed send shows as a reply that never matches.
     qxUsbCmd(block.data());
 
-    for (int read = 0; read < QX_LOADER_REPLY_READS; ++read) {
-        if (read > 0) {
-            platformSys.usleep(QX_LOADER_REPLY_WAIT_US);
-        }
-        block.fill(0);
-        qxUsbGetReport(block.data());
-        if (block[QX_REPORT_SEQ] == seq) {
-            break;
-        }
-    }
+    __qxLoaderAwaitReply(block.data(), seq);
 
     const bool match = block[QX_REPORT_CODE] == QX_HID_CMD_GET_INFO && block[QX_REPORT_SEQ] == seq
         && block[QX_REPORT_PAYLOAD] == wanted && block[QX_REPORT_STATUS] == 0;

@@ -16,6 +16,9 @@ struct {
 
 constexpr size_t EVM_LOG_LINE_MAX = 1024;
 
+// The exit signals that only ever come from outside (kill, a terminal, abort in another frame).
+constexpr int EVM_LOG_HELD_SIGNALS[] = {SIGHUP, SIGINT, SIGQUIT, SIGABRT, SIGTERM};
+
 } // namespace
 
 void evmLogSetSink(evmLogSinkFn sink)
@@ -49,12 +52,17 @@ extern "C" void evm_log(int level, const char *source, int line, const char *for
     if (!m.echo) {
         return;
     }
-    // The exit handler logs from signal context; syslog() holds a lock, so a signal landing inside it
-    // here would deadlock the handler. Keep signals out while this line goes out.
-    sigset_t all;
+    // The exit handler logs from signal context; syslog() holds a lock, so an exit signal sent while this
+    // line goes out would deadlock the handler in it. Only those sent signals are kept out: a fault raised
+    // here (SIGSEGV, SIGBUS, SIGILL, SIGFPE) must still reach the handler and its crash log, where a
+    // blocked one would kill the process without either.
+    sigset_t held;
     sigset_t previous;
-    sigfillset(&all);
-    sigprocmask(SIG_BLOCK, &all, &previous);
+    sigemptyset(&held);
+    for (int sig : EVM_LOG_HELD_SIGNALS) {
+        sigaddset(&held, sig);
+    }
+    sigprocmask(SIG_BLOCK, &held, &previous);
     // One write per line so lines from a child and its parent never interleave.
     char out[EVM_LOG_LINE_MAX + 128];
     int outLen = snprintf(out, sizeof out, "tarnhold[%d] <%d> %s:%d: %s\n", static_cast<int>(getpid()),

@@ -10,4 +10,5 @@ apt-get install -y --no-install-recommends \
   libumockdev-dev umockdev libglib2.0-dev \
   srecord binutils faketime \
   clang libclang-rt-14-dev \
-  util-linux procps
+  util-linux procps \
+  systemd groff-base man-db dpkg-dev file python3

@@ -17,6 +17,7 @@
 #include <fstream>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -298,7 +299,7 @@ TEST_F(daemonProcessTest, StartUpFailuresStopWithStatus1)
     for (const auto &c : cases) {
         SCOPED_TRACE(c.mainLine);
         fs::remove(USB_DAEMON_FIFO);
-        ASSERT_TRUE(!c.args.empty() || mount("tmpfs", "/tmp", "tmpfs", MS_RDONLY, nullptr) == 0);
+        ASSERT_TRUE(!c.args.empty() || mount(nullptr, "/tmp", nullptr, MS_REMOUNT | MS_RDONLY, nullptr) == 0);
         daemonHarness daemon;
         EXPECT_EQ(daemon.runToEnd(c.args.empty() ? daemonHarnessCommand{} : daemonHarnessOnAppliance(APP_HEX, c.args)),
                   1);
@@ -307,12 +308,19 @@ TEST_F(daemonProcessTest, StartUpFailuresStopWithStatus1)
         EXPECT_EQ(fs::is_fifo(USB_DAEMON_FIFO), !c.args.empty()) << "a made FIFO is left in place";
         EXPECT_FALSE(fs::exists(PID_FILE));
     }
+    // /tmp is still read-only. One parse decides about detaching: an abbreviation of --daemon detaches (the
+    // parent leaves at once with 0 and the child fails on its own), a file named "--daemon" does not.
+    for (const auto &[args, status] : {std::pair{strings{"--dae"}, 0}, {strings{"--file", "--daemon"}, 1}}) {
+        daemonHarness daemon;
+        EXPECT_EQ(daemon.runToEnd({.args = args}), status) << args.back();
+    }
 }
 
 TEST_F(daemonProcessTest, SigtermKeepsTheFifoOtherExitSignalsLeaveACrashLogAndRemoveIt)
 {
     bool fifoLeft = false;
-    for (int sig : {SIGTERM, SIGSEGV, SIGINT}) {
+    // All nine: a lost handler would leave the pid file and the FIFO behind.
+    for (int sig : {SIGTERM, SIGHUP, SIGINT, SIGQUIT, SIGILL, SIGABRT, SIGBUS, SIGFPE, SIGSEGV}) {
         SCOPED_TRACE(sig);
         daemonHarness daemon;
         startServing(daemon);
@@ -368,6 +376,52 @@ TEST_F(daemonProcessTest, TarnholdctlExitStatusSaysWhatHappened)
     for (const strings &bad : {strings{"raw"}, {"raw", "256"}, {"raw", "1", "x"}, {"cmd", "NO_SUCH"}, {"frobnicate"}}) {
         EXPECT_EQ(ctl(bad), 2) << bad.back();
     }
+    // A report carries 61 bytes from byte 3: one more is refused, not cut off.
+    strings full = {"raw", "200"};
+    full.resize(2 + 61, "7");
+    EXPECT_EQ(ctl(full), 1) << out;
+    full.push_back("7");
+    EXPECT_EQ(ctl(full), 2);
+    EXPECT_NE(out.find("62 bytes given, at most 61 fit from byte 3"), std::string::npos) << out;
+}
+
+TEST_F(daemonProcessTest, statusSaysOkOrWhatIsWrongLineByLineAndExitsZeroOnlyWhenAllIsWell)
+{
+    std::string out;
+    auto status = [&out](strings args) {
+        daemonHarness run;
+        args.insert(args.begin(), "status");
+        int rc = run.runToEnd({.binary = TARNHOLDCTL_BINARY, .args = std::move(args)});
+        out = run.stdoutText();
+        return rc;
+    };
+    EXPECT_EQ(status({}), 3);
+    EXPECT_THAT(out, MatchesRegex("daemon: +FAILED: no pid in /var/run/tarnhold.pid\n"
+                                  "fifo: +FAILED: /tmp/qx-usb-daemon-fifo: No such file or directory\n"
+                                  "round trip: FAILED: .*\n"));
+    daemonHarness daemon;
+    startServing(daemon);
+    // The daemon's own --file is the firmware file checked; started with it, the daemon knows no platform and
+    // so no fan controller.
+    EXPECT_EQ(status({}), 0) << out;
+    std::string pid = std::to_string(daemon.daemonPid());
+    EXPECT_THAT(out, MatchesRegex("daemon: +OK: pid " + pid + "\n"
+                                  "fifo: +OK: /tmp/qx-usb-daemon-fifo: FIFO, mode 0666\n"
+                                  "round trip: OK: [0-9.]+ ms \\(code 200 answered with 8\\)\n"
+                                  "platform: +OK: \"HW=BRISKA\"\n"
+                                  "firmware: +OK: slot 4 matches /tmp/app.hex \\(length [0-9]+, md5 [0-9a-f]{32}\\)\n"
+                                  "cpld: +OK: size 65535, CRC 0xffff, erased\n"
+                                  "fan mode: +not available: no option-bay fan controller on this platform\n"));
+    // A FIFO other clients cannot write into is wrong, and says so.
+    ASSERT_EQ(chmod(USB_DAEMON_FIFO, 0600), 0);
+    EXPECT_EQ(status({}), 1);
+    EXPECT_THAT(out, ::testing::HasSubstr("fifo:       FAILED: /tmp/qx-usb-daemon-fifo: FIFO, mode 0600 (0666 expected)\n"));
+    EXPECT_EQ(status({"--json"}), 2) << "options go before the command";
+    daemonHarness run;
+    EXPECT_EQ(run.runToEnd({.binary = TARNHOLDCTL_BINARY, .args = {"--json", "status"}}), 1);
+    EXPECT_THAT(run.stdoutText(), MatchesRegex("\\{\"ok\":false,\"checks\":\\{\"daemon\":\\{\"state\":\"OK\",.*"
+                                               "\"fifo\":\\{\"state\":\"FAILED\",.*"
+                                               "\"fan mode\":\\{\"state\":\"not available\",.*\\}\\}\n"));
 }
 
 } // namespace

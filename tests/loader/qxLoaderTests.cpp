@@ -397,7 +397,7 @@ TEST_F(qxLoaderOnSim, programmingStopsOnTheDriversFailuresAndGivesUpOnADriverBus
 
 TEST_F(qxLoaderOnSim, startUpGoesRoundPassesUntilTheRightApplicationAnswersAndInvalidatesSlot4BeforeTheBootloader)
 {
-    enum startState { RUNNING, OTHER, BOOTLOADER, UNREADABLE, GOTO_REFUSED, NO_NODE };
+    enum startState { RUNNING, OTHER, BOOTLOADER, UNREADABLE, GOTO_REFUSED, NO_NODE, INFO_UNUSABLE };
     // what, the appliance at the start, forceUpgrade, result, the passes, slot 4 reads and writes
     const std::tuple<const char *, startState, int, int32_t, std::vector<std::string>, size_t, size_t> cases[] = {
         {"the application runs: one pass", RUNNING, 0, 0, {PASS_0}, 2, 0},
@@ -405,6 +405,10 @@ TEST_F(qxLoaderOnSim, startUpGoesRoundPassesUntilTheRightApplicationAnswersAndIn
         {"slot 4 unreadable: a reset, the same forceUpgrade", UNREADABLE, 1, 0, {PASS_1, RESETTING, PASS_1}, 8, 0},
         {"go-to-bootloader refused: again", GOTO_REFUSED, 0, 0, {PASS_0, PASS_0, PASS_0, UPGRADING, PASS_0}, 11, 6},
         {"no node: 1 after the search", NO_NODE, 0, 1, {PASS_0}, 0, 0},
+        // Slot 4 matches but the application's GET_INFO answers with an error: not taken as running, so slot 4 is
+        // invalidated and the image programmed again rather than trusting a record the firmware cannot confirm.
+        {"slot 4 matching, GET_INFO unusable: programmed again", INFO_UNUSABLE, 0, 0,
+         {PASS_0, PASS_0, UPGRADING, PASS_0}, 8, 3},
         {"another application: three passes", OTHER, 0, 0, {PASS_0, PASS_0, UPGRADING, PASS_0}, 8, 4},
     };
     for (const auto &[what, state, force, rc, passes, reads, writes] : cases) {
@@ -413,7 +417,8 @@ TEST_F(qxLoaderOnSim, startUpGoesRoundPassesUntilTheRightApplicationAnswersAndIn
         SetUp();
         qxUsbCleanUp();
         loadImage(imageWith(0x100, 5000));
-        if (state == RUNNING || state == BOOTLOADER || state == UNREADABLE) { // slot 4 and flash hold it
+        if (state == RUNNING || state == BOOTLOADER || state == UNREADABLE || state == INFO_UNUSABLE) {
+            // slot 4 and flash hold it
             simInstallApplication({qxFileGetData(), QX_FLASH_SIZE}, static_cast<uint32_t>(imageLen));
         }
         if (state == BOOTLOADER) {
@@ -425,8 +430,13 @@ TEST_F(qxLoaderOnSim, startUpGoesRoundPassesUntilTheRightApplicationAnswersAndIn
         }
         W.nodeGone = state == NO_NODE;
         bool refused = state != GOTO_REFUSED; // the first go-to-bootloader fails to go out
-        W.hook = [&refused](uint32_t request, picHidIoctlArg &arg, bool answered) {
+        bool garbled = state != INFO_UNUSABLE; // the first GET_INFO reply carries an error status
+        W.hook = [&refused, &garbled](uint32_t request, picHidIoctlArg &arg, bool answered) {
             const bool go = request == PIC_HID_SEND_REPORT && arg.report[QX_REPORT_CODE] == QX_HID_CMD_GOTO_BOOTLOADER;
+            if (answered && request == PIC_HID_GET_REPORT && arg.report[QX_REPORT_CODE] == QX_HID_CMD_GET_INFO &&
+                !std::exchange(garbled, true)) {
+                arg.report[QX_REPORT_STATUS] = 1;
+            }
             return !answered && go && !std::exchange(refused, true) ? EIO : 0;
         };
         EXPECT_EQ(qxLoaderInit(force), rc);

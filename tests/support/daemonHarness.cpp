@@ -1,6 +1,8 @@
 // Black-box runs of the real binaries in a private mount namespace.
 #include "daemonHarness.h"
 
+#include "uniqueFd.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -55,6 +57,44 @@ template <typename Fn> bool __daemonHarnessPoll(int timeoutMs, Fn done)
     _exit(127);
 }
 
+// The folder right below `dir` that holds `path` ("/tmp/x" for "/tmp/x/build/tarnhold"), "" when none does.
+std::string __daemonHarnessTopBelow(const std::string &dir, const std::string &path)
+{
+    if (!path.starts_with(dir + "/")) {
+        return "";
+    }
+    size_t end = path.find('/', dir.size() + 1);
+    return path.substr(0, end);
+}
+
+// Mounts a fresh tmpfs on `dir`, keeping the checkout and build folders that lie below it: each is opened before
+// the mount and bound back onto an empty folder of the same name in the fresh tmpfs.
+std::string __daemonHarnessFreshDir(const std::string &dir, const char *options)
+{
+    std::vector<std::pair<std::string, uniqueFd>> kept;
+    for (const char *path : {TARNHOLD_BINARY, TARNHOLD_SIM_BINARY, TARNHOLD_SUPPORT_SOURCE_DIR}) {
+        std::string top = __daemonHarnessTopBelow(dir, path);
+        if (!top.empty() && std::ranges::none_of(kept, [&](const auto &k) { return k.first == top; })) {
+            uniqueFd fd(open(top.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+            if (!fd.valid()) {
+                return top + ": " + strerror(errno);
+            }
+            kept.emplace_back(top, std::move(fd));
+        }
+    }
+    if ((mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST) ||
+        mount("tmpfs", dir.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, options) != 0) {
+        return "tmpfs on " + dir + ": " + strerror(errno);
+    }
+    for (const auto &[top, fd] : kept) {
+        std::string from = "/proc/self/fd/" + std::to_string(fd.get());
+        if (mkdir(top.c_str(), 0755) != 0 || mount(from.c_str(), top.c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0) {
+            return "keeping " + top + ": " + strerror(errno);
+        }
+    }
+    return "";
+}
+
 } // namespace
 
 std::string daemonHarnessIsolate()
@@ -65,9 +105,8 @@ std::string daemonHarnessIsolate()
     }
     for (const auto &[path, options] : {std::pair{"/tmp", "mode=1777"}, {"/var/run", "mode=0755"},
                                         {"/var/crash", "mode=0755"}}) { // /var/crash is often missing
-        if ((mkdir(path, 0755) != 0 && errno != EEXIST) ||
-            mount("tmpfs", path, "tmpfs", MS_NOSUID | MS_NODEV, options) != 0) {
-            return std::string("tmpfs on ") + path + ": " + strerror(errno);
+        if (std::string why = __daemonHarnessFreshDir(path, options); !why.empty()) {
+            return why;
         }
     }
     daemonHarnessPrivateMembers.isolated = true;

@@ -10,6 +10,7 @@
 #include <vector>
 
 // A private mount namespace with fresh tmpfs on /tmp, /var/run and /var/crash (needs root): "" or what failed.
+// A checkout or build below one of them stays visible in the fresh one, so the tests run wherever they live.
 std::string daemonHarnessIsolate();
 
 // Runs as wrapper... binary args...; any program, the daemon by default.

@@ -1,0 +1,339 @@
+// tarnholdctl status: pid file and process, request FIFO, a round trip, the
+// platform text, slot 4 against the firmware file, the CPLD record, fan mode.
+#include "tarnholdCtlStatus.h"
+
+#include "qxLoader.h"
+#include "tarnholdCtlFirmware.h"
+#include "tarnholdCtlText.h"
+#include "tarnholdCtlUpgrade.h"
+#include "viaI2c.h"
+
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <string_view>
+#include <sys/stat.h>
+#include <vector>
+
+namespace {
+
+constexpr const char *STATUS_PID_FILE = "/var/run/tarnhold.pid";
+constexpr const char *STATUS_PROCESS_NAME = "tarnhold";
+constexpr uint8_t STATUS_PROBE_CODE = 200;       // no handler: answered with 8 and nothing sent to the device
+constexpr size_t STATUS_DAEMON_FILE_NAME_MAX = 294; // longest --file name the daemon takes
+
+enum class statusState { OK, UNAVAILABLE, FAILED };
+
+struct statusCheck {
+    const char *name;
+    statusState state;
+    std::string text;
+};
+
+struct {
+    std::vector<statusCheck> checks;
+    tarnholdClientParams params;
+} tarnholdCtlStatusPrivateMembers;
+
+void __statusAdd(const char *name, statusState state, std::string text)
+{
+    tarnholdCtlStatusPrivateMembers.checks.push_back({name, state, std::move(text)});
+}
+
+std::string __statusReadFile(const std::string &path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// The daemon's pid, or 0 after the check has said what is wrong.
+pid_t __statusDaemon()
+{
+    std::string text = __statusReadFile(STATUS_PID_FILE);
+    pid_t pid = static_cast<pid_t>(atoi(text.c_str()));
+    if (pid <= 0) {
+        __statusAdd("daemon", statusState::FAILED, std::string("no pid in ") + STATUS_PID_FILE);
+        return 0;
+    }
+    std::string name = __statusReadFile("/proc/" + std::to_string(pid) + "/comm");
+    if (!name.empty() && name.back() == '\n') {
+        name.pop_back();
+    }
+    if (kill(pid, 0) != 0 && errno == ESRCH) {
+        __statusAdd("daemon", statusState::FAILED, "pid " + std::to_string(pid) + " is not running (stale pid file)");
+        return 0;
+    }
+    if (name != STATUS_PROCESS_NAME) {
+        __statusAdd("daemon", statusState::FAILED, "pid " + std::to_string(pid) + " is " + name + ", not tarnhold");
+        return 0;
+    }
+    __statusAdd("daemon", statusState::OK, "pid " + std::to_string(pid));
+    return pid;
+}
+
+void __statusFifo()
+{
+    const char *path = tarnholdCtlStatusPrivateMembers.params.requestFifo;
+    struct stat st = {};
+    char text[160];
+    if (lstat(path, &st) != 0) {
+        snprintf(text, sizeof text, "%s: %s", path, strerror(errno));
+        __statusAdd("fifo", statusState::FAILED, text);
+        return;
+    }
+    unsigned mode = st.st_mode & 07777;
+    bool fifo = S_ISFIFO(st.st_mode);
+    snprintf(text, sizeof text, "%s: %s, mode %04o", path, fifo ? "FIFO" : "not a FIFO", mode);
+    // Clients of any user write into it: it must be 0666.
+    __statusAdd("fifo", fifo && mode == 0666 ? statusState::OK : statusState::FAILED,
+                std::string(text) + (fifo && mode != 0666 ? " (0666 expected)" : ""));
+}
+
+// The whole record back, or false with `why`.
+bool __statusExchange(usbDaemonRequest &record, std::string &why)
+{
+    if (tarnholdClientExchange(record, tarnholdCtlStatusPrivateMembers.params) != 0) {
+        why = tarnholdClientLastError();
+        return false;
+    }
+    return true;
+}
+
+bool __statusRoundTrip()
+{
+    usbDaemonRequest record = {};
+    record.cmd[QX_REPORT_CODE] = STATUS_PROBE_CODE;
+    std::string why;
+    auto start = std::chrono::steady_clock::now();
+    if (!__statusExchange(record, why)) {
+        __statusAdd("round trip", statusState::FAILED, why);
+        return false;
+    }
+    double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+    char text[96];
+    snprintf(text, sizeof text, "%.2f ms (code %u answered with %d)", ms, STATUS_PROBE_CODE, record.result);
+    __statusAdd("round trip", record.result == USB_DAEMON_RESULT_UNKNOWN_FUNCTION ? statusState::OK : statusState::FAILED,
+                text);
+    return true;
+}
+
+// A stored value slot, or false after the check has said what is wrong.
+bool __statusSlot(const char *check, uint8_t slot, tarnholdCtlSlot &value)
+{
+    usbDaemonRequest record = {};
+    record.cmd[QX_REPORT_CODE] = QX_HID_CMD_GET_FLASH_VAL;
+    record.cmd[QX_SLOT_BYTE_SLOT] = slot;
+    std::string why;
+    if (!__statusExchange(record, why)) {
+        __statusAdd(check, statusState::FAILED, why);
+        return false;
+    }
+    if (record.result != USB_DAEMON_RESULT_OK) {
+        __statusAdd(check, statusState::FAILED, "slot " + std::to_string(slot) + " read gave result " +
+                                                    std::to_string(record.result) + " (" +
+                                                    tarnholdCtlResultText(record.result) + ")");
+        return false;
+    }
+    value = tarnholdCtlDecodeSlot(record.resp);
+    if (!value.valid) {
+        __statusAdd(check, statusState::FAILED, "slot " + std::to_string(slot) + " is empty");
+        return false;
+    }
+    return true;
+}
+
+// The platform text; its firmware file in `file` (when found in the table).
+bool __statusPlatform(std::string &file)
+{
+    tarnholdCtlSlot value;
+    if (!__statusSlot("platform", QX_SLOT_PLATFORM, value)) {
+        return false;
+    }
+    std::string text(reinterpret_cast<const char *>(value.data.data()), value.len);
+    text = text.c_str(); // up to the first NUL, as the service reads it
+    std::array<char, QX_LOADER_FILE_NAME_MIN> name = {};
+    bool known = __qxLoaderGetPicClientFileNameFromPlatform(text.c_str(), name.data()) == 0;
+    file = name.data();
+    // The service falls back to the table's first row; an operator wants to know.
+    __statusAdd("platform", known ? statusState::OK : statusState::FAILED,
+                tarnholdCtlJsonString(text) + (known ? "" : " (not in the platform table)"));
+    return known;
+}
+
+// The firmware file the daemon was started with: the last --file (or an
+// abbreviation of it) on its command line whose name it takes; "" when none.
+std::string __statusDaemonFile(pid_t pid)
+{
+    std::string cmdline = __statusReadFile("/proc/" + std::to_string(pid) + "/cmdline");
+    std::vector<std::string> words;
+    for (size_t at = 0, end; at < cmdline.size(); at = end + 1) {
+        end = cmdline.find('\0', at);
+        end = end == std::string::npos ? cmdline.size() : end;
+        words.push_back(cmdline.substr(at, end - at));
+    }
+    std::string chosen;
+    for (size_t i = 1; i < words.size(); ++i) {
+        std::string_view word = words[i];
+        if (word == "--") {
+            break;
+        }
+        size_t eq = word.find('=');
+        std::string_view option = word.substr(0, eq);
+        if (option.size() < 3 || !option.starts_with("--") || !std::string_view("--file").starts_with(option)) {
+            continue;
+        }
+        std::string value = eq != std::string_view::npos ? std::string(word.substr(eq + 1))
+                            : i + 1 < words.size()      ? words[++i]
+                                                        : "";
+        if (!value.empty() && value.size() <= STATUS_DAEMON_FILE_NAME_MAX) {
+            chosen = value;
+        }
+    }
+    return chosen;
+}
+
+void __statusFirmware(const std::string &file)
+{
+    tarnholdCtlFirmwareFile loaded;
+    int32_t rc = tarnholdCtlLoadFirmware(file.c_str(), false, loaded);
+    if (rc != 0) {
+        __statusAdd("firmware", statusState::FAILED, file + " does not load (result " + std::to_string(rc) + ")");
+        return;
+    }
+    tarnholdCtlSlot stored;
+    if (!__statusSlot("firmware", QX_SLOT_FIRMWARE, stored)) {
+        return;
+    }
+    std::string md5 = tarnholdCtlHex(loaded.md5.data(), loaded.md5.size());
+    if (tarnholdCtlFirmwareCurrent(stored, loaded)) {
+        __statusAdd("firmware", statusState::OK, "slot 4 matches " + file + " (length " + std::to_string(loaded.len) +
+                                                     ", md5 " + md5 + ")");
+        return;
+    }
+    size_t storedMd5Len = std::min<size_t>(stored.len, loaded.md5.size());
+    __statusAdd("firmware", statusState::FAILED,
+                "slot 4 differs from " + file + ": stored length " + std::to_string(stored.word0) + " md5 " +
+                    tarnholdCtlHex(stored.data.data(), storedMd5Len) + ", file length " + std::to_string(loaded.len) +
+                    " md5 " + md5);
+}
+
+// A request whose code this daemon may not serve: result 8 is "not available".
+bool __statusOptional(const char *check, uint8_t code, usbDaemonRequest &record)
+{
+    record = {};
+    record.cmd[QX_REPORT_CODE] = code;
+    std::string why;
+    if (!__statusExchange(record, why)) {
+        __statusAdd(check, statusState::FAILED, why);
+        return false;
+    }
+    if (record.result == USB_DAEMON_RESULT_UNKNOWN_FUNCTION) {
+        __statusAdd(check, statusState::UNAVAILABLE, "not available: code " + std::to_string(code) + " answered with 8");
+        return false;
+    }
+    return true;
+}
+
+void __statusCpld()
+{
+    usbDaemonRequest record;
+    if (!__statusOptional("cpld", QX_HID_CMD_CPLD_INFO, record)) {
+        return;
+    }
+    if (record.result != USB_DAEMON_RESULT_OK) {
+        __statusAdd("cpld", statusState::FAILED, "CPLD info gave result " + std::to_string(record.result));
+        return;
+    }
+    const tarnholdCtlCpldInfo info = tarnholdCtlUpgradeDecodeCpldInfo(record.resp);
+    char text[128];
+    snprintf(text, sizeof text, "size %u, CRC 0x%04x, %s", info.size, info.crc, info.stateText);
+    __statusAdd("cpld", statusState::OK, text);
+}
+
+void __statusFans()
+{
+    usbDaemonRequest record;
+    if (!__statusOptional("fan mode", QX_HID_CMD_GET_OPTION_BAY_FAN_SPEED, record)) {
+        return;
+    }
+    // The daemon leaves the response as sent (code 0) when its platform has
+    // no fan controller; it answers code 25 once it has tried the bus.
+    if (record.result != USB_DAEMON_RESULT_OK && record.resp[QX_REPORT_CODE] == 0) {
+        __statusAdd("fan mode", statusState::UNAVAILABLE, "not available: no option-bay fan controller on this platform");
+        return;
+    }
+    if (record.result != USB_DAEMON_RESULT_OK || record.resp[QX_REPORT_STATUS] != 0) {
+        __statusAdd("fan mode", statusState::FAILED, "the fan controller cannot be read (result " +
+                                                         std::to_string(record.result) + ")");
+        return;
+    }
+    const uint8_t level = record.resp[VIA_I2C_RESP_LEVEL];
+    __statusAdd("fan mode", statusState::OK,
+                record.resp[VIA_I2C_RESP_FIXED] == 0 ? std::string("automatic")
+                : level < dutyCycleTable.size()
+                    ? "fixed level " + std::to_string(level) + " (duty cycle " + dutyCycleTable[level] + " %)"
+                    : "fixed level " + std::to_string(level));
+}
+
+const char *__statusStateText(statusState state)
+{
+    return state == statusState::OK ? "OK" : state == statusState::UNAVAILABLE ? "not available" : "FAILED";
+}
+
+void __statusPrint(bool json, bool allWell)
+{
+    const auto &checks = tarnholdCtlStatusPrivateMembers.checks;
+    if (!json) {
+        for (const auto &c : checks) {
+            // "not available" texts say so themselves.
+            std::string line = c.state == statusState::UNAVAILABLE ? c.text
+                                                                   : std::string(__statusStateText(c.state)) + ": " + c.text;
+            printf("%-11s %s\n", (std::string(c.name) + ":").c_str(), line.c_str());
+        }
+        return;
+    }
+    std::string out = std::string("{\"ok\":") + (allWell ? "true" : "false") + ",\"checks\":{";
+    for (size_t i = 0; i < checks.size(); ++i) {
+        out += i > 0 ? "," : "";
+        out += tarnholdCtlJsonString(checks[i].name);
+        out += ":{\"state\":" + tarnholdCtlJsonString(__statusStateText(checks[i].state));
+        out += ",\"text\":" + tarnholdCtlJsonString(checks[i].text) + "}";
+    }
+    printf("%s}}\n", out.c_str());
+}
+
+} // namespace
+
+tarnholdCtlStatusOutcome tarnholdCtlStatus(const tarnholdClientParams &params, bool json)
+{
+    auto &m = tarnholdCtlStatusPrivateMembers;
+    m.checks.clear();
+    m.params = params;
+    pid_t pid = __statusDaemon();
+    __statusFifo();
+    bool answers = __statusRoundTrip();
+    if (answers) {
+        std::string platformFile;
+        __statusPlatform(platformFile);
+        // The daemon's own --file wins over the platform's, as in the daemon.
+        std::string file = pid > 0 ? __statusDaemonFile(pid) : "";
+        file = file.empty() ? platformFile : file;
+        if (!file.empty()) {
+            __statusFirmware(file);
+        } else {
+            __statusAdd("firmware", statusState::FAILED, "no firmware file known: neither --file nor the platform");
+        }
+        __statusCpld();
+        __statusFans();
+    }
+    bool allWell = std::ranges::none_of(m.checks, [](const statusCheck &c) { return c.state == statusState::FAILED; });
+    __statusPrint(json, allWell);
+    return allWell ? tarnholdCtlStatusOutcome::ALL_WELL
+           : answers ? tarnholdCtlStatusOutcome::SOMETHING_WRONG
+                     : tarnholdCtlStatusOutcome::NO_DAEMON;
+}

@@ -1,0 +1,77 @@
+#!/usr/bin/env bash
+# What an integrator gets: `install` stages `cmake --install` and checks the
+# files, the systemd unit, the manual pages and the client library's pkg-config
+# use; `package` builds the Debian package and checks it holds the same files.
+# Usage: installTest.sh install|package BUILD_DIR
+set -euo pipefail
+mode=$1
+build=$2
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+fail() { echo "FAIL: $*" >&2; exit 1; }
+
+expected="usr/bin/tarnhold-sim
+usr/bin/tarnholdctl
+usr/include/tarnhold/tarnholdClient.h
+usr/include/tarnhold/usbDaemonRequest.h
+usr/lib/libtarnholdclient.a
+usr/lib/pkgconfig/tarnhold-client.pc
+usr/lib/systemd/system/tarnhold.service
+usr/lib/tmpfiles.d/tarnhold.conf
+usr/sbin/tarnhold
+usr/share/man/man1/tarnhold-sim.1
+usr/share/man/man1/tarnholdctl.1
+usr/share/man/man8/tarnhold.8"
+
+stage="$work/stage"
+DESTDIR="$stage" cmake --install "$build" --prefix /usr >"$work/install.log"
+files=$(cd "$stage" && find . -type f | sed 's|^\./||' | sort)
+[ "$files" = "$expected" ] || fail "installed files differ: $(diff <(echo "$expected") <(echo "$files"))"
+
+if [ "$mode" = install ]; then
+    # The manual pages format without a warning.
+    for page in "$stage"/usr/share/man/man*/*; do
+        out=$(MANWIDTH=80 man --warnings -l "$page" 2>&1 >/dev/null)
+        [ -z "$out" ] || fail "$page: $out"
+        out=$(groff -ww -t -man -z "$page" 2>&1)
+        [ -z "$out" ] || fail "$page: $out"
+    done
+    # The unit as installed, its ExecStart pointed at the staged daemon, with
+    # its documentation found in the staged pages.
+    unit="$stage/usr/lib/systemd/system/tarnhold.service"
+    grep -qx 'ExecStart=/usr/sbin/tarnhold' "$unit" || fail "ExecStart is not /usr/sbin/tarnhold"
+    if grep -Eq '^(BindsTo|Requisite)=' "$unit"; then fail "the unit is bound to something"; fi
+    if grep -Eq '^PrivateTmp=(yes|true)' "$unit"; then fail "the request FIFO must live in the shared /tmp"; fi
+    sed "s|^ExecStart=/usr/sbin/tarnhold|ExecStart=$stage/usr/sbin/tarnhold|" "$unit" >"$work/tarnhold.service"
+    out=$(MANPATH="$stage/usr/share/man" systemd-analyze verify "$work/tarnhold.service" 2>&1) || fail "verify: $out"
+    [ -z "$out" ] || fail "verify: $out"
+    exposure=$(systemd-analyze security --offline=true "$work/tarnhold.service" 2>&1 |
+        sed -n 's/.*Overall exposure level for tarnhold.service: \([0-9.]*\).*/\1/p')
+    awk -v e="$exposure" 'BEGIN { exit !(e != "" && e <= 4.0) }' || fail "exposure $exposure above 4.0"
+    # A program of its own sends a request through the installed client library.
+    cat >"$work/client.cpp" <<'CPP'
+#include "tarnholdClient.h"
+#include <cerrno>
+int main()
+{
+    usbDaemonRequest record = {};
+    record.cmd[0] = 200;
+    return tarnholdClientExchange(record, {.timeoutMs = 1, .requestFifo = "/nonexistent"}) == -ENOENT ? 0 : 1;
+}
+CPP
+    flags=$(PKG_CONFIG_PATH="$stage/usr/lib/pkgconfig" pkg-config --cflags --libs tarnhold-client)
+    # shellcheck disable=SC2086
+    g++ -std=c++20 -o "$work/client" "$work/client.cpp" $flags || fail "the client library does not build a program"
+    "$work/client" || fail "the installed client library does not report a missing daemon"
+    echo "install: $(echo "$files" | wc -l) files, unit verified, exposure $exposure, pages clean, client built"
+else
+    cpack -G DEB --config "$build/CPackConfig.cmake" -B "$work/deb" >"$work/cpack.log" 2>&1 || {
+        cat "$work/cpack.log" >&2
+        fail "cpack"
+    }
+    deb=$(ls "$work"/deb/*.deb)
+    held=$(dpkg-deb -c "$deb" | awk '$1 !~ /^d/ { sub(/^\.\//, "", $6); print $6 }' | sort)
+    [ "$held" = "$expected" ] || fail "package files differ: $(diff <(echo "$expected") <(echo "$held"))"
+    [ "$(dpkg-deb -f "$deb" Package)" = tarnhold ] || fail "package name"
+    echo "package: $(basename "$deb") holds the $(echo "$held" | wc -l) installed files"
+fi

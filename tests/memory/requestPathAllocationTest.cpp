@@ -1,0 +1,190 @@
+// Serving makes no heap allocation once warm: a counting allocator around the request loop, with host-held,
+// relayed and unknown codes, on the in-process simulated appliance.
+#include "main.h"
+#include "qxUsb.h"
+#include "simInProcess.h"
+#include "sysSeam.h"
+#include "uniqueFd.h"
+#include "usbDaemonRequest.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <new>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+struct {
+    std::atomic<bool> armed = false;
+    std::atomic<int> paused = 0; // inside the simulated appliance, whose own bookkeeping is not the service's
+    std::atomic<size_t> allocations = 0;
+} countingPrivateMembers;
+
+auto &C = countingPrivateMembers;
+
+void __countAllocation()
+{
+    if (C.armed && C.paused == 0) {
+        ++C.allocations;
+    }
+}
+
+} // namespace
+
+// Replacing malloc itself catches C and C++ allocations alike; a sanitizer brings its own allocator, so
+// there only operator new is counted.
+#ifndef __SANITIZE_ADDRESS__
+extern "C" {
+void *__libc_malloc(size_t);
+void *__libc_calloc(size_t, size_t);
+void *__libc_realloc(void *, size_t);
+void __libc_free(void *);
+void *malloc(size_t n)
+{
+    __countAllocation();
+    return __libc_malloc(n);
+}
+void *calloc(size_t n, size_t size)
+{
+    __countAllocation();
+    return __libc_calloc(n, size);
+}
+void *realloc(void *p, size_t n)
+{
+    __countAllocation();
+    return __libc_realloc(p, n);
+}
+void free(void *p) { __libc_free(p); }
+}
+#endif
+
+void *operator new(size_t n)
+{
+    __countAllocation();
+    if (void *p = std::malloc(n == 0 ? 1 : n)) {
+        return p;
+    }
+    throw std::bad_alloc();
+}
+void *operator new[](size_t n) { return operator new(n); }
+void operator delete(void *p) noexcept { std::free(p); }
+void operator delete[](void *p) noexcept { std::free(p); }
+void operator delete(void *p, size_t) noexcept { std::free(p); }
+void operator delete[](void *p, size_t) noexcept { std::free(p); }
+
+namespace {
+
+platformSysOps simulated;
+
+// Each seam call into the simulated appliance runs with counting paused.
+template <auto MEMBER> struct pausedCall;
+template <typename R, typename... A, R (*platformSysOps::*MEMBER)(A...)> struct pausedCall<MEMBER> {
+    static R call(A... args)
+    {
+        ++C.paused;
+        R r = (simulated.*MEMBER)(args...);
+        --C.paused;
+        return r;
+    }
+};
+
+class requestPathAllocation : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        simInProcessInstall();
+        simulated = platformSys;
+        platformSys.open = pausedCall<&platformSysOps::open>::call;
+        platformSys.close = pausedCall<&platformSysOps::close>::call;
+        platformSys.ioctl = pausedCall<&platformSysOps::ioctl>::call;
+        platformSys.usleep = pausedCall<&platformSysOps::usleep>::call;
+        platformSys.system = pausedCall<&platformSysOps::system>::call;
+        platformSys.select = pausedCall<&platformSysOps::select>::call;
+        platformSys.msSince1970 = pausedCall<&platformSysOps::msSince1970>::call;
+        ASSERT_EQ(qxUsbInit(), 0);
+        int fds[2];
+        ASSERT_EQ(pipe2(fds, O_CLOEXEC), 0);
+        requestRead_.reset(fds[0]);
+        requestWrite_.reset(fds[1]);
+        mainLoopSetRequestFd(requestRead_.get());
+        ASSERT_NE(mkdtemp(dir_.data()), nullptr);
+        reply_ = dir_ + "/reply";
+        ASSERT_EQ(mkfifo(reply_.c_str(), 0600), 0);
+        replyRead_.reset(open(reply_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+        // The log lines still go out (standard error and syslog), into nothing.
+        savedStderr_.reset(dup(STDERR_FILENO));
+        uniqueFd devNull(open("/dev/null", O_WRONLY | O_CLOEXEC));
+        dup2(devNull.get(), STDERR_FILENO);
+    }
+    void TearDown() override
+    {
+        C.armed = false;
+        dup2(savedStderr_.get(), STDERR_FILENO);
+        qxUsbCleanUp();
+        simInProcessUninstall();
+        unlink(reply_.c_str());
+        rmdir(dir_.c_str());
+    }
+    // One request through the loop: true when its reply came back with `code`.
+    bool serve(uint8_t code)
+    {
+        usbDaemonRequest r = {};
+        memcpy(r.clientFifo, reply_.c_str(), reply_.size() + 1);
+        r.cmd[0] = code;
+        r.cmd[3] = 3; // a valid bay, slot 3
+        if (write(requestWrite_.get(), &r, sizeof r) != ssize_t(sizeof r)) {
+            return false;
+        }
+        mainLoopPass();
+        usbDaemonRequest back = {};
+        return read(replyRead_.get(), &back, sizeof back) == ssize_t(sizeof back) && back.cmd[0] == code;
+    }
+
+    uniqueFd requestRead_, requestWrite_, replyRead_, savedStderr_;
+    std::string dir_ = "/tmp/requestPathAllocation.XXXXXX";
+    std::string reply_;
+};
+
+TEST_F(requestPathAllocation, servingHostHeldRelayedAndUnknownCodesAllocatesNothingOnceWarm)
+{
+    // Relayed: GET_INFO, SET_LEDS, GET_FLASH_VAL; host-held: bay shut-down, resume, indicator, daemon detect
+    // set and get; no handler: 200, 64.
+    const uint8_t codes[] = {QX_HID_CMD_GET_INFO,
+                             QX_HID_CMD_SET_LEDS,
+                             QX_HID_CMD_GET_FLASH_VAL,
+                             QX_HID_CMD_FORCE_DRIVE_BAY_SHUT_DOWN,
+                             QX_HID_CMD_RESUME_DRIVE_BAY_OPERATION,
+                             QX_HID_CMD_GET_FORCE_SHUT_DOWN_IND,
+                             QX_HID_CMD_SET_XML_DAEMON_DETECT,
+                             QX_HID_CMD_GET_XML_DAEMON_DETECT,
+                             200,
+                             64};
+    for (uint8_t code : codes) { // warm: the first syslog call opens its socket
+        ASSERT_TRUE(serve(code)) << int(code);
+    }
+    C.allocations = 0;
+    C.armed = true;
+    size_t served = 0;
+    for (int round = 0; round < 20; ++round) {
+        for (uint8_t code : codes) {
+            served += serve(code) ? 1 : 0;
+        }
+    }
+    C.armed = false;
+    EXPECT_EQ(served, 20 * std::size(codes));
+    EXPECT_EQ(C.allocations, 0u);
+
+    // The counter itself sees an allocation.
+    C.armed = true;
+    auto *probe = new std::array<uint8_t, 64>();
+    C.armed = false;
+    delete probe;
+    EXPECT_GT(C.allocations, 0u);
+}
+
+} // namespace
