@@ -58,7 +58,7 @@ struct {
     uint8_t data[CPLD_DATA_SIZE] = {};
 } cpldUpgradePrivateMembers;
 
-auto &M = cpldUpgradePrivateMembers;
+auto &cpldImage = cpldUpgradePrivateMembers;
 
 
 void __cpldIoBlock(uint8_t *report, uint32_t request, uint8_t seq)
@@ -94,7 +94,7 @@ ssize_t __cpldReadFile(const char *path, size_t size)
     }
     size_t got = 0;
     while (got < size) {
-        const ssize_t n = platformSys.read(fd.get(), &M.data[got], size - got);
+        const ssize_t n = platformSys.read(fd.get(), &cpldImage.data[got], size - got);
         if (n < 0 && errno == EINTR) {
             continue;
         }
@@ -180,9 +180,9 @@ int32_t __cpldReadBack(useconds_t waitUs, uint32_t state)
     if (cpldInfo(cmd, resp) != 0) {
         return -1;
     }
-    const bool same = leGet16(&resp[CPLD_RECORD_CRC_BYTE]) == M.expectedCrc
+    const bool same = leGet16(&resp[CPLD_RECORD_CRC_BYTE]) == cpldImage.expectedCrc
         && leGet32(&resp[CPLD_RECORD_STATE_BYTE]) == state
-        && leGet16(&resp[CPLD_RECORD_SIZE_BYTE]) == static_cast<uint16_t>(M.upgradeSize);
+        && leGet16(&resp[CPLD_RECORD_SIZE_BYTE]) == static_cast<uint16_t>(cpldImage.upgradeSize);
     return same ? 0 : -1;
 }
 
@@ -208,7 +208,7 @@ int32_t cpldUpgradeFileInit(const char *path)
                 static_cast<long>(st.st_size), CPLD_FILE_SIZE_MIN, CPLD_FILE_SIZE_MAX);
         return -1;
     }
-    std::fill(std::begin(M.data), std::end(M.data), CPLD_FILE_FILL);
+    std::fill(std::begin(cpldImage.data), std::end(cpldImage.data), CPLD_FILE_FILL);
     const auto size = static_cast<size_t>(st.st_size);
     const ssize_t got = __cpldReadFile(path, size);
     if (got < 0) {
@@ -218,7 +218,7 @@ int32_t cpldUpgradeFileInit(const char *path)
         evm_log(0, CPLD_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-fread error rc: %d", static_cast<int>(got));
         return -1;
     }
-    M.upgradeSize = static_cast<int32_t>(got);
+    cpldImage.upgradeSize = static_cast<int32_t>(got);
     return 0;
 }
 
@@ -245,8 +245,8 @@ int32_t cpldProgramInfo(int32_t clear)
     block[QX_REPORT_CODE] = QX_HID_CMD_SET_FLASH_VAL;
     block[QX_REPORT_SEQ] = seq;
     block[QX_REPORT_PAYLOAD] = CPLD_RECORD_SLOT;
-    lePut16(&block[CPLD_RECORD_SIZE_BYTE], clear != 0 ? 0 : static_cast<uint16_t>(M.upgradeSize));
-    lePut16(&block[CPLD_RECORD_CRC_BYTE], clear != 0 ? 0 : M.expectedCrc);
+    lePut16(&block[CPLD_RECORD_SIZE_BYTE], clear != 0 ? 0 : static_cast<uint16_t>(cpldImage.upgradeSize));
+    lePut16(&block[CPLD_RECORD_CRC_BYTE], clear != 0 ? 0 : cpldImage.expectedCrc);
     __cpldStamp(block.data());
     // The outcome rests on the confirming report alone.
     qxUsbCmd(block.data());
@@ -266,7 +266,7 @@ int32_t cpldProgramInfo(int32_t clear)
 
 int32_t cpldProgramBin()
 {
-    const uint32_t pages = (static_cast<uint32_t>(M.upgradeSize) + CPLD_PAGE_SIZE - 1) / CPLD_PAGE_SIZE;
+    const uint32_t pages = (static_cast<uint32_t>(cpldImage.upgradeSize) + CPLD_PAGE_SIZE - 1) / CPLD_PAGE_SIZE;
     uint32_t next = 0;
     while (next < pages) {
         int32_t rc = 0;
@@ -279,7 +279,7 @@ int32_t cpldProgramBin()
         __cpldIoBlock(cmd.data(), PIC_HID_PROGRAM_CPLD, qxUsbGetNextSeqNumber());
         lePut24(&cmd[CPLD_CHUNK_FIRST_PAGE], next);
         cmd[CPLD_CHUNK_COUNT] = static_cast<uint8_t>(count);
-        lePut64(&cmd[CPLD_CHUNK_ADDRESS], reinterpret_cast<uintptr_t>(&M.data[CPLD_PAGE_SIZE * next]));
+        lePut64(&cmd[CPLD_CHUNK_ADDRESS], reinterpret_cast<uintptr_t>(&cpldImage.data[CPLD_PAGE_SIZE * next]));
         rc = usbMgmtCmd(cmd, resp);
         if (rc != 0) {
             return rc;
@@ -331,17 +331,17 @@ int32_t cpldUpgradeStart(qxUsbBlock &cmd, qxUsbBlock &)
     if (rc != 0) {
         return rc;
     }
-    evm_log(0, CPLD_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-_this->upgradeSize: %d", M.upgradeSize);
+    evm_log(0, CPLD_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-_this->upgradeSize: %d", cpldImage.upgradeSize);
 
     // After a rejected header expectedCrc keeps its former value and the
     // computed CRC shows as 0x0000.
     uint16_t actual = 0;
-    if (cpldUpgradeCheckCrc(M.data, M.upgradeSize, &M.expectedCrc, &actual) != 0) {
+    if (cpldUpgradeCheckCrc(cpldImage.data, cpldImage.upgradeSize, &cpldImage.expectedCrc, &actual) != 0) {
         evm_log(0, CPLD_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-***CRC ERROR*** expected_crc: 0x%04x, actual_crc: 0x%04x",
-                M.expectedCrc, actual);
+                cpldImage.expectedCrc, actual);
         return -1;
     }
-    evm_log(0, CPLD_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-expected_crc: 0x%04x, actual_crc: 0x%04x", M.expectedCrc,
+    evm_log(0, CPLD_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-expected_crc: 0x%04x, actual_crc: 0x%04x", cpldImage.expectedCrc,
             actual);
 
     rc = cpldUpgradeEraseCpld();
@@ -400,5 +400,5 @@ int32_t cpldUpgradeStart(qxUsbBlock &cmd, qxUsbBlock &)
 
 cpldUpgradeView cpldUpgradeGetView()
 {
-    return {M.upgradeSize, M.expectedCrc, M.data};
+    return {cpldImage.upgradeSize, cpldImage.expectedCrc, cpldImage.data};
 }

@@ -55,7 +55,7 @@ struct {
     uint8_t data[FPGA_DATA_SIZE] = {};
 } fpgaUpgradePrivateMembers;
 
-auto &M = fpgaUpgradePrivateMembers;
+auto &fpgaImage = fpgaUpgradePrivateMembers;
 
 // An IO command for `request`; byte 1 is the sequence number (0 where none is taken).
 void __fpgaIoBlock(uint8_t *report, uint32_t request, uint8_t seq)
@@ -111,7 +111,7 @@ ssize_t __fpgaReadFile(const char *path, size_t size)
     // One read as far as the system gives it; continued only where it stops early.
     size_t got = 0;
     while (got < size) {
-        const ssize_t n = platformSys.read(fd.get(), &M.data[got], size - got);
+        const ssize_t n = platformSys.read(fd.get(), &fpgaImage.data[got], size - got);
         if (n < 0 && errno == EINTR) {
             continue;
         }
@@ -130,7 +130,7 @@ int32_t __fpgaUpgradeSizeOf(size_t size)
     size_t end = 0;
     for (size_t start = 0;; start += FPGA_BLOCK_SIZE) {
         end = start + FPGA_BLOCK_SIZE;
-        const uint8_t *block = &M.data[start];
+        const uint8_t *block = &fpgaImage.data[start];
         if (std::all_of(block, block + FPGA_BLOCK_SIZE, [](uint8_t b) { return b == FPGA_FILL; }) || end >= size) {
             break;
         }
@@ -190,8 +190,8 @@ int32_t fpgaUpgradeFileInit(const char *path)
         evm_log(0, FPGA_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-fread error rc: %d", static_cast<int>(got));
         return -1;
     }
-    std::fill(&M.data[size], std::end(M.data), FPGA_FILL);
-    M.upgradeSize = __fpgaUpgradeSizeOf(size);
+    std::fill(&fpgaImage.data[size], std::end(fpgaImage.data), FPGA_FILL);
+    fpgaImage.upgradeSize = __fpgaUpgradeSizeOf(size);
     return 0;
 }
 
@@ -227,7 +227,7 @@ int32_t fpgaUpgradeEraseFpga()
 
 int32_t fpgaProgramConfig()
 {
-    const uint32_t pages = (static_cast<uint32_t>(M.upgradeSize) + FPGA_PAGE_SIZE - 1) / FPGA_PAGE_SIZE;
+    const uint32_t pages = (static_cast<uint32_t>(fpgaImage.upgradeSize) + FPGA_PAGE_SIZE - 1) / FPGA_PAGE_SIZE;
     uint32_t next = 0;
     while (next < pages) {
         int32_t rc = 0;
@@ -240,7 +240,7 @@ int32_t fpgaProgramConfig()
         __fpgaIoBlock(cmd.data(), PIC_HID_PROGRAM_FPGA, qxUsbGetNextSeqNumber());
         lePut24(&cmd[FPGA_CHUNK_FIRST_PAGE], next);
         cmd[FPGA_CHUNK_COUNT] = static_cast<uint8_t>(count);
-        lePut64(&cmd[FPGA_CHUNK_ADDRESS], reinterpret_cast<uintptr_t>(&M.data[FPGA_PAGE_SIZE * next]));
+        lePut64(&cmd[FPGA_CHUNK_ADDRESS], reinterpret_cast<uintptr_t>(&fpgaImage.data[FPGA_PAGE_SIZE * next]));
         rc = usbMgmtCmd(cmd, resp);
         if (rc != 0) {
             return rc;
@@ -284,7 +284,7 @@ int32_t fpgaUpgradeStart(const qxUsbBlock &cmd)
     if (rc != 0) {
         return rc;
     }
-    evm_log(0, FPGA_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-_this->upgradeSize: %dk", M.upgradeSize / 1024);
+    evm_log(0, FPGA_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-_this->upgradeSize: %dk", fpgaImage.upgradeSize / 1024);
 
     rc = fpgaUpgradeEraseFpga();
     if (rc != 0) {
@@ -311,5 +311,5 @@ int32_t fpgaUpgradeStart(const qxUsbBlock &cmd)
 
 fpgaUpgradeView fpgaUpgradeGetView()
 {
-    return {M.upgradeSize, M.data};
+    return {fpgaImage.upgradeSize, fpgaImage.data};
 }

@@ -24,10 +24,26 @@ constexpr useconds_t QX_USB_MODULE_SLEEP_US = 2000000;
 constexpr uint32_t QX_USB_PIC_USB_ID = (uint32_t{QX_USB_PRODUCT_ID} << 16) | QX_USB_VENDOR_ID;
 static_assert(QX_USB_PIC_USB_ID == 0x003C04D8);
 
-// Codes 0-20 whose raw requests are sent without a trace (the bootloader's
-// steady traffic and the frequent queries).
-constexpr uint32_t QX_USB_QUIET_CODES = 0x1862E4;
-constexpr uint8_t QX_USB_QUIET_CODE_MAX = 20;
+// Codes whose raw requests are sent without a trace: the bootloader's steady
+// traffic and the frequent queries.
+constexpr std::array<qxHidCmd, 9> QX_USB_QUIET_CMDS = {
+    QUERY_DEVICE,
+    PROGRAM_DEVICE,
+    PROGRAM_COMPLETE,
+    GET_DATA,
+    QX_HID_CMD_GET_INFO,
+    QX_HID_CMD_GET_FLASH_VAL,
+    QX_HID_CMD_SET_FLASH_VAL,
+    QX_HID_CMD_GET_ALL_DRV_STATUS,
+    QX_HID_CMD_GET_ONE_DRV_STATUS,
+};
+constexpr std::array<bool, 256> QX_USB_QUIET = [] {
+    std::array<bool, 256> quiet{};
+    for (qxHidCmd code : QX_USB_QUIET_CMDS) {
+        quiet[code] = true;
+    }
+    return quiet;
+}();
 constexpr size_t QX_USB_TRACE_BYTES_PER_LINE = 16;
 
 // Payload offsets of the values a report carries for the driver.
@@ -42,7 +58,7 @@ struct {
     uint32_t errCnt = 0;
 } qxUsbPrivateMembers;
 
-auto &M = qxUsbPrivateMembers;
+auto &usbLink = qxUsbPrivateMembers;
 
 enum class qxUsbIssue : uint8_t { OK, BUSY, FAILED };
 
@@ -52,7 +68,7 @@ enum class qxUsbIssue : uint8_t { OK, BUSY, FAILED };
 qxUsbIssue __qxUsbIssueWithRetry(uint32_t request, picHidIoctlArg &arg, int &err)
 {
     for (int attempt = 1;; ++attempt) {
-        if (platformSys.ioctl(M.fd, request, &arg) == 0) {
+        if (platformSys.ioctl(usbLink.fd, request, &arg) == 0) {
             return qxUsbIssue::OK;
         }
         err = errno;
@@ -70,19 +86,19 @@ void __qxUsbCloseNode()
 {
     // The node's descriptor lives in the state record across requests and is
     // closed through the seam, so no scoped owner holds it.
-    if (M.fd >= 0) {
-        platformSys.close(M.fd);
+    if (usbLink.fd >= 0) {
+        platformSys.close(usbLink.fd);
     }
-    M.fd = -1;
+    usbLink.fd = -1;
 }
 
 // A counted failure: the caller has logged it; re-open after EBADF or too many.
 void __qxUsbCountFailure(int err, const char *operation)
 {
-    ++M.errCnt;
-    if (err == EBADF || M.errCnt >= QX_USB_REOPEN_ERR_CNT) {
+    ++usbLink.errCnt;
+    if (err == EBADF || usbLink.errCnt >= QX_USB_REOPEN_ERR_CNT) {
         evm_log(1, QX_USB_LOG_SOURCE, __LINE__, "%s: re-opening device file (errCnt=%d)", operation,
-                static_cast<int>(M.errCnt));
+                static_cast<int>(usbLink.errCnt));
         __qxUsbCloseNode();
         qxUsbInit();
     }
@@ -93,7 +109,7 @@ bool __qxUsbIsQuiet(uint8_t code, uint32_t request)
     if (code == QX_HID_CMD_IO_CMD) {
         return request == PIC_HID_PIC32_IS_URB_AVAILABLE || request == PIC_HID_IS_URB_AVAILABLE;
     }
-    return code <= QX_USB_QUIET_CODE_MAX && ((QX_USB_QUIET_CODES >> code) & 1u) != 0;
+    return QX_USB_QUIET[code];
 }
 
 void __qxUsbTrace(const uint8_t *report)
@@ -113,8 +129,8 @@ void __qxUsbTrace(const uint8_t *report)
 
 int32_t qxUsbInit()
 {
-    M.fd = -1;
-    M.errCnt = 0;
+    usbLink.fd = -1;
+    usbLink.errCnt = 0;
     const char *path = QX_USB_DEVICE_PATH;
     const int fd = platformSys.open(path, O_RDWR, 0);
     if (fd < 0) {
@@ -122,9 +138,9 @@ int32_t qxUsbInit()
         evm_log(6, QX_USB_LOG_SOURCE, __LINE__, "qxUsbInit: Failed to open '%s' - '%s'", path, std::strerror(err));
         return 1;
     }
-    M.fd = fd;
-    static_assert(sizeof QX_USB_DEVICE_PATH_TEXT <= sizeof M.devPath);
-    std::memcpy(M.devPath, QX_USB_DEVICE_PATH_TEXT.data(), sizeof QX_USB_DEVICE_PATH_TEXT);
+    usbLink.fd = fd;
+    static_assert(sizeof QX_USB_DEVICE_PATH_TEXT <= sizeof usbLink.devPath);
+    std::memcpy(usbLink.devPath, QX_USB_DEVICE_PATH_TEXT.data(), sizeof QX_USB_DEVICE_PATH_TEXT);
     evm_log(1, QX_USB_LOG_SOURCE, __LINE__, "qxUsbInit: Open '%s' success; fd=%d", path, fd);
     return 0;
 }
@@ -136,7 +152,7 @@ void qxUsbCleanUp()
 
 int32_t qxUsbCmd(const uint8_t *report)
 {
-    if (M.fd < 0) {
+    if (usbLink.fd < 0) {
         evm_log(4, QX_USB_LOG_SOURCE, __LINE__, "qxUsbCmd: device not open");
         return -1;
     }
@@ -170,7 +186,7 @@ int32_t qxUsbCmd(const uint8_t *report)
     case qxUsbIssue::OK:
         break;
     }
-    M.errCnt = 0;
+    usbLink.errCnt = 0;
     const uint8_t code = report[QX_REPORT_CODE];
     if (code == QX_HID_CMD_GOTO_APPLICATION || code == QX_HID_CMD_GOTO_BOOTLOADER) {
         // The microcontroller restarts into the other firmware: the driver has
@@ -201,14 +217,14 @@ int32_t qxUsbGetReport(uint8_t *report)
         break;
     }
     // Only a report the driver filled reaches the caller.
-    M.errCnt = 0;
+    usbLink.errCnt = 0;
     std::memcpy(report, arg.report, QX_REPORT_SIZE);
     return 0;
 }
 
 int32_t qxUsbRawIoctCmd(picHidIoctlArg *block)
 {
-    if (M.fd < 0) {
+    if (usbLink.fd < 0) {
         evm_log(4, QX_USB_LOG_SOURCE, __LINE__, "qxUsbRawIoctCmd: device not open");
         return -1;
     }
@@ -219,7 +235,7 @@ int32_t qxUsbRawIoctCmd(picHidIoctlArg *block)
         __qxUsbTrace(block->report);
     }
     // Once: the callers poll these requests themselves.
-    if (platformSys.ioctl(M.fd, request, block) != 0) {
+    if (platformSys.ioctl(usbLink.fd, request, block) != 0) {
         const int err = errno;
         evm_log(6, QX_USB_LOG_SOURCE, __LINE__, "qxUsbRawIoctCmd: ioctl(%d) failed - '%s'",
                 static_cast<int32_t>(request), std::strerror(err));
@@ -230,12 +246,12 @@ int32_t qxUsbRawIoctCmd(picHidIoctlArg *block)
 
 uint8_t qxUsbGetNextSeqNumber()
 {
-    return ++M.seqNum;
+    return ++usbLink.seqNum;
 }
 
 void resetUsb()
 {
-    if (M.fd >= 0) {
+    if (usbLink.fd >= 0) {
         __qxUsbCloseNode();
         platformSys.system("rmmod picdev");
         platformSys.usleep(QX_USB_MODULE_SLEEP_US);
@@ -264,5 +280,5 @@ void resetUsb()
 
 qxUsbState qxUsbGetState()
 {
-    return {M.fd, M.seqNum, M.errCnt};
+    return {usbLink.fd, usbLink.seqNum, usbLink.errCnt};
 }

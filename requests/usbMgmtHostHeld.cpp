@@ -24,7 +24,7 @@ struct {
     std::array<uint32_t, USB_MGMT_BAY_COUNT> netUsbDaemonDetect{};
 } usbMgmtPrivateMembers;
 
-auto &M = usbMgmtPrivateMembers;
+auto &hostHeld = usbMgmtPrivateMembers;
 
 bool __usbMgmtBayValid(uint8_t bay)
 {
@@ -49,7 +49,7 @@ int32_t __usbMgmtSetForceShutDown(uint8_t code, uint32_t value, qxUsbBlock &cmd,
     if (!__usbMgmtBayValid(bay)) {
         return -1;
     }
-    M.netUsbDriveForceShutDown[bay] = value;
+    hostHeld.netUsbDriveForceShutDown[bay] = value;
     resp[QX_REPORT_STATUS] = USB_MGMT_STATUS_OK;
     return 0;
 }
@@ -75,7 +75,7 @@ int32_t netUsbFuncGetForceShutDownInd(qxUsbBlock &cmd, qxUsbBlock &resp)
         return -1;
     }
     resp[USB_MGMT_BAY_BYTE] = bay;
-    resp[USB_MGMT_IND_BYTE] = static_cast<uint8_t>(M.netUsbDriveForceShutDown[bay]);
+    resp[USB_MGMT_IND_BYTE] = static_cast<uint8_t>(hostHeld.netUsbDriveForceShutDown[bay]);
     resp[QX_REPORT_STATUS] = USB_MGMT_STATUS_OK;
     return 0;
 }
@@ -86,7 +86,7 @@ int32_t netUsbFuncSetXmlDaemonDetect(qxUsbBlock &cmd, qxUsbBlock &resp)
     resp[QX_REPORT_STATUS] = USB_MGMT_STATUS_OK;
     for (size_t bay = 0; bay < USB_MGMT_BAY_COUNT; ++bay) {
         if (USB_MGMT_BAY_VALID[bay]) {
-            M.netUsbDaemonDetect[bay] = cmd[QX_REPORT_PAYLOAD + bay];
+            hostHeld.netUsbDaemonDetect[bay] = cmd[QX_REPORT_PAYLOAD + bay];
         }
     }
     return 0;
@@ -98,7 +98,7 @@ int32_t netUsbFuncGetXmlDaemonDetect(qxUsbBlock &cmd, qxUsbBlock &resp)
     resp[QX_REPORT_STATUS] = USB_MGMT_STATUS_OK;
     for (size_t bay = 0; bay < USB_MGMT_BAY_COUNT; ++bay) {
         if (USB_MGMT_BAY_VALID[bay]) {
-            resp[QX_REPORT_PAYLOAD + bay] = static_cast<uint8_t>(M.netUsbDaemonDetect[bay]);
+            resp[QX_REPORT_PAYLOAD + bay] = static_cast<uint8_t>(hostHeld.netUsbDaemonDetect[bay]);
         }
     }
     return 0;

@@ -34,7 +34,7 @@ bool __simFlashBlank()
 simApplianceMembers simAppliancePrivateMembers;
 
 namespace {
-auto &S = simAppliancePrivateMembers;
+auto &model = simAppliancePrivateMembers;
 } // namespace
 
 // ---- Shared by the parts ------------------------------------------------------
@@ -62,33 +62,33 @@ void __simRecord(simEventKind kind, uint8_t code, uint8_t seq, uint32_t request,
     e.request = request;
     e.address = address;
     e.len = len;
-    e.atUs = S.nowUs();
-    S.events.push_back(e);
+    e.atUs = model.nowUs();
+    model.events.push_back(e);
 }
 
 // Open handles stop working: the device or its driver went away.
 void __simStaleHandles()
 {
-    ++S.generation;
+    ++model.generation;
     // Requests the driver still held never reach the device.
-    S.pending.clear();
+    model.pending.clear();
 }
 
 void __simSwitchMode(simMode mode)
 {
-    S.mode = mode;
-    S.programRunOpen = false;
+    model.mode = mode;
+    model.programRunOpen = false;
     __simRecord(simEventKind::MODE_SWITCH, static_cast<uint8_t>(mode));
 }
 
 // The microcontroller restarts: a GOTO sent earlier takes effect now.
 void __simApplyPendingSwitch()
 {
-    if (!S.pendingSwitch || S.powerLost) {
+    if (!model.pendingSwitch || model.powerLost) {
         return;
     }
-    S.pendingSwitch = false;
-    simMode next = S.pendingMode;
+    model.pendingSwitch = false;
+    simMode next = model.pendingMode;
     // A bootloader with nothing to start stays where it is.
     if (next == simMode::APPLICATION && __simFlashBlank()) {
         next = simMode::BOOTLOADER;
@@ -99,12 +99,12 @@ void __simApplyPendingSwitch()
 void __simLosePower()
 {
     __simRecord(simEventKind::POWER_LOST);
-    S.mode = simMode::DEAD;
-    S.powerLost = true;
-    S.pendingSwitch = false;
-    S.programRunOpen = false;
-    S.nodePresent = false;
-    S.queue.clear();
+    model.mode = simMode::DEAD;
+    model.powerLost = true;
+    model.pendingSwitch = false;
+    model.programRunOpen = false;
+    model.nodePresent = false;
+    model.queue.clear();
     __simStaleHandles();
 }
 
@@ -112,9 +112,9 @@ void __simLosePower()
 
 void __simQueueReply(simReport reply)
 {
-    if (S.replyFaultCount > 0) {
-        --S.replyFaultCount;
-        switch (S.replyFault) {
+    if (model.replyFaultCount > 0) {
+        --model.replyFaultCount;
+        switch (model.replyFault) {
         case simReplyFault::NONE:
             break;
         case simReplyFault::WRONG_SEQ:
@@ -128,7 +128,7 @@ void __simQueueReply(simReport reply)
             return;
         }
     }
-    S.queue.push_back({reply, S.replyDelayReads, S.nowUs() + S.replyDelayUs[reply[QX_REPORT_CODE]]});
+    model.queue.push_back({reply, model.replyDelayReads, model.nowUs() + model.replyDelayUs[reply[QX_REPORT_CODE]]});
 }
 
 simReport __simReplyHeader(const uint8_t *req)
@@ -144,35 +144,35 @@ simReport __simReplyHeader(const uint8_t *req)
 
 void simReset()
 {
-    uint64_t (*clock)() = S.nowUs;
-    S.mode = simMode::APPLICATION;
-    S.pendingSwitch = false;
-    S.pendingMode = simMode::APPLICATION;
-    S.nodePresent = true;
-    S.powerLost = false;
-    S.generation = 0;
-    S.nextHandle = 0;
-    S.implicitHandle = -1;
-    S.handles.clear();
-    S.slots.fill(simSlot{});
-    S.queue.clear();
-    S.lastReport.fill(0);
-    S.pending.clear();
-    S.programRunOpen = false;
-    S.programRunEnd = 0;
-    S.ioctlFaults.clear();
-    S.replyFault = simReplyFault::NONE;
-    S.replyFaultCount = 0;
-    S.replyDelayReads = 0;
-    S.replyDelayUs.fill(0);
-    S.slotUnreadable.fill(0);
-    S.bootloaderNoAck = false;
-    S.driverBusyPolls = 0;
-    S.powerLossSteps = -1;
-    S.panel = simPanel{};
-    S.fileTransfer = simFileTransfer{};
-    S.events.clear();
-    S.nowUs = clock;
+    uint64_t (*clock)() = model.nowUs;
+    model.mode = simMode::APPLICATION;
+    model.pendingSwitch = false;
+    model.pendingMode = simMode::APPLICATION;
+    model.nodePresent = true;
+    model.powerLost = false;
+    model.generation = 0;
+    model.nextHandle = 0;
+    model.implicitHandle = -1;
+    model.handles.clear();
+    model.slots.fill(simSlot{});
+    model.queue.clear();
+    model.lastReport.fill(0);
+    model.pending.clear();
+    model.programRunOpen = false;
+    model.programRunEnd = 0;
+    model.ioctlFaults.clear();
+    model.replyFault = simReplyFault::NONE;
+    model.replyFaultCount = 0;
+    model.replyDelayReads = 0;
+    model.replyDelayUs.fill(0);
+    model.slotUnreadable.fill(0);
+    model.bootloaderNoAck = false;
+    model.driverBusyPolls = 0;
+    model.powerLossSteps = -1;
+    model.panel = simPanel{};
+    model.fileTransfer = simFileTransfer{};
+    model.events.clear();
+    model.nowUs = clock;
     __simUpgradeReset();
 
     // A small application of its own, recorded in slot 4 as the service records it.
@@ -186,28 +186,28 @@ void simReset()
 
 void simSetMode(simMode mode)
 {
-    S.mode = mode;
-    S.pendingSwitch = false;
-    S.powerLost = false;
-    S.programRunOpen = false;
+    model.mode = mode;
+    model.pendingSwitch = false;
+    model.powerLost = false;
+    model.programRunOpen = false;
 }
 
 simMode simGetMode()
 {
-    return S.mode;
+    return model.mode;
 }
 
 void simSetNodePresent(bool present)
 {
-    if (!present && S.nodePresent) {
+    if (!present && model.nodePresent) {
         __simStaleHandles();
     }
-    S.nodePresent = present;
+    model.nodePresent = present;
 }
 
 bool simNodePresent()
 {
-    return S.nodePresent;
+    return model.nodePresent;
 }
 
 void simSetPlatformText(const std::string &text)
@@ -215,13 +215,13 @@ void simSetPlatformText(const std::string &text)
     simSlot s;
     s.len = static_cast<uint8_t>(std::min(text.size(), sizeof(s.data)));
     std::memcpy(s.data, text.data(), s.len);
-    S.slots[QX_SLOT_PLATFORM] = s;
+    model.slots[QX_SLOT_PLATFORM] = s;
 }
 
 void simSetSlot(int slot, const simSlot &value)
 {
     if (slot >= 0 && slot < SIM_SLOT_COUNT) {
-        S.slots[static_cast<size_t>(slot)] = value;
+        model.slots[static_cast<size_t>(slot)] = value;
     }
 }
 
@@ -231,24 +231,24 @@ simSlot simGetSlot(int slot)
     if (slot < 0 || slot >= SIM_SLOT_COUNT) {
         return simSlot{};
     }
-    return S.slots[static_cast<size_t>(slot)];
+    return model.slots[static_cast<size_t>(slot)];
 }
 
 std::span<uint8_t, SIM_FLASH_SIZE> simFlash()
 {
-    return S.flash;
+    return model.flash;
 }
 
 void simInstallApplication(std::span<const uint8_t> image, uint32_t digestLen, const uint8_t (&md5)[16])
 {
-    std::fill(S.flash.begin(), S.flash.end(), 0xFF);
-    std::copy_n(image.begin(), std::min<size_t>(image.size(), S.flash.size()), S.flash.begin());
+    std::fill(model.flash.begin(), model.flash.end(), 0xFF);
+    std::copy_n(image.begin(), std::min<size_t>(image.size(), model.flash.size()), model.flash.begin());
     simSlot s;
     s.word0 = digestLen;
     s.word1 = 0;
     s.len = 16;
     std::memcpy(s.data, md5, 16);
-    S.slots[QX_SLOT_FIRMWARE] = s;
+    model.slots[QX_SLOT_FIRMWARE] = s;
 }
 
 void simInstallApplication(std::span<const uint8_t> image, uint32_t digestLen)
@@ -265,23 +265,23 @@ void simInstallApplication(std::span<const uint8_t> image, uint32_t digestLen)
 
 uint32_t simFlashIdentity()
 {
-    return __simFnv1a(SIM_FNV_BASIS, S.flash.data(), S.flash.size());
+    return __simFnv1a(SIM_FNV_BASIS, model.flash.data(), model.flash.size());
 }
 
 const simPanel &simGetPanel()
 {
-    return S.panel;
+    return model.panel;
 }
 
 void simSetButtons(uint8_t buttons, uint8_t pushButton)
 {
-    S.panel.buttons = buttons;
-    S.panel.pushButton = pushButton;
+    model.panel.buttons = buttons;
+    model.panel.pushButton = pushButton;
 }
 
 const simFileTransfer &simLastFileTransfer()
 {
-    return S.fileTransfer;
+    return model.fileTransfer;
 }
 
 // ---- Fault injection -------------------------------------------------------
@@ -289,48 +289,48 @@ const simFileTransfer &simLastFileTransfer()
 void simFailIoctl(uint32_t request, int err, int count)
 {
     if (count > 0 && err > 0) {
-        S.ioctlFaults.push_back({request, err, count});
+        model.ioctlFaults.push_back({request, err, count});
     }
 }
 
 void simSetReplyFault(simReplyFault fault, int count)
 {
-    S.replyFault = fault;
-    S.replyFaultCount = fault == simReplyFault::NONE ? 0 : count;
+    model.replyFault = fault;
+    model.replyFaultCount = fault == simReplyFault::NONE ? 0 : count;
 }
 
 void simSetReplyDelayReads(int reads)
 {
-    S.replyDelayReads = std::max(reads, 0);
+    model.replyDelayReads = std::max(reads, 0);
 }
 
 void simSetReplyDelayUs(uint8_t code, uint64_t us)
 {
-    S.replyDelayUs[code] = us;
+    model.replyDelayUs[code] = us;
 }
 
 void simSetSlotUnreadable(int slot, int count)
 {
     if (slot >= 0 && slot < SIM_SLOT_COUNT) {
-        S.slotUnreadable[static_cast<size_t>(slot)] = count;
+        model.slotUnreadable[static_cast<size_t>(slot)] = count;
     }
 }
 
 void simSetBootloaderNoAck(bool noAck)
 {
-    S.bootloaderNoAck = noAck;
+    model.bootloaderNoAck = noAck;
 }
 
 void simSetDriverBusyPolls(int count)
 {
-    S.driverBusyPolls = std::max(count, 0);
+    model.driverBusyPolls = std::max(count, 0);
 }
 
 void simPowerLossAfter(int steps)
 {
-    S.powerLossSteps = steps;
+    model.powerLossSteps = steps;
     if (steps == 0) {
-        S.powerLossSteps = -1;
+        model.powerLossSteps = -1;
         __simLosePower();
     }
 }
@@ -339,15 +339,15 @@ void simPowerLossAfter(int steps)
 
 const std::vector<simEvent> &simEvents()
 {
-    return S.events;
+    return model.events;
 }
 
 void simClearEvents()
 {
-    S.events.clear();
+    model.events.clear();
 }
 
 void simSetClock(uint64_t (*nowUs)())
 {
-    S.nowUs = nowUs != nullptr ? nowUs : __simSteadyNowUs;
+    model.nowUs = nowUs != nullptr ? nowUs : __simSteadyNowUs;
 }

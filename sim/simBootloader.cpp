@@ -17,22 +17,22 @@ constexpr size_t SIM_PROGRAM_ADDRESS = 1;
 constexpr size_t SIM_PROGRAM_COUNT = 5;
 constexpr size_t SIM_PROGRAM_MAX_DATA = QX_REPORT_SIZE - 6;
 
-auto &S = simAppliancePrivateMembers;
+auto &model = simAppliancePrivateMembers;
 
 
 // Erase, program and complete are the steps a power cut can interrupt.
 void __simBootloaderStepDone()
 {
-    if (S.powerLossSteps > 0 && --S.powerLossSteps == 0) {
-        S.powerLossSteps = -1;
+    if (model.powerLossSteps > 0 && --model.powerLossSteps == 0) {
+        model.powerLossSteps = -1;
         __simLosePower();
     }
 }
 
 void __simBootloaderErase()
 {
-    std::fill(S.flash.begin(), S.flash.end(), 0xFF);
-    S.programRunOpen = false;
+    std::fill(model.flash.begin(), model.flash.end(), 0xFF);
+    model.programRunOpen = false;
     __simRecord(simEventKind::ERASE, ERASE_DEVICE);
     __simBootloaderStepDone();
 }
@@ -44,19 +44,19 @@ void __simBootloaderProgram(const uint8_t *packet)
     const uint64_t end = static_cast<uint64_t>(address) + n;
     const bool inRange = n > 0 && n <= SIM_PROGRAM_MAX_DATA && address >= SIM_FLASH_START &&
                          end <= static_cast<uint64_t>(SIM_FLASH_START) + SIM_FLASH_SIZE;
-    const bool follows = !S.programRunOpen || address == S.programRunEnd;
+    const bool follows = !model.programRunOpen || address == model.programRunEnd;
     if (!inRange || !follows) {
         __simRecord(simEventKind::PROGRAM_DROPPED, PROGRAM_DEVICE, 0, 0, address, n);
     } else {
         // Flash cells only go from 1 to 0: programming over data that was not
         // erased leaves the AND of both.
         const uint8_t *data = packet + QX_REPORT_SIZE - n;
-        uint8_t *cell = &S.flash[address - SIM_FLASH_START];
+        uint8_t *cell = &model.flash[address - SIM_FLASH_START];
         for (uint32_t i = 0; i < n; ++i) {
             cell[i] &= data[i];
         }
-        S.programRunOpen = true;
-        S.programRunEnd = address + n;
+        model.programRunOpen = true;
+        model.programRunEnd = address + n;
         __simRecord(simEventKind::PROGRAM, PROGRAM_DEVICE, 0, 0, address, n);
     }
     __simBootloaderStepDone();
@@ -64,7 +64,7 @@ void __simBootloaderProgram(const uint8_t *packet)
 
 void __simBootloaderComplete()
 {
-    S.programRunOpen = false;
+    model.programRunOpen = false;
     __simRecord(simEventKind::COMPLETE, PROGRAM_COMPLETE);
     __simBootloaderStepDone();
 }
@@ -97,13 +97,13 @@ void __simBootloaderReceive(const uint8_t *req)
     case RESET_DEVICE:
     case QX_HID_CMD_GOTO_APPLICATION:
         __simRecord(simEventKind::GOTO_APPLICATION);
-        S.pendingSwitch = true;
-        S.pendingMode = simMode::APPLICATION;
+        model.pendingSwitch = true;
+        model.pendingMode = simMode::APPLICATION;
         break;
     case QX_HID_CMD_GOTO_BOOTLOADER:
         __simRecord(simEventKind::GOTO_BOOTLOADER);
-        S.pendingSwitch = true;
-        S.pendingMode = simMode::BOOTLOADER;
+        model.pendingSwitch = true;
+        model.pendingMode = simMode::BOOTLOADER;
         break;
     case QX_HID_CMD_GET_INFO:
         reply[QX_REPORT_PAYLOAD] = SIM_PRODUCT_ID_BOOTLOADER;
@@ -127,7 +127,7 @@ void __simBootloaderReceive(const uint8_t *req)
 // A report reaches whatever firmware runs.
 void __simFirmwareReceive(const uint8_t *report)
 {
-    switch (S.mode) {
+    switch (model.mode) {
     case simMode::APPLICATION:
         __simApplicationReceive(report);
         break;

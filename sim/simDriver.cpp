@@ -12,18 +12,18 @@
 
 namespace {
 
-auto &S = simAppliancePrivateMembers;
+auto &model = simAppliancePrivateMembers;
 
 // The injected failure for this request, or 0.
 int __simInjectedFault(uint32_t request)
 {
-    for (auto it = S.ioctlFaults.begin(); it != S.ioctlFaults.end(); ++it) {
+    for (auto it = model.ioctlFaults.begin(); it != model.ioctlFaults.end(); ++it) {
         if (it->request != 0 && it->request != request) {
             continue;
         }
         const int err = it->err;
         if (--it->count <= 0) {
-            S.ioctlFaults.erase(it);
+            model.ioctlFaults.erase(it);
         }
         return err;
     }
@@ -39,18 +39,18 @@ int __simDriverSend(picHidIoctlArg *arg)
 
 int __simDriverGetReport(picHidIoctlArg *arg)
 {
-    if (!S.queue.empty()) {
-        simQueuedReport &next = S.queue.front();
+    if (!model.queue.empty()) {
+        simQueuedReport &next = model.queue.front();
         if (next.delayReads > 0) {
             --next.delayReads;
-        } else if (S.nowUs() >= next.visibleAtUs) {
-            S.lastReport = next.bytes;
-            S.queue.pop_front();
+        } else if (model.nowUs() >= next.visibleAtUs) {
+            model.lastReport = next.bytes;
+            model.queue.pop_front();
         }
     }
     // With nothing new the driver hands back the last input report again.
-    std::memcpy(arg->report, S.lastReport.data(), QX_REPORT_SIZE);
-    __simRecord(simEventKind::GET_REPORT, S.lastReport[QX_REPORT_CODE], S.lastReport[QX_REPORT_SEQ],
+    std::memcpy(arg->report, model.lastReport.data(), QX_REPORT_SIZE);
+    __simRecord(simEventKind::GET_REPORT, model.lastReport[QX_REPORT_CODE], model.lastReport[QX_REPORT_SEQ],
                 PIC_HID_GET_REPORT);
     return 0;
 }
@@ -76,7 +76,7 @@ int __simDriverFileTransfer(picHidIoctlArg *arg, const simMemReader &mem)
         t.checksum = __simFnv1a(t.checksum, chunk.data(), n);
         offset += n;
     }
-    S.fileTransfer = t;
+    model.fileTransfer = t;
     __simRecord(simEventKind::FILE_TRANSFER, QX_HID_CMD_FILE_TRANSFER_TEST, arg->report[QX_REPORT_SEQ],
                 PIC_HID_FILE_TRANSFER_TEST, static_cast<uint32_t>(arg->xferBuf), t.len);
     return t.readOk ? 0 : -EFAULT;
@@ -92,7 +92,7 @@ int __simDriverPic32Program(int handle, uint32_t request, picHidIoctlArg *arg, c
     if (address == 0) {
         return __simFail(request, EFAULT);
     }
-    S.pending.push_back({simPendingKind::PIC32_PACKET, handle, arg->report[QX_REPORT_SEQ], 0, 0, address, mem});
+    model.pending.push_back({simPendingKind::PIC32_PACKET, handle, arg->report[QX_REPORT_SEQ], 0, 0, address, mem});
     return 0;
 }
 
@@ -101,14 +101,14 @@ int __simDriverPic32Program(int handle, uint32_t request, picHidIoctlArg *arg, c
 void __simDriverSendPending(int handle)
 {
     std::vector<simPendingRead> mine;
-    auto rest = std::stable_partition(S.pending.begin(), S.pending.end(),
+    auto rest = std::stable_partition(model.pending.begin(), model.pending.end(),
                                       [handle](const simPendingRead &p) { return p.handle != handle; });
-    mine.assign(rest, S.pending.end());
-    S.pending.erase(rest, S.pending.end());
-    const uint32_t generation = S.generation;
+    mine.assign(rest, model.pending.end());
+    model.pending.erase(rest, model.pending.end());
+    const uint32_t generation = model.generation;
     std::vector<uint8_t> bytes;
     for (const simPendingRead &p : mine) {
-        if (S.generation != generation) {
+        if (model.generation != generation) {
             return; // the device went away while sending (a power cut)
         }
         const bool packet = p.kind == simPendingKind::PIC32_PACKET;
@@ -134,10 +134,10 @@ int __simDriverAck(uint32_t request, picHidIoctlArg *arg)
 {
     const bool pic32 = request != PIC_HID_IS_URB_AVAILABLE;
     const bool isPoll = request != PIC_HID_PIC32_UPGRADE_SETUP;
-    bool ack = pic32 ? (S.mode == simMode::BOOTLOADER && !S.bootloaderNoAck)
-                     : (S.mode == simMode::APPLICATION && __simUpgradeHasRoom());
-    if (ack && isPoll && S.driverBusyPolls > 0) {
-        --S.driverBusyPolls;
+    bool ack = pic32 ? (model.mode == simMode::BOOTLOADER && !model.bootloaderNoAck)
+                     : (model.mode == simMode::APPLICATION && __simUpgradeHasRoom());
+    if (ack && isPoll && model.driverBusyPolls > 0) {
+        --model.driverBusyPolls;
         ack = false;
     }
     const uint8_t seq = arg->report[QX_REPORT_SEQ];
@@ -155,7 +155,7 @@ int __simDriverAck(uint32_t request, picHidIoctlArg *arg)
 
 simHandle *__simFindHandle(int handle)
 {
-    for (simHandle &h : S.handles) {
+    for (simHandle &h : model.handles) {
         if (h.id == handle) {
             return &h;
         }
@@ -175,12 +175,12 @@ int __simFail(uint32_t request, int err)
 
 int simDriverOpenHandle()
 {
-    if (!S.nodePresent) {
+    if (!model.nodePresent) {
         __simRecord(simEventKind::OPEN_FAILED, 0, 0, 0, 0, ENOENT);
         return -ENOENT;
     }
-    const int id = S.nextHandle++;
-    S.handles.push_back({id, S.generation});
+    const int id = model.nextHandle++;
+    model.handles.push_back({id, model.generation});
     __simRecord(simEventKind::OPEN, 0, 0, 0, 0, static_cast<uint32_t>(id));
     return id;
 }
@@ -191,10 +191,10 @@ void simDriverCloseHandle(int handle)
     if (h == nullptr) {
         return;
     }
-    if (h->generation == S.generation) {
+    if (h->generation == model.generation) {
         __simDriverSendPending(handle); // sending on never touches the handle list
     }
-    S.handles.erase(S.handles.begin() + (h - S.handles.data()));
+    model.handles.erase(model.handles.begin() + (h - model.handles.data()));
     __simRecord(simEventKind::CLOSE, 0, 0, 0, 0, static_cast<uint32_t>(handle));
 }
 
@@ -204,12 +204,12 @@ int simDriverIoctlHandle(int handle, uint32_t request, void *arg, const simMemRe
     if (h == nullptr) {
         return __simFail(request, EBADF);
     }
-    if (h->generation == S.generation) {
+    if (h->generation == model.generation) {
         // Whatever this client queued before goes out ahead of this request.
         __simDriverSendPending(handle);
     }
     __simUpgradeTick();
-    if (h->generation != S.generation || !S.nodePresent) {
+    if (h->generation != model.generation || !model.nodePresent) {
         return __simFail(request, ENODEV);
     }
     if (const int err = __simInjectedFault(request); err != 0) {
@@ -249,57 +249,57 @@ int simDriverOpen()
     if (handle < 0) {
         return handle;
     }
-    if (S.implicitHandle >= 0) {
-        simDriverCloseHandle(S.implicitHandle);
+    if (model.implicitHandle >= 0) {
+        simDriverCloseHandle(model.implicitHandle);
     }
-    S.implicitHandle = handle;
+    model.implicitHandle = handle;
     return 0;
 }
 
 void simDriverClose()
 {
-    if (S.implicitHandle >= 0) {
-        simDriverCloseHandle(S.implicitHandle);
-        S.implicitHandle = -1;
+    if (model.implicitHandle >= 0) {
+        simDriverCloseHandle(model.implicitHandle);
+        model.implicitHandle = -1;
     }
 }
 
 int simDriverIoctl(uint32_t request, void *arg, const simMemReader &mem)
 {
-    return simDriverIoctlHandle(S.implicitHandle, request, arg, mem);
+    return simDriverIoctlHandle(model.implicitHandle, request, arg, mem);
 }
 
 void simModuleUnload()
 {
     __simRecord(simEventKind::RMMOD);
-    S.nodePresent = false;
-    S.queue.clear();
-    S.lastReport.fill(0);
+    model.nodePresent = false;
+    model.queue.clear();
+    model.lastReport.fill(0);
     __simStaleHandles();
 }
 
 void simModuleLoad()
 {
     __simRecord(simEventKind::MODPROBE);
-    if (S.powerLost) {
+    if (model.powerLost) {
         // Power is back: the microcontroller starts in its bootloader.
-        S.powerLost = false;
-        S.pendingSwitch = false;
+        model.powerLost = false;
+        model.pendingSwitch = false;
         __simSwitchMode(simMode::BOOTLOADER);
     }
     __simApplyPendingSwitch();
-    S.nodePresent = true;
+    model.nodePresent = true;
 }
 
 void simUsbReset()
 {
     __simRecord(simEventKind::USB_RESET);
-    if (S.powerLost) {
+    if (model.powerLost) {
         return;
     }
     // The device re-enumerates: whatever was queued is gone, open handles die.
     __simApplyPendingSwitch();
-    S.queue.clear();
+    model.queue.clear();
     __simStaleHandles();
 }
 

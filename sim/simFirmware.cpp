@@ -13,7 +13,7 @@ namespace {
 constexpr uint8_t SIM_PRODUCT_ID_APPLICATION = QX_PRODUCT_ID_APPLICATION;
 constexpr const char *SIM_BOARD_INFO = "SIM BOARD REV A";
 
-auto &S = simAppliancePrivateMembers;
+auto &model = simAppliancePrivateMembers;
 
 // A handler fills the reply (header already set) and says whether it is sent.
 using simAppHandler = bool (*)(const uint8_t *req, simReport &reply);
@@ -34,29 +34,29 @@ bool __simAppGetInfo(const uint8_t *, simReport &reply)
 bool __simAppGotoApplication(const uint8_t *, simReport &)
 {
     __simRecord(simEventKind::GOTO_APPLICATION);
-    S.pendingSwitch = true;
-    S.pendingMode = simMode::APPLICATION;
+    model.pendingSwitch = true;
+    model.pendingMode = simMode::APPLICATION;
     return false;
 }
 
 bool __simAppGotoBootloader(const uint8_t *, simReport &)
 {
     __simRecord(simEventKind::GOTO_BOOTLOADER);
-    S.pendingSwitch = true;
-    S.pendingMode = simMode::BOOTLOADER;
+    model.pendingSwitch = true;
+    model.pendingMode = simMode::BOOTLOADER;
     return false;
 }
 
 bool __simAppShutdown(const uint8_t *req, simReport &reply)
 {
-    ++S.panel.shutdowns;
+    ++model.panel.shutdowns;
     return __simAppEcho(req, reply);
 }
 
 bool __simAppGetAllDrvStatus(const uint8_t *, simReport &reply)
 {
-    reply[QX_REPORT_PAYLOAD] = static_cast<uint8_t>(S.panel.drivePower);
-    reply[QX_REPORT_PAYLOAD + 1] = static_cast<uint8_t>(S.panel.drivePower >> 8);
+    reply[QX_REPORT_PAYLOAD] = static_cast<uint8_t>(model.panel.drivePower);
+    reply[QX_REPORT_PAYLOAD + 1] = static_cast<uint8_t>(model.panel.drivePower >> 8);
     return true;
 }
 
@@ -68,7 +68,7 @@ bool __simAppGetOneDrvStatus(const uint8_t *req, simReport &reply)
         reply[QX_REPORT_STATUS] = 1;
         return true;
     }
-    reply[QX_REPORT_PAYLOAD + 1] = (S.panel.drivePower >> bay) & 1u;
+    reply[QX_REPORT_PAYLOAD + 1] = (model.panel.drivePower >> bay) & 1u;
     return true;
 }
 
@@ -83,71 +83,71 @@ bool __simAppTurnOneDrvOnOff(const uint8_t *req, simReport &reply)
         return true;
     }
     const uint16_t bit = static_cast<uint16_t>(1u << bay);
-    S.panel.drivePower = on ? (S.panel.drivePower | bit) : (S.panel.drivePower & ~bit);
+    model.panel.drivePower = on ? (model.panel.drivePower | bit) : (model.panel.drivePower & ~bit);
     return true;
 }
 
 bool __simAppSetLeds(const uint8_t *req, simReport &reply)
 {
-    std::memcpy(S.panel.leds, &req[QX_REPORT_PAYLOAD], sizeof(S.panel.leds));
-    std::memcpy(&reply[QX_REPORT_PAYLOAD], S.panel.leds, sizeof(S.panel.leds));
+    std::memcpy(model.panel.leds, &req[QX_REPORT_PAYLOAD], sizeof(model.panel.leds));
+    std::memcpy(&reply[QX_REPORT_PAYLOAD], model.panel.leds, sizeof(model.panel.leds));
     return true;
 }
 
 bool __simAppGetFanSpeed(const uint8_t *, simReport &reply)
 {
-    std::memcpy(&reply[QX_REPORT_PAYLOAD], S.panel.fanSpeed, sizeof(S.panel.fanSpeed));
+    std::memcpy(&reply[QX_REPORT_PAYLOAD], model.panel.fanSpeed, sizeof(model.panel.fanSpeed));
     return true;
 }
 
 bool __simAppSetFanSpeed(const uint8_t *req, simReport &reply)
 {
-    std::memcpy(S.panel.fanSpeed, &req[QX_REPORT_PAYLOAD], sizeof(S.panel.fanSpeed));
-    std::memcpy(&reply[QX_REPORT_PAYLOAD], S.panel.fanSpeed, sizeof(S.panel.fanSpeed));
+    std::memcpy(model.panel.fanSpeed, &req[QX_REPORT_PAYLOAD], sizeof(model.panel.fanSpeed));
+    std::memcpy(&reply[QX_REPORT_PAYLOAD], model.panel.fanSpeed, sizeof(model.panel.fanSpeed));
     return true;
 }
 
 template <bool simPanel::*flag, bool value> bool __simAppSetFlag(const uint8_t *, simReport &)
 {
-    S.panel.*flag = value;
+    model.panel.*flag = value;
     return true;
 }
 
 template <bool simPanel::*flag> bool __simAppGetFlag(const uint8_t *, simReport &reply)
 {
-    reply[QX_REPORT_PAYLOAD] = (S.panel.*flag) ? 1 : 0;
+    reply[QX_REPORT_PAYLOAD] = (model.panel.*flag) ? 1 : 0;
     return true;
 }
 
 bool __simAppButtonDown(const uint8_t *req, simReport &reply)
 {
-    S.panel.buttons |= static_cast<uint8_t>(1u << (req[QX_REPORT_PAYLOAD] & 7u));
-    reply[QX_REPORT_PAYLOAD] = S.panel.buttons;
+    model.panel.buttons |= static_cast<uint8_t>(1u << (req[QX_REPORT_PAYLOAD] & 7u));
+    reply[QX_REPORT_PAYLOAD] = model.panel.buttons;
     return true;
 }
 
 bool __simAppButtonRelease(const uint8_t *req, simReport &reply)
 {
-    S.panel.buttons &= static_cast<uint8_t>(~(1u << (req[QX_REPORT_PAYLOAD] & 7u)));
-    reply[QX_REPORT_PAYLOAD] = S.panel.buttons;
+    model.panel.buttons &= static_cast<uint8_t>(~(1u << (req[QX_REPORT_PAYLOAD] & 7u)));
+    reply[QX_REPORT_PAYLOAD] = model.panel.buttons;
     return true;
 }
 
 bool __simAppAllButtonStatus(const uint8_t *, simReport &reply)
 {
-    reply[QX_REPORT_PAYLOAD] = S.panel.buttons;
+    reply[QX_REPORT_PAYLOAD] = model.panel.buttons;
     return true;
 }
 
 bool __simAppPushButtonStatus(const uint8_t *, simReport &reply)
 {
-    reply[QX_REPORT_PAYLOAD] = S.panel.pushButton;
+    reply[QX_REPORT_PAYLOAD] = model.panel.pushButton;
     return true;
 }
 
 bool __simAppTrayTest(const uint8_t *req, simReport &reply)
 {
-    ++S.panel.trayTests;
+    ++model.panel.trayTests;
     return __simAppEcho(req, reply);
 }
 
@@ -159,7 +159,7 @@ bool __simAppGetBoardInfo(const uint8_t *, simReport &reply)
 
 bool __simAppClrWdt(const uint8_t *, simReport &)
 {
-    ++S.panel.watchdogClears;
+    ++model.panel.watchdogClears;
     return true;
 }
 
@@ -217,14 +217,14 @@ bool __simGetFlashVal(const uint8_t *req, simReport &reply)
         reply[QX_REPORT_STATUS] = 1;
         return true;
     }
-    int &unreadable = S.slotUnreadable[slot];
+    int &unreadable = model.slotUnreadable[slot];
     if (unreadable != 0) {
         if (unreadable > 0) {
             --unreadable;
         }
         return false;
     }
-    const simSlot &s = S.slots[slot];
+    const simSlot &s = model.slots[slot];
     if (s.len == 0xFF) {
         std::fill(reply.begin() + QX_SLOT_BYTE_WORD0, reply.end(), 0xFF);
         return true;
@@ -250,7 +250,7 @@ bool __simSetFlashVal(const uint8_t *req, simReport &reply)
     s.word1 = leGet32(&req[QX_SLOT_BYTE_WORD1]);
     s.len = len;
     std::memcpy(s.data, &req[QX_SLOT_BYTE_DATA], len);
-    S.slots[slot] = s;
+    model.slots[slot] = s;
     return __simUpgradeRecordWriteAnswered(slot);
 }
 

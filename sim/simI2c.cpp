@@ -37,7 +37,7 @@ struct {
     std::array<bool, SIM_I2C_FD_COUNT> fdOpen{};
 } simI2cPrivateMembers;
 
-auto &I = simI2cPrivateMembers;
+auto &fanBus = simI2cPrivateMembers;
 
 // A count of -1 fails for ever.
 bool __simI2cTakeFailure(int &count)
@@ -55,30 +55,30 @@ bool __simI2cTakeFailure(int &count)
 
 void simI2cReset()
 {
-    I.registers = __simI2cPowerOn();
-    I.busPresent = true;
-    I.controllerPresent = true;
-    I.slaveFailures = 0;
-    I.readFailures = 0;
-    I.writeFailures = 0;
-    I.transfers.clear();
-    I.fdOpen.fill(false);
+    fanBus.registers = __simI2cPowerOn();
+    fanBus.busPresent = true;
+    fanBus.controllerPresent = true;
+    fanBus.slaveFailures = 0;
+    fanBus.readFailures = 0;
+    fanBus.writeFailures = 0;
+    fanBus.transfers.clear();
+    fanBus.fdOpen.fill(false);
 }
 
-void simI2cSetBusPresent(bool present) { I.busPresent = present; }
-bool simI2cBusPresent() { return I.busPresent; }
-void simI2cSetControllerPresent(bool present) { I.controllerPresent = present; }
-void simI2cSetRegister(uint8_t reg, uint8_t value) { I.registers[reg] = value; }
-uint8_t simI2cGetRegister(uint8_t reg) { return I.registers[reg]; }
-void simI2cFailSlave(int count) { I.slaveFailures = count; }
-void simI2cFailReads(int count) { I.readFailures = count; }
-void simI2cFailWrites(int count) { I.writeFailures = count; }
-const std::vector<simI2cTransfer> &simI2cTransfers() { return I.transfers; }
-void simI2cClearTransfers() { I.transfers.clear(); }
+void simI2cSetBusPresent(bool present) { fanBus.busPresent = present; }
+bool simI2cBusPresent() { return fanBus.busPresent; }
+void simI2cSetControllerPresent(bool present) { fanBus.controllerPresent = present; }
+void simI2cSetRegister(uint8_t reg, uint8_t value) { fanBus.registers[reg] = value; }
+uint8_t simI2cGetRegister(uint8_t reg) { return fanBus.registers[reg]; }
+void simI2cFailSlave(int count) { fanBus.slaveFailures = count; }
+void simI2cFailReads(int count) { fanBus.readFailures = count; }
+void simI2cFailWrites(int count) { fanBus.writeFailures = count; }
+const std::vector<simI2cTransfer> &simI2cTransfers() { return fanBus.transfers; }
+void simI2cClearTransfers() { fanBus.transfers.clear(); }
 
 int simI2cOpen()
 {
-    return I.busPresent ? 0 : -ENOENT;
+    return fanBus.busPresent ? 0 : -ENOENT;
 }
 
 // The kernel only checks the address here; whether anything answers there
@@ -88,7 +88,7 @@ int simI2cSetSlave(unsigned long address)
     if (address > SIM_I2C_ADDRESS_MAX) {
         return -EINVAL;
     }
-    return __simI2cTakeFailure(I.slaveFailures) ? -EBUSY : 0;
+    return __simI2cTakeFailure(fanBus.slaveFailures) ? -EBUSY : 0;
 }
 
 int simI2cSmbus(unsigned long address, uint8_t readWrite, uint8_t reg, uint32_t size, uint8_t &byte)
@@ -96,19 +96,19 @@ int simI2cSmbus(unsigned long address, uint8_t readWrite, uint8_t reg, uint32_t 
     if (size != I2C_SMBUS_BYTE_DATA || (readWrite != I2C_SMBUS_READ && readWrite != I2C_SMBUS_WRITE)) {
         return -EINVAL;
     }
-    if (address != SIM_I2C_FAN_ADDRESS || !I.controllerPresent) {
+    if (address != SIM_I2C_FAN_ADDRESS || !fanBus.controllerPresent) {
         return -ENXIO;
     }
     const bool write = readWrite == I2C_SMBUS_WRITE;
-    if (__simI2cTakeFailure(write ? I.writeFailures : I.readFailures)) {
+    if (__simI2cTakeFailure(write ? fanBus.writeFailures : fanBus.readFailures)) {
         return -EIO;
     }
     if (write) {
-        I.registers[reg] = byte;
+        fanBus.registers[reg] = byte;
     } else {
-        byte = I.registers[reg];
+        byte = fanBus.registers[reg];
     }
-    I.transfers.push_back({write, reg, byte});
+    fanBus.transfers.push_back({write, reg, byte});
     return 0;
 }
 
@@ -124,10 +124,10 @@ int simI2cInProcessOpen()
         errno = -rc;
         return -1;
     }
-    for (std::size_t i = 0; i < I.fdOpen.size(); ++i) {
-        if (!I.fdOpen[i]) {
-            I.fdOpen[i] = true;
-            I.fdAddress[i] = SIM_I2C_NO_ADDRESS;
+    for (std::size_t i = 0; i < fanBus.fdOpen.size(); ++i) {
+        if (!fanBus.fdOpen[i]) {
+            fanBus.fdOpen[i] = true;
+            fanBus.fdAddress[i] = SIM_I2C_NO_ADDRESS;
             return SIM_I2C_FD_BASE + static_cast<int>(i);
         }
     }
@@ -138,11 +138,11 @@ int simI2cInProcessOpen()
 int simI2cInProcessClose(int fd)
 {
     const std::size_t i = static_cast<std::size_t>(fd - SIM_I2C_FD_BASE);
-    if (!I.fdOpen[i]) {
+    if (!fanBus.fdOpen[i]) {
         errno = EBADF;
         return -1;
     }
-    I.fdOpen[i] = false;
+    fanBus.fdOpen[i] = false;
     return 0;
 }
 
@@ -150,20 +150,20 @@ int simI2cInProcessIoctl(int fd, unsigned long request, void *arg)
 {
     const std::size_t i = static_cast<std::size_t>(fd - SIM_I2C_FD_BASE);
     int rc = -ENOTTY;
-    if (!I.fdOpen[i]) {
+    if (!fanBus.fdOpen[i]) {
         rc = -EBADF;
     } else if (request == I2C_SLAVE) {
         const auto address = reinterpret_cast<unsigned long>(arg);
         rc = simI2cSetSlave(address);
         if (rc == 0) {
-            I.fdAddress[i] = address;
+            fanBus.fdAddress[i] = address;
         }
     } else if (request == I2C_SMBUS) {
         auto *args = static_cast<i2c_smbus_ioctl_data *>(arg);
         if (args == nullptr || args->data == nullptr) {
             rc = -EFAULT;
         } else {
-            rc = simI2cSmbus(I.fdAddress[i], args->read_write, args->command, args->size, args->data->byte);
+            rc = simI2cSmbus(fanBus.fdAddress[i], args->read_write, args->command, args->size, args->data->byte);
         }
     }
     if (rc < 0) {
@@ -176,7 +176,7 @@ int simI2cInProcessIoctl(int fd, unsigned long request, void *arg)
 int simI2cOpenBusFds()
 {
     int n = 0;
-    for (bool open : I.fdOpen) {
+    for (bool open : fanBus.fdOpen) {
         n += open ? 1 : 0;
     }
     return n;

@@ -36,11 +36,11 @@ struct {
     char usbHandle = 0; // its address is the fake usb_dev_handle
 } simInProcessPrivateMembers;
 
-auto &P = simInProcessPrivateMembers;
+auto &inProcess = simInProcessPrivateMembers;
 
 uint64_t __simInProcessNowUs()
 {
-    return P.nowUs;
+    return inProcess.nowUs;
 }
 
 // The daemon is our own process: its addresses are ours. Read them the way
@@ -76,7 +76,7 @@ bool __simInProcessIsSimFd(int fd)
 
 int __simInProcessHandleOf(int fd)
 {
-    return __simInProcessIsSimFd(fd) ? P.handles[static_cast<size_t>(fd - SIM_FD_BASE)] : -1;
+    return __simInProcessIsSimFd(fd) ? inProcess.handles[static_cast<size_t>(fd - SIM_FD_BASE)] : -1;
 }
 
 int __simInProcessOpen(const char *path, int flags, mode_t mode)
@@ -87,8 +87,8 @@ int __simInProcessOpen(const char *path, int flags, mode_t mode)
     if (std::strcmp(path, QX_USB_DEVICE_PATH) != 0) {
         return PLATFORM_SYS_LIBC.open(path, flags, mode);
     }
-    for (size_t i = 0; i < P.handles.size(); ++i) {
-        if (P.handles[i] >= 0) {
+    for (size_t i = 0; i < inProcess.handles.size(); ++i) {
+        if (inProcess.handles[i] >= 0) {
             continue;
         }
         const int handle = simDriverOpenHandle();
@@ -96,7 +96,7 @@ int __simInProcessOpen(const char *path, int flags, mode_t mode)
             errno = -handle;
             return -1;
         }
-        P.handles[i] = handle;
+        inProcess.handles[i] = handle;
         return SIM_FD_BASE + static_cast<int>(i);
     }
     errno = EMFILE;
@@ -117,7 +117,7 @@ int __simInProcessClose(int fd)
         return -1;
     }
     simDriverCloseHandle(handle);
-    P.handles[static_cast<size_t>(fd - SIM_FD_BASE)] = -1;
+    inProcess.handles[static_cast<size_t>(fd - SIM_FD_BASE)] = -1;
     return 0;
 }
 
@@ -161,17 +161,17 @@ ssize_t __simInProcessWrite(int fd, const void *buf, size_t len)
 
 int __simInProcessUsleep(useconds_t usec)
 {
-    P.sleeps.push_back(usec);
-    P.nowUs += usec;
+    inProcess.sleeps.push_back(usec);
+    inProcess.nowUs += usec;
     return 0;
 }
 
 int __simInProcessSystem(const char *command)
 {
-    P.commands.emplace_back(command != nullptr ? command : "");
-    if (P.commands.back() == "rmmod picdev") {
+    inProcess.commands.emplace_back(command != nullptr ? command : "");
+    if (inProcess.commands.back() == "rmmod picdev") {
         simModuleUnload();
-    } else if (P.commands.back() == "modprobe picdev") {
+    } else if (inProcess.commands.back() == "modprobe picdev") {
         simModuleLoad();
     }
     return 0;
@@ -218,14 +218,14 @@ int __simInProcessSelect(int nfds, fd_set *readfds, fd_set *writefds, fd_set *ex
         errno = EINTR;
         return -1;
     }
-    P.nowUs += static_cast<uint64_t>(timeout->tv_sec) * 1000000u + static_cast<uint64_t>(timeout->tv_usec);
+    inProcess.nowUs += static_cast<uint64_t>(timeout->tv_sec) * 1000000u + static_cast<uint64_t>(timeout->tv_usec);
     *timeout = {0, 0};
     return 0;
 }
 
 uint64_t __simInProcessMsSince1970()
 {
-    return SIM_WALL_CLOCK_START_MS + P.nowUs / 1000u;
+    return SIM_WALL_CLOCK_START_MS + inProcess.nowUs / 1000u;
 }
 
 void __simInProcessUsbInit() {}
@@ -237,25 +237,25 @@ int __simInProcessUsbFindBusses()
 
 int __simInProcessUsbFindDevices()
 {
-    return P.usbListed ? static_cast<int>(P.devices.size()) : 0;
+    return inProcess.usbListed ? static_cast<int>(inProcess.devices.size()) : 0;
 }
 
 struct usb_bus *__simInProcessUsbGetBusses()
 {
-    return P.usbListed ? &P.bus : nullptr;
+    return inProcess.usbListed ? &inProcess.bus : nullptr;
 }
 
 usb_dev_handle *__simInProcessUsbOpen(struct usb_device *dev)
 {
-    if (dev != &P.devices[0] || !P.usbOpenable) {
+    if (dev != &inProcess.devices[0] || !inProcess.usbOpenable) {
         return nullptr;
     }
-    return reinterpret_cast<usb_dev_handle *>(&P.usbHandle);
+    return reinterpret_cast<usb_dev_handle *>(&inProcess.usbHandle);
 }
 
 int __simInProcessUsbReset(usb_dev_handle *handle)
 {
-    if (handle != reinterpret_cast<usb_dev_handle *>(&P.usbHandle)) {
+    if (handle != reinterpret_cast<usb_dev_handle *>(&inProcess.usbHandle)) {
         return -EINVAL;
     }
     simUsbReset();
@@ -269,23 +269,23 @@ int __simInProcessUsbClose(usb_dev_handle *)
 
 void __simInProcessBuildBus()
 {
-    P.bus = {};
-    P.devices = {};
-    std::strcpy(P.bus.dirname, "001");
-    for (size_t i = 0; i < P.devices.size(); ++i) {
-        struct usb_device &d = P.devices[i];
-        d.bus = &P.bus;
+    inProcess.bus = {};
+    inProcess.devices = {};
+    std::strcpy(inProcess.bus.dirname, "001");
+    for (size_t i = 0; i < inProcess.devices.size(); ++i) {
+        struct usb_device &d = inProcess.devices[i];
+        d.bus = &inProcess.bus;
         d.devnum = static_cast<uint8_t>(i + 2);
         std::snprintf(d.filename, sizeof(d.filename), "%03u", static_cast<unsigned>(d.devnum));
-        d.prev = i > 0 ? &P.devices[i - 1] : nullptr;
-        d.next = i + 1 < P.devices.size() ? &P.devices[i + 1] : nullptr;
+        d.prev = i > 0 ? &inProcess.devices[i - 1] : nullptr;
+        d.next = i + 1 < inProcess.devices.size() ? &inProcess.devices[i + 1] : nullptr;
     }
     // The unrelated device shares a field with ours: only both together match.
-    P.devices[0].descriptor.idVendor = QX_USB_VENDOR_ID;
-    P.devices[0].descriptor.idProduct = QX_USB_PRODUCT_ID;
-    P.devices[1].descriptor.idVendor = SIM_OTHER_VENDOR;
-    P.devices[1].descriptor.idProduct = SIM_OTHER_PRODUCT;
-    P.bus.devices = &P.devices[0];
+    inProcess.devices[0].descriptor.idVendor = QX_USB_VENDOR_ID;
+    inProcess.devices[0].descriptor.idProduct = QX_USB_PRODUCT_ID;
+    inProcess.devices[1].descriptor.idVendor = SIM_OTHER_VENDOR;
+    inProcess.devices[1].descriptor.idProduct = SIM_OTHER_PRODUCT;
+    inProcess.bus.devices = &inProcess.devices[0];
 }
 
 constexpr platformSysOps SIM_IN_PROCESS_OPS = {
@@ -312,12 +312,12 @@ constexpr platformSysOps SIM_IN_PROCESS_OPS = {
 
 void simInProcessInstall()
 {
-    P.nowUs = 0;
-    P.sleeps.clear();
-    P.commands.clear();
-    P.handles.fill(-1);
-    P.usbListed = true;
-    P.usbOpenable = true;
+    inProcess.nowUs = 0;
+    inProcess.sleeps.clear();
+    inProcess.commands.clear();
+    inProcess.handles.fill(-1);
+    inProcess.usbListed = true;
+    inProcess.usbOpenable = true;
     __simInProcessBuildBus();
     simSetClock(__simInProcessNowUs);
     simReset();
@@ -333,39 +333,39 @@ void simInProcessUninstall()
 
 uint64_t simVirtualNowUs()
 {
-    return P.nowUs;
+    return inProcess.nowUs;
 }
 
 void simAdvanceUs(uint64_t us)
 {
-    P.nowUs += us;
+    inProcess.nowUs += us;
 }
 
 const std::vector<uint64_t> &simSleeps()
 {
-    return P.sleeps;
+    return inProcess.sleeps;
 }
 
 void simClearSleeps()
 {
-    P.sleeps.clear();
+    inProcess.sleeps.clear();
 }
 
 const std::vector<std::string> &simCommands()
 {
-    return P.commands;
+    return inProcess.commands;
 }
 
 void simSetUsbDevice(bool listed, bool openable)
 {
-    P.usbListed = listed;
-    P.usbOpenable = openable;
+    inProcess.usbListed = listed;
+    inProcess.usbOpenable = openable;
 }
 
 int simOpenNodeFds()
 {
     int n = 0;
-    for (int h : P.handles) {
+    for (int h : inProcess.handles) {
         n += h >= 0 ? 1 : 0;
     }
     return n;

@@ -21,7 +21,7 @@ constexpr size_t SIM_STATE_HEADER_SIZE = 8 + 4 + 8;
 constexpr size_t SIM_STATE_SIZE =
     SIM_STATE_HEADER_SIZE + SIM_SLOT_COUNT * SIM_STATE_SLOT_SIZE + SIM_FLASH_SIZE + SIM_CPLD_IMAGE_SIZE + 4;
 
-auto &S = simAppliancePrivateMembers;
+auto &model = simAppliancePrivateMembers;
 
 } // namespace
 
@@ -35,11 +35,11 @@ bool simSaveState(const std::string &path)
     uint8_t word[4];
     lePut32(word, SIM_STATE_VERSION);
     out.insert(out.end(), word, word + 4);
-    const uint8_t flags[8] = {static_cast<uint8_t>(S.mode), S.pendingSwitch ? uint8_t{1} : uint8_t{0},
-                              static_cast<uint8_t>(S.pendingMode), S.nodePresent ? uint8_t{1} : uint8_t{0},
-                              S.powerLost ? uint8_t{1} : uint8_t{0}, 0, 0, 0};
+    const uint8_t flags[8] = {static_cast<uint8_t>(model.mode), model.pendingSwitch ? uint8_t{1} : uint8_t{0},
+                              static_cast<uint8_t>(model.pendingMode), model.nodePresent ? uint8_t{1} : uint8_t{0},
+                              model.powerLost ? uint8_t{1} : uint8_t{0}, 0, 0, 0};
     out.insert(out.end(), flags, flags + sizeof(flags));
-    for (const simSlot &s : S.slots) {
+    for (const simSlot &s : model.slots) {
         lePut32(word, s.word0);
         out.insert(out.end(), word, word + 4);
         lePut32(word, s.word1);
@@ -47,8 +47,8 @@ bool simSaveState(const std::string &path)
         out.push_back(s.len);
         out.insert(out.end(), s.data, s.data + sizeof(s.data));
     }
-    out.insert(out.end(), S.flash.begin(), S.flash.end());
-    out.insert(out.end(), S.cpldImage.begin(), S.cpldImage.end());
+    out.insert(out.end(), model.flash.begin(), model.flash.end());
+    out.insert(out.end(), model.cpldImage.begin(), model.cpldImage.end());
     lePut32(word, __simFnv1a(SIM_FNV_BASIS, out.data(), out.size()));
     out.insert(out.end(), word, word + 4);
 
@@ -125,19 +125,19 @@ bool simLoadState(const std::string &path)
         std::memcpy(s.data, p + 9, sizeof(s.data));
         p += SIM_STATE_SLOT_SIZE;
     }
-    S.mode = static_cast<simMode>(flags[0]);
-    S.pendingSwitch = flags[1] != 0;
-    S.pendingMode = static_cast<simMode>(flags[2]);
-    if (S.nodePresent && flags[3] == 0) {
+    model.mode = static_cast<simMode>(flags[0]);
+    model.pendingSwitch = flags[1] != 0;
+    model.pendingMode = static_cast<simMode>(flags[2]);
+    if (model.nodePresent && flags[3] == 0) {
         __simStaleHandles();
     }
-    S.nodePresent = flags[3] != 0;
-    S.powerLost = flags[4] != 0;
-    S.slots = slots;
-    std::memcpy(S.flash.data(), p, SIM_FLASH_SIZE);
-    std::memcpy(S.cpldImage.data(), p + SIM_FLASH_SIZE, SIM_CPLD_IMAGE_SIZE);
-    S.programRunOpen = false;
-    S.queue.clear();
+    model.nodePresent = flags[3] != 0;
+    model.powerLost = flags[4] != 0;
+    model.slots = slots;
+    std::memcpy(model.flash.data(), p, SIM_FLASH_SIZE);
+    std::memcpy(model.cpldImage.data(), p + SIM_FLASH_SIZE, SIM_CPLD_IMAGE_SIZE);
+    model.programRunOpen = false;
+    model.queue.clear();
     return true;
 }
 

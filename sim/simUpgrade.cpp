@@ -11,7 +11,7 @@
 
 namespace {
 
-auto &S = simAppliancePrivateMembers;
+auto &model = simAppliancePrivateMembers;
 
 // Status report (code 39) after the erase status query and the clean-up.
 constexpr uint8_t SIM_STATUS_CODE = 39;
@@ -31,17 +31,17 @@ constexpr uint32_t SIM_CPLD_STATE_RUN = 0;
 
 std::span<uint8_t> __simFpga()
 {
-    if (S.fpgaMemory.empty()) {
-        S.fpgaMemory.assign(SIM_FPGA_MEMORY_SIZE, 0xFF);
-        S.fpgaWrittenEnd = 0;
+    if (model.fpgaMemory.empty()) {
+        model.fpgaMemory.assign(SIM_FPGA_MEMORY_SIZE, 0xFF);
+        model.fpgaWrittenEnd = 0;
     }
-    return S.fpgaMemory;
+    return model.fpgaMemory;
 }
 
 void __simFpgaErase()
 {
-    std::fill_n(__simFpga().begin(), S.fpgaWrittenEnd, 0xFF);
-    S.fpgaWrittenEnd = 0;
+    std::fill_n(__simFpga().begin(), model.fpgaWrittenEnd, 0xFF);
+    model.fpgaWrittenEnd = 0;
 }
 
 void __simStatusReport(const picHidIoctlArg *arg, uint32_t state)
@@ -67,9 +67,9 @@ int __simUpgradeChunk(int handle, uint32_t request, const picHidIoctlArg *arg, c
     }
     const simPendingKind kind =
         request == PIC_HID_PROGRAM_FPGA ? simPendingKind::FPGA_PAGES : simPendingKind::CPLD_PAGES;
-    S.pending.push_back({kind, handle, arg->report[QX_REPORT_SEQ], leGet24(&arg->report[SIM_CHUNK_FIRST_PAGE]), count,
+    model.pending.push_back({kind, handle, arg->report[QX_REPORT_SEQ], leGet24(&arg->report[SIM_CHUNK_FIRST_PAGE]), count,
                          address, mem});
-    S.urbFreeAtUs = S.nowUs() + S.urbBusyUs;
+    model.urbFreeAtUs = model.nowUs() + model.urbBusyUs;
     return 0;
 }
 
@@ -77,7 +77,7 @@ int __simUpgradeChunk(int handle, uint32_t request, const picHidIoctlArg *arg, c
 // knows the FPGA and the CPLD.
 void __simUpgradeFirmware(uint32_t request, const picHidIoctlArg *arg)
 {
-    simUpgradeState &u = S.upgrade;
+    simUpgradeState &u = model.upgrade;
     switch (request) {
     case PIC_HID_FPGA_UPGRADE_SETUP:
         u.fpgaSetUp = true;
@@ -87,12 +87,12 @@ void __simUpgradeFirmware(uint32_t request, const picHidIoctlArg *arg)
     case PIC_HID_ERASE_FPGA:
         __simFpgaErase();
         u.fpgaErased = false;
-        S.fpgaEraseStarted = true;
-        S.fpgaEraseDoneAtUs = S.nowUs() + S.fpgaEraseTimeUs;
+        model.fpgaEraseStarted = true;
+        model.fpgaEraseDoneAtUs = model.nowUs() + model.fpgaEraseTimeUs;
         break;
     case PIC_HID_ERASE_FPGA_STATUS: {
         const bool stuck = __simUpgradeFaultHits(simUpgradeFault::ERASE_NEVER_CONFIRMED);
-        u.fpgaErased = u.fpgaErased || (S.fpgaEraseStarted && S.nowUs() >= S.fpgaEraseDoneAtUs && !stuck);
+        u.fpgaErased = u.fpgaErased || (model.fpgaEraseStarted && model.nowUs() >= model.fpgaEraseDoneAtUs && !stuck);
         __simStatusReport(arg, u.fpgaErased && !stuck ? SIM_ERASE_DONE : SIM_ERASE_BUSY);
         break;
     }
@@ -107,13 +107,13 @@ void __simUpgradeFirmware(uint32_t request, const picHidIoctlArg *arg)
         u.cpldPages = 0;
         break;
     case PIC_HID_ERASE_CPLD:
-        S.cpldImage.fill(0xFF);
+        model.cpldImage.fill(0xFF);
         u.cpldErased = true;
         break;
     case PIC_HID_CPLD_UPGRADE_RUN:
         ++u.cpldRuns;
-        S.cpldRunPending = !__simUpgradeFaultHits(simUpgradeFault::RUN_NEVER_COMPLETES);
-        S.cpldRunDoneAtUs = S.nowUs() + S.cpldRunTimeUs;
+        model.cpldRunPending = !__simUpgradeFaultHits(simUpgradeFault::RUN_NEVER_COMPLETES);
+        model.cpldRunDoneAtUs = model.nowUs() + model.cpldRunTimeUs;
         break;
     default:
         break;
@@ -151,7 +151,7 @@ int __simUpgradeRequest(int handle, uint32_t request, picHidIoctlArg *arg, const
     if (request == PIC_HID_PROGRAM_FPGA || request == PIC_HID_PROGRAM_CPLD) {
         return __simUpgradeChunk(handle, request, arg, mem);
     }
-    if (S.mode == simMode::APPLICATION) {
+    if (model.mode == simMode::APPLICATION) {
         __simUpgradeFirmware(request, arg);
     }
     return 0;
@@ -159,16 +159,16 @@ int __simUpgradeRequest(int handle, uint32_t request, picHidIoctlArg *arg, const
 
 bool __simUpgradeHasRoom()
 {
-    return !__simUpgradeFaultHits(simUpgradeFault::CAPACITY_NEVER_FREE) && S.nowUs() >= S.urbFreeAtUs;
+    return !__simUpgradeFaultHits(simUpgradeFault::CAPACITY_NEVER_FREE) && model.nowUs() >= model.urbFreeAtUs;
 }
 
 void __simUpgradePages(simPendingKind kind, uint32_t firstPage, uint32_t count, const uint8_t *bytes)
 {
-    if (S.mode != simMode::APPLICATION) {
+    if (model.mode != simMode::APPLICATION) {
         return; // nothing on the other end takes them
     }
     const bool fpga = kind == simPendingKind::FPGA_PAGES;
-    const std::span<uint8_t> target = fpga ? __simFpga() : std::span<uint8_t>(S.cpldImage);
+    const std::span<uint8_t> target = fpga ? __simFpga() : std::span<uint8_t>(model.cpldImage);
     const uint64_t offset = static_cast<uint64_t>(firstPage) * SIM_PAGE_SIZE;
     const uint64_t len = static_cast<uint64_t>(count) * SIM_PAGE_SIZE;
     if (offset + len > target.size()) {
@@ -181,10 +181,10 @@ void __simUpgradePages(simPendingKind kind, uint32_t firstPage, uint32_t count, 
         target[offset + i] &= bytes[i];
     }
     if (fpga) {
-        S.fpgaWrittenEnd = std::max<size_t>(S.fpgaWrittenEnd, offset + len);
-        S.upgrade.fpgaPages += count;
+        model.fpgaWrittenEnd = std::max<size_t>(model.fpgaWrittenEnd, offset + len);
+        model.upgrade.fpgaPages += count;
     } else {
-        S.upgrade.cpldPages += count;
+        model.upgrade.cpldPages += count;
     }
 }
 
@@ -211,11 +211,11 @@ bool __simUpgradeRecordWriteAnswered(uint8_t slot)
 
 void __simUpgradeTick()
 {
-    if (!S.cpldRunPending || S.nowUs() < S.cpldRunDoneAtUs) {
+    if (!model.cpldRunPending || model.nowUs() < model.cpldRunDoneAtUs) {
         return;
     }
-    S.cpldRunPending = false;
-    simSlot &record = S.slots[QX_SLOT_CPLD];
+    model.cpldRunPending = false;
+    simSlot &record = model.slots[QX_SLOT_CPLD];
     if (record.len == 0xFF) {
         record = simSlot{0xFFFFFFFF, 0, 0, {}}; // a run without a record leaves an empty one
     }
@@ -225,7 +225,7 @@ void __simUpgradeTick()
 
 bool __simUpgradeFaultHits(simUpgradeFault fault)
 {
-    int &armed = S.upgradeFaults[static_cast<size_t>(fault)];
+    int &armed = model.upgradeFaults[static_cast<size_t>(fault)];
     if (armed == 0) {
         return false;
     }
@@ -237,20 +237,20 @@ bool __simUpgradeFaultHits(simUpgradeFault fault)
 
 void __simUpgradeReset()
 {
-    if (!S.fpgaMemory.empty()) {
+    if (!model.fpgaMemory.empty()) {
         __simFpgaErase();
     }
-    S.cpldImage.fill(0xFF);
-    S.upgrade = simUpgradeState{};
-    S.fpgaEraseStarted = false;
-    S.fpgaEraseDoneAtUs = 0;
-    S.fpgaEraseTimeUs = 50000000;
-    S.cpldRunTimeUs = 10000000;
-    S.cpldRunPending = false;
-    S.cpldRunDoneAtUs = 0;
-    S.urbBusyUs = 0;
-    S.urbFreeAtUs = 0;
-    S.upgradeFaults.fill(0);
+    model.cpldImage.fill(0xFF);
+    model.upgrade = simUpgradeState{};
+    model.fpgaEraseStarted = false;
+    model.fpgaEraseDoneAtUs = 0;
+    model.fpgaEraseTimeUs = 50000000;
+    model.cpldRunTimeUs = 10000000;
+    model.cpldRunPending = false;
+    model.cpldRunDoneAtUs = 0;
+    model.urbBusyUs = 0;
+    model.urbFreeAtUs = 0;
+    model.upgradeFaults.fill(0);
 }
 
 // ---- Interface -------------------------------------------------------------------
@@ -262,35 +262,35 @@ std::span<const uint8_t> simFpgaMemory()
 
 std::span<const uint8_t> simCpldImage()
 {
-    return S.cpldImage;
+    return model.cpldImage;
 }
 
 simUpgradeState simGetUpgradeState()
 {
     __simUpgradeTick();
-    return S.upgrade;
+    return model.upgrade;
 }
 
 void simSetFpgaEraseTimeUs(uint64_t us)
 {
-    S.fpgaEraseTimeUs = us;
+    model.fpgaEraseTimeUs = us;
 }
 
 void simSetCpldRunTimeUs(uint64_t us)
 {
-    S.cpldRunTimeUs = us;
+    model.cpldRunTimeUs = us;
 }
 
 void simSetUrbBusyUs(uint64_t us)
 {
-    S.urbBusyUs = us;
+    model.urbBusyUs = us;
 }
 
 void simSetUpgradeFault(simUpgradeFault fault, int count)
 {
     if (fault == simUpgradeFault::NONE) {
-        S.upgradeFaults.fill(0);
+        model.upgradeFaults.fill(0);
         return;
     }
-    S.upgradeFaults[static_cast<size_t>(fault)] = count;
+    model.upgradeFaults[static_cast<size_t>(fault)] = count;
 }

@@ -58,7 +58,7 @@ struct {
     GMainLoop *loop = nullptr;
 } tarnholdSimPrivateMembers;
 
-auto &M = tarnholdSimPrivateMembers;
+auto &simRun = tarnholdSimPrivateMembers;
 
 void __tarnholdSimUsage(FILE *out)
 {
@@ -101,9 +101,9 @@ void __tarnholdSimUsage(FILE *out)
 
 uint64_t __tarnholdSimNowUs()
 {
-    const auto elapsed = std::chrono::steady_clock::now() - M.start;
+    const auto elapsed = std::chrono::steady_clock::now() - simRun.start;
     const auto us = std::chrono::duration_cast<std::chrono::microseconds>(elapsed).count();
-    return static_cast<uint64_t>(static_cast<double>(us) * M.clockRate);
+    return static_cast<uint64_t>(static_cast<double>(us) * simRun.clockRate);
 }
 
 bool __tarnholdSimParse(int argc, char **argv, tarnholdSimOptions &o)
@@ -292,7 +292,7 @@ bool __tarnholdSimChildEnvironment(const tarnholdSimOptions &o, const std::strin
         preload += ":" + lib;
         setenv("FAKETIME", o.faketime.c_str(), 1);
         setenv("FAKETIME_NO_CACHE", "1", 1);
-        M.clockRate = __tarnholdSimFaketimeRate(o.faketime);
+        simRun.clockRate = __tarnholdSimFaketimeRate(o.faketime);
     }
     if (const char *old = std::getenv("LD_PRELOAD"); old != nullptr && old[0] != '\0') {
         preload += std::string(":") + old;
@@ -315,7 +315,7 @@ void __tarnholdSimForward(int sig, siginfo_t *info, void *)
         std::signal(sig, SIG_DFL);
         return;
     }
-    const pid_t child = M.child.load();
+    const pid_t child = simRun.child.load();
     if (child > 0) {
         ::kill(child, sig);
     }
@@ -323,8 +323,8 @@ void __tarnholdSimForward(int sig, siginfo_t *info, void *)
 
 void __tarnholdSimChildExited(GPid, gint status, gpointer)
 {
-    M.childStatus = status;
-    g_main_loop_quit(M.loop);
+    simRun.childStatus = status;
+    g_main_loop_quit(simRun.loop);
 }
 
 gboolean __tarnholdSimSweepTimer(gpointer)
@@ -415,9 +415,9 @@ int main(int argc, char **argv)
         return TARNHOLD_SIM_EXIT_USAGE;
     }
 
-    M.loop = g_main_loop_new(nullptr, FALSE);
+    simRun.loop = g_main_loop_new(nullptr, FALSE);
     const pid_t child = __tarnholdSimSpawn(options.command);
-    M.child.store(child);
+    simRun.child.store(child);
     tarnholdSimBedSetHostPid(child);
     struct sigaction action {};
     action.sa_sigaction = &__tarnholdSimForward;
@@ -428,8 +428,8 @@ int main(int argc, char **argv)
     }
     g_child_watch_add(child, &__tarnholdSimChildExited, nullptr);
     g_timeout_add(20, &__tarnholdSimSweepTimer, nullptr);
-    g_main_loop_run(M.loop);
-    M.child.store(0);
+    g_main_loop_run(simRun.loop);
+    simRun.child.store(0);
 
     if (tarnholdSimBedHostPowerLost()) {
         std::fprintf(stderr, "tarnhold-sim: the appliance lost power; the command went down with it\n");
@@ -437,7 +437,7 @@ int main(int argc, char **argv)
     const bool saved = __tarnholdSimFinish(options);
     tarnholdSimControlStop();
     tarnholdSimBedStop();
-    g_main_loop_unref(M.loop);
-    const int status = __tarnholdSimExitStatus(M.childStatus);
+    g_main_loop_unref(simRun.loop);
+    const int status = __tarnholdSimExitStatus(simRun.childStatus);
     return saved || status != 0 ? status : TARNHOLD_SIM_EXIT_USAGE;
 }

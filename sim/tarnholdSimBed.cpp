@@ -63,7 +63,7 @@ struct {
     std::atomic<bool> hostPowerLost{false};
 } tarnholdSimBedPrivateMembers;
 
-auto &B = tarnholdSimBedPrivateMembers;
+auto &bed = tarnholdSimBedPrivateMembers;
 
 // The driver reads the caller's memory when it sends a request on, which
 // may be long after the ioctl that named the address (at the next request
@@ -74,7 +74,7 @@ auto &B = tarnholdSimBedPrivateMembers;
 // that has ended, fails the read as the kernel would.
 bool __tarnholdSimReadMem(void *, uint64_t address, void *dst, size_t len)
 {
-    const pid_t pid = B.hostPid.load();
+    const pid_t pid = bed.hostPid.load();
     if (pid <= 0 || address == 0) {
         return false;
     }
@@ -119,16 +119,16 @@ void __tarnholdSimComplete(UMockdevIoctlClient *client, int rc)
 void __tarnholdSimCheckPowerLoss()
 {
     const auto &events = simEvents();
-    if (events.size() < B.eventsSeen) {
-        B.eventsSeen = 0;
+    if (events.size() < bed.eventsSeen) {
+        bed.eventsSeen = 0;
     }
     bool lost = false;
-    for (size_t i = B.eventsSeen; i < events.size(); ++i) {
+    for (size_t i = bed.eventsSeen; i < events.size(); ++i) {
         lost = lost || events[i].kind == simEventKind::POWER_LOST;
     }
-    B.eventsSeen = events.size();
-    const pid_t host = B.hostPid.load();
-    if (lost && tarnholdSimControlHostPowerLossArmed() && host > 0 && !B.hostPowerLost.exchange(true)) {
+    bed.eventsSeen = events.size();
+    const pid_t host = bed.hostPid.load();
+    if (lost && tarnholdSimControlHostPowerLossArmed() && host > 0 && !bed.hostPowerLost.exchange(true)) {
         kill(host, SIGKILL);
     }
 }
@@ -143,13 +143,13 @@ void __tarnholdSimHidConnected(UMockdevIoctlBase *, UMockdevIoctlClient *client,
     tarnholdSimBedSweep();
     // The model sees every open, the failed ones too (its event list).
     int handle = simDriverOpenHandle();
-    if (!B.hidFile && handle >= 0) {
+    if (!bed.hidFile && handle >= 0) {
         simDriverCloseHandle(handle);
         handle = -ENOENT;
     }
     __tarnholdSimSetClientHandle(client, handle);
     if (handle >= 0) {
-        B.openClients.push_back({static_cast<UMockdevIoctlClient *>(g_object_ref(client)), handle});
+        bed.openClients.push_back({static_cast<UMockdevIoctlClient *>(g_object_ref(client)), handle});
     }
 }
 
@@ -212,7 +212,7 @@ gboolean __tarnholdSimHidIoctl(UMockdevIoctlBase *, UMockdevIoctlClient *client,
 void __tarnholdSimUsbConnected(UMockdevIoctlBase *, UMockdevIoctlClient *client, gpointer)
 {
     std::lock_guard<std::mutex> lock(tarnholdSimModelLock());
-    __tarnholdSimSetClientHandle(client, B.usbFile ? 0 : TARNHOLD_SIM_CLIENT_FAILED);
+    __tarnholdSimSetClientHandle(client, bed.usbFile ? 0 : TARNHOLD_SIM_CLIENT_FAILED);
 }
 
 // usbfs as libusb 0.1 uses it: the connect info while scanning, the port
@@ -283,7 +283,7 @@ void __tarnholdSimSetFile(const std::string &path, bool want, bool &have, const 
 bool __tarnholdSimAttach(const char *devnode, UMockdevIoctlBase *handler, std::string &error)
 {
     GError *gerror = nullptr;
-    if (!umockdev_testbed_attach_ioctl(B.testbed, devnode, handler, &gerror)) {
+    if (!umockdev_testbed_attach_ioctl(bed.testbed, devnode, handler, &gerror)) {
         error = std::string("cannot emulate ") + devnode + ": " + (gerror != nullptr ? gerror->message : "?");
         g_clear_error(&gerror);
         return false;
@@ -301,12 +301,12 @@ std::mutex &tarnholdSimModelLock()
 
 bool tarnholdSimBedStart(std::string &error)
 {
-    B.testbed = umockdev_testbed_new();
-    gchar *root = umockdev_testbed_get_root_dir(B.testbed);
-    B.root = root;
+    bed.testbed = umockdev_testbed_new();
+    gchar *root = umockdev_testbed_get_root_dir(bed.testbed);
+    bed.root = root;
     g_free(root);
 
-    const std::string busDir = B.root + "/dev/bus/usb/" + TARNHOLD_SIM_USB_BUS;
+    const std::string busDir = bed.root + "/dev/bus/usb/" + TARNHOLD_SIM_USB_BUS;
     // The bus directory stays even while the device is unplugged: without
     // it the preload would fall through to the host's own /dev/bus/usb.
     if (g_mkdir_with_parents(busDir.c_str(), 0755) != 0) {
@@ -315,24 +315,24 @@ bool tarnholdSimBedStart(std::string &error)
     }
     const std::string devNode = QX_USB_DEVICE_PATH;
     const std::string usbNode = "/dev/bus/usb/" + std::string(TARNHOLD_SIM_USB_BUS) + "/" + TARNHOLD_SIM_USB_DEVICE;
-    B.hidPath = B.root + devNode;
-    B.usbPath = B.root + usbNode;
+    bed.hidPath = bed.root + devNode;
+    bed.usbPath = bed.root + usbNode;
 
-    gchar *sysPath = umockdev_testbed_add_device(B.testbed, "usb", "1-1", nullptr, "idVendor", "04d8", "idProduct",
+    gchar *sysPath = umockdev_testbed_add_device(bed.testbed, "usb", "1-1", nullptr, "idVendor", "04d8", "idProduct",
                                                  "003c", "busnum", "1", "devnum", "2", "speed", "12", nullptr,
                                                  "DEVNAME", usbNode.c_str(), "DEVTYPE", "usb_device", "PRODUCT",
                                                  "4d8/3c/100", nullptr);
     g_free(sysPath);
 
-    B.hidHandler = umockdev_ioctl_base_new();
-    g_signal_connect(B.hidHandler, "handle-ioctl", G_CALLBACK(__tarnholdSimHidIoctl), nullptr);
-    g_signal_connect(B.hidHandler, "client-connected", G_CALLBACK(__tarnholdSimHidConnected), nullptr);
-    B.usbHandler = umockdev_ioctl_base_new();
-    g_signal_connect(B.usbHandler, "handle-ioctl", G_CALLBACK(__tarnholdSimUsbIoctl), nullptr);
-    g_signal_connect(B.usbHandler, "client-connected", G_CALLBACK(__tarnholdSimUsbConnected), nullptr);
-    if (!__tarnholdSimAttach(devNode.c_str(), B.hidHandler, error) ||
-        !__tarnholdSimAttach(usbNode.c_str(), B.usbHandler, error) ||
-        !tarnholdSimHostBusStart(B.testbed, B.root, error)) {
+    bed.hidHandler = umockdev_ioctl_base_new();
+    g_signal_connect(bed.hidHandler, "handle-ioctl", G_CALLBACK(__tarnholdSimHidIoctl), nullptr);
+    g_signal_connect(bed.hidHandler, "client-connected", G_CALLBACK(__tarnholdSimHidConnected), nullptr);
+    bed.usbHandler = umockdev_ioctl_base_new();
+    g_signal_connect(bed.usbHandler, "handle-ioctl", G_CALLBACK(__tarnholdSimUsbIoctl), nullptr);
+    g_signal_connect(bed.usbHandler, "client-connected", G_CALLBACK(__tarnholdSimUsbConnected), nullptr);
+    if (!__tarnholdSimAttach(devNode.c_str(), bed.hidHandler, error) ||
+        !__tarnholdSimAttach(usbNode.c_str(), bed.usbHandler, error) ||
+        !tarnholdSimHostBusStart(bed.testbed, bed.root, error)) {
         return false;
     }
     std::lock_guard<std::mutex> lock(tarnholdSimModelLock());
@@ -344,53 +344,53 @@ void tarnholdSimBedStop()
 {
     {
         std::lock_guard<std::mutex> lock(tarnholdSimModelLock());
-        for (auto &open : B.openClients) {
+        for (auto &open : bed.openClients) {
             simDriverCloseHandle(open.handle);
             g_object_unref(open.client);
         }
-        B.openClients.clear();
+        bed.openClients.clear();
     }
     tarnholdSimHostBusStop();
-    if (B.testbed != nullptr) {
+    if (bed.testbed != nullptr) {
         // The testbed removes its directory when it goes.
-        g_object_unref(B.testbed);
-        B.testbed = nullptr;
+        g_object_unref(bed.testbed);
+        bed.testbed = nullptr;
     }
-    if (B.hidHandler != nullptr) {
-        g_object_unref(B.hidHandler);
-        B.hidHandler = nullptr;
+    if (bed.hidHandler != nullptr) {
+        g_object_unref(bed.hidHandler);
+        bed.hidHandler = nullptr;
     }
-    if (B.usbHandler != nullptr) {
-        g_object_unref(B.usbHandler);
-        B.usbHandler = nullptr;
+    if (bed.usbHandler != nullptr) {
+        g_object_unref(bed.usbHandler);
+        bed.usbHandler = nullptr;
     }
 }
 
 const std::string &tarnholdSimBedRoot()
 {
-    return B.root;
+    return bed.root;
 }
 
 void tarnholdSimBedSync()
 {
-    if (B.testbed == nullptr) {
+    if (bed.testbed == nullptr) {
         return;
     }
-    __tarnholdSimSetFile(B.hidPath, simNodePresent(), B.hidFile, nullptr, 0);
-    __tarnholdSimSetFile(B.usbPath, !tarnholdSimControlUnplugged(), B.usbFile, TARNHOLD_SIM_USB_DESCRIPTORS.data(),
+    __tarnholdSimSetFile(bed.hidPath, simNodePresent(), bed.hidFile, nullptr, 0);
+    __tarnholdSimSetFile(bed.usbPath, !tarnholdSimControlUnplugged(), bed.usbFile, TARNHOLD_SIM_USB_DESCRIPTORS.data(),
                          TARNHOLD_SIM_USB_DESCRIPTORS.size());
 }
 
 void tarnholdSimBedSweep()
 {
-    auto gone = std::stable_partition(B.openClients.begin(), B.openClients.end(), [](const tarnholdSimOpenClient &c) {
+    auto gone = std::stable_partition(bed.openClients.begin(), bed.openClients.end(), [](const tarnholdSimOpenClient &c) {
         return umockdev_ioctl_client_get_connected(c.client);
     });
-    for (auto it = gone; it != B.openClients.end(); ++it) {
+    for (auto it = gone; it != bed.openClients.end(); ++it) {
         simDriverCloseHandle(it->handle);
         g_object_unref(it->client);
     }
-    B.openClients.erase(gone, B.openClients.end());
+    bed.openClients.erase(gone, bed.openClients.end());
 }
 
 void tarnholdSimBedDrain(int timeoutMs)
@@ -400,7 +400,7 @@ void tarnholdSimBedDrain(int timeoutMs)
         {
             std::lock_guard<std::mutex> lock(tarnholdSimModelLock());
             tarnholdSimBedSweep();
-            if (B.openClients.empty()) {
+            if (bed.openClients.empty()) {
                 return;
             }
         }
@@ -413,10 +413,10 @@ void tarnholdSimBedDrain(int timeoutMs)
 
 void tarnholdSimBedSetHostPid(pid_t pid)
 {
-    B.hostPid.store(pid);
+    bed.hostPid.store(pid);
 }
 
 bool tarnholdSimBedHostPowerLost()
 {
-    return B.hostPowerLost.load();
+    return bed.hostPowerLost.load();
 }

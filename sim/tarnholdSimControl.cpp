@@ -59,7 +59,7 @@ struct {
     std::map<int, tarnholdSimConnection> connections;
 } tarnholdSimControlPrivateMembers;
 
-auto &C = tarnholdSimControlPrivateMembers;
+auto &control = tarnholdSimControlPrivateMembers;
 
 constexpr std::array<const char *, 22> TARNHOLD_SIM_EVENT_NAMES = {
     "OPEN",     "OPEN_FAILED",      "CLOSE",           "SEND",      "GET_REPORT", "DRIVER",       "PROGRAM",
@@ -223,7 +223,7 @@ bool __tarnholdSimFault(const std::vector<std::string> &f, std::string &error)
     }
     if ((name == "power-loss" || name == "host-power-loss") && args == 1 && __tarnholdSimNumber(f[1], a)) {
         simPowerLossAfter(static_cast<int>(a));
-        C.hostPowerLoss = name == "host-power-loss";
+        control.hostPowerLoss = name == "host-power-loss";
         return true;
     }
     for (const tarnholdSimPart &part : TARNHOLD_SIM_PARTS) {
@@ -255,19 +255,19 @@ bool __tarnholdSimModuleCommand(const std::vector<std::string> &words, std::stri
         return false;
     }
     if (unload) {
-        if (!C.moduleLoaded) {
+        if (!control.moduleLoaded) {
             error = std::string("Module ") + TARNHOLD_SIM_MODULE + " is not currently loaded";
             return false;
         }
-        C.moduleLoaded = false;
+        control.moduleLoaded = false;
         simModuleUnload();
         return true;
     }
-    if (!C.moduleLoaded) {
+    if (!control.moduleLoaded) {
         // A loaded module is not loaded again (modprobe succeeds quietly).
-        C.moduleLoaded = true;
+        control.moduleLoaded = true;
         simModuleLoad();
-        if (C.unplugged) {
+        if (control.unplugged) {
             simSetNodePresent(false);
         }
     }
@@ -286,8 +286,8 @@ std::string __tarnholdSimState()
     }
     char line[200];
     std::snprintf(line, sizeof(line), "mode=%s node=%s cable=%s module=%s slot4-word0=%" PRIu32 " slot4-len=%u\n",
-                  mode, simNodePresent() ? "present" : "absent", C.unplugged ? "out" : "in",
-                  C.moduleLoaded ? "loaded" : "unloaded", slot4.word0, slot4.len);
+                  mode, simNodePresent() ? "present" : "absent", control.unplugged ? "out" : "in",
+                  control.moduleLoaded ? "loaded" : "unloaded", slot4.word0, slot4.len);
     return line;
 }
 
@@ -358,10 +358,10 @@ bool __tarnholdSimRunLocked(const std::vector<std::string> &words, const std::st
 
 void __tarnholdSimDropConnection(int fd)
 {
-    auto it = C.connections.find(fd);
-    if (it != C.connections.end()) {
+    auto it = control.connections.find(fd);
+    if (it != control.connections.end()) {
         g_source_remove(it->second.source);
-        C.connections.erase(it);
+        control.connections.erase(it);
     }
     ::close(fd);
 }
@@ -389,10 +389,10 @@ gboolean __tarnholdSimConnectionReadable(gint fd, GIOCondition, gpointer)
     if (n < 0 && (errno == EINTR || errno == EAGAIN)) {
         return G_SOURCE_CONTINUE;
     }
-    auto it = C.connections.find(fd);
-    if (n <= 0 || it == C.connections.end()) {
-        if (it != C.connections.end()) {
-            C.connections.erase(it);
+    auto it = control.connections.find(fd);
+    if (n <= 0 || it == control.connections.end()) {
+        if (it != control.connections.end()) {
+            control.connections.erase(it);
         }
         ::close(fd);
         return G_SOURCE_REMOVE;
@@ -406,14 +406,14 @@ gboolean __tarnholdSimConnectionReadable(gint fd, GIOCondition, gpointer)
         std::string error;
         const bool ok = tarnholdSimControlRun(line, out, error);
         if (!__tarnholdSimWriteAll(fd, ok ? out + "ok\n" : "error: " + error + "\n")) {
-            C.connections.erase(it);
+            control.connections.erase(it);
             ::close(fd);
             return G_SOURCE_REMOVE;
         }
     }
     if (it->second.pending.size() > TARNHOLD_SIM_MAX_LINE) {
         static_cast<void>(__tarnholdSimWriteAll(fd, "error: line too long\n"));
-        C.connections.erase(it);
+        control.connections.erase(it);
         ::close(fd);
         return G_SOURCE_REMOVE;
     }
@@ -426,7 +426,7 @@ gboolean __tarnholdSimListenerReadable(gint fd, GIOCondition, gpointer)
     if (conn >= 0) {
         const guint source = g_unix_fd_add(conn, static_cast<GIOCondition>(G_IO_IN | G_IO_HUP | G_IO_ERR),
                                            &__tarnholdSimConnectionReadable, nullptr);
-        C.connections[conn] = {std::string(), source};
+        control.connections[conn] = {std::string(), source};
     }
     return G_SOURCE_CONTINUE;
 }
@@ -447,17 +447,17 @@ bool __tarnholdSimSocketAddress(const std::string &path, sockaddr_un &addr, std:
 
 void tarnholdSimControlSetUnplugged(bool unplugged)
 {
-    C.unplugged = unplugged;
+    control.unplugged = unplugged;
     if (unplugged) {
         simSetNodePresent(false);
-    } else if (C.moduleLoaded) {
+    } else if (control.moduleLoaded) {
         simSetNodePresent(true);
     }
 }
 
 bool tarnholdSimControlUnplugged()
 {
-    return C.unplugged;
+    return control.unplugged;
 }
 
 bool tarnholdSimControlApplyFault(const std::string &fault, std::string &error)
@@ -472,7 +472,7 @@ bool tarnholdSimControlApplyFault(const std::string &fault, std::string &error)
 
 bool tarnholdSimControlHostPowerLossArmed()
 {
-    return C.hostPowerLoss;
+    return control.hostPowerLoss;
 }
 
 bool tarnholdSimControlRun(const std::string &line, std::string &out, std::string &error)
@@ -518,21 +518,21 @@ bool tarnholdSimControlListen(const std::string &path, std::string &error)
         return false;
     }
     const guint source = g_unix_fd_add(fd, G_IO_IN, &__tarnholdSimListenerReadable, nullptr);
-    C.listeners.push_back({path, fd, source});
+    control.listeners.push_back({path, fd, source});
     return true;
 }
 
 void tarnholdSimControlStop()
 {
-    while (!C.connections.empty()) {
-        __tarnholdSimDropConnection(C.connections.begin()->first);
+    while (!control.connections.empty()) {
+        __tarnholdSimDropConnection(control.connections.begin()->first);
     }
-    for (const auto &listener : C.listeners) {
+    for (const auto &listener : control.listeners) {
         g_source_remove(listener.source);
         ::close(listener.fd);
         ::unlink(listener.path.c_str());
     }
-    C.listeners.clear();
+    control.listeners.clear();
 }
 
 int tarnholdSimControlModuleCommand(int argc, char **argv)

@@ -33,21 +33,21 @@ struct {
     std::string i2cNode;
 } tarnholdSimHostBusPrivateMembers;
 
-auto &H = tarnholdSimHostBusPrivateMembers;
+auto &hostBus = tarnholdSimHostBusPrivateMembers;
 
 // The node file exists while the bus does: without it the open fails (ENOENT).
 void __tarnholdSimHostBusSyncNode()
 {
-    if (H.testbed == nullptr) {
+    if (hostBus.testbed == nullptr) {
         return;
     }
     if (simI2cBusPresent()) {
-        const int fd = ::open(H.i2cNode.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+        const int fd = ::open(hostBus.i2cNode.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
         if (fd >= 0) {
             ::close(fd);
         }
     } else {
-        ::unlink(H.i2cNode.c_str());
+        ::unlink(hostBus.i2cNode.c_str());
     }
 }
 
@@ -147,12 +147,12 @@ bool __tarnholdSimHostBusPciConfig(const std::vector<std::string> &words, std::s
     long offset = 0;
     if (words.size() < 3 || !__tarnholdSimHostBusNumber(words[1], index) ||
         !__tarnholdSimHostBusNumber(words[2], offset) || index < 0 ||
-        static_cast<size_t>(index) >= H.pciPaths.size() || offset < 0 ||
+        static_cast<size_t>(index) >= hostBus.pciPaths.size() || offset < 0 ||
         static_cast<size_t>(offset) >= SIM_PCI_CONFIG_SIZE) {
         error = "a device number (pci lists them) and an offset below 4096 expected";
         return false;
     }
-    const std::string file = simPciConfigFile(H.root, H.pciPaths[static_cast<size_t>(index)]);
+    const std::string file = simPciConfigFile(hostBus.root, hostBus.pciPaths[static_cast<size_t>(index)]);
     const size_t room = SIM_PCI_CONFIG_SIZE - static_cast<size_t>(offset);
     if (words[0] == "pci-config-set") {
         std::vector<uint8_t> bytes;
@@ -208,15 +208,15 @@ bool tarnholdSimHostBusAddPci(const std::string &wanted, std::string &error)
     if (!simPciParse(wanted, parsed, error)) {
         return false;
     }
-    H.pciDevices.push_back(parsed);
+    hostBus.pciDevices.push_back(parsed);
     return true;
 }
 
 bool tarnholdSimHostBusStart(UMockdevTestbed *testbed, const std::string &root, std::string &error)
 {
-    H.testbed = testbed;
-    H.root = root;
-    H.i2cNode = root + SIM_I2C_BUS_PATH;
+    hostBus.testbed = testbed;
+    hostBus.root = root;
+    hostBus.i2cNode = root + SIM_I2C_BUS_PATH;
     gchar *sysPath = umockdev_testbed_add_device(testbed, "i2c-dev", "i2c-0", nullptr, "dev", "89:0", nullptr,
                                                  "DEVNAME", SIM_I2C_BUS_PATH, nullptr);
     g_free(sysPath);
@@ -224,33 +224,33 @@ bool tarnholdSimHostBusStart(UMockdevTestbed *testbed, const std::string &root, 
         std::lock_guard<std::mutex> lock(tarnholdSimModelLock());
         __tarnholdSimHostBusSyncNode();
     }
-    H.i2cHandler = umockdev_ioctl_base_new();
-    g_signal_connect(H.i2cHandler, "handle-ioctl", G_CALLBACK(__tarnholdSimI2cIoctl), nullptr);
+    hostBus.i2cHandler = umockdev_ioctl_base_new();
+    g_signal_connect(hostBus.i2cHandler, "handle-ioctl", G_CALLBACK(__tarnholdSimI2cIoctl), nullptr);
     GError *gerror = nullptr;
-    if (!umockdev_testbed_attach_ioctl(testbed, SIM_I2C_BUS_PATH, H.i2cHandler, &gerror)) {
+    if (!umockdev_testbed_attach_ioctl(testbed, SIM_I2C_BUS_PATH, hostBus.i2cHandler, &gerror)) {
         error = std::string("cannot emulate ") + SIM_I2C_BUS_PATH + ": " + (gerror != nullptr ? gerror->message : "?");
         g_clear_error(&gerror);
         return false;
     }
     // Device numbers count from 3, so the buses sort in the order given.
-    for (size_t i = 0; i < H.pciDevices.size(); ++i) {
-        const std::string path = simPciAdd(testbed, H.pciDevices[i], static_cast<unsigned>(3 + 2 * i));
+    for (size_t i = 0; i < hostBus.pciDevices.size(); ++i) {
+        const std::string path = simPciAdd(testbed, hostBus.pciDevices[i], static_cast<unsigned>(3 + 2 * i));
         if (path.empty()) {
-            error = "cannot add PCI device " + H.pciDevices[i].vendor + ":" + H.pciDevices[i].device;
+            error = "cannot add PCI device " + hostBus.pciDevices[i].vendor + ":" + hostBus.pciDevices[i].device;
             return false;
         }
-        H.pciPaths.push_back(path);
+        hostBus.pciPaths.push_back(path);
     }
     return true;
 }
 
 void tarnholdSimHostBusStop()
 {
-    if (H.i2cHandler != nullptr) {
-        g_object_unref(H.i2cHandler);
-        H.i2cHandler = nullptr;
+    if (hostBus.i2cHandler != nullptr) {
+        g_object_unref(hostBus.i2cHandler);
+        hostBus.i2cHandler = nullptr;
     }
-    H.testbed = nullptr;
+    hostBus.testbed = nullptr;
 }
 
 int tarnholdSimHostBusCommand(const std::vector<std::string> &words, std::string &out, std::string &error)
@@ -274,9 +274,9 @@ int tarnholdSimHostBusCommand(const std::vector<std::string> &words, std::string
         return 1;
     }
     if (command == "pci" && words.size() == 1) {
-        for (size_t i = 0; i < H.pciPaths.size(); ++i) {
-            out += std::to_string(i) + " " + H.pciDevices[i].vendor + " " + H.pciDevices[i].device + " " +
-                   H.pciPaths[i] + "\n";
+        for (size_t i = 0; i < hostBus.pciPaths.size(); ++i) {
+            out += std::to_string(i) + " " + hostBus.pciDevices[i].vendor + " " + hostBus.pciDevices[i].device + " " +
+                   hostBus.pciPaths[i] + "\n";
         }
         return 1;
     }

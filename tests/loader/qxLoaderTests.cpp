@@ -41,30 +41,30 @@ struct {
     std::vector<report64> sends;
     std::function<int(uint32_t, picHidIoctlArg &, bool answered)> hook;
 } wirePrivateMembers;
-auto &W = wirePrivateMembers;
+auto &wire = wirePrivateMembers;
 
 int __wireOpen(const char *path, int flags, mode_t mode)
 {
     // An upgrade going round for good ends here too.
-    if (strcmp(path, QX_USB_DEVICE_PATH) == 0 && (W.nodeGone || ++W.opens > 100)) {
+    if (strcmp(path, QX_USB_DEVICE_PATH) == 0 && (wire.nodeGone || ++wire.opens > 100)) {
         simSetNodePresent(false);
     }
-    return W.sim.open(path, flags, mode);
+    return wire.sim.open(path, flags, mode);
 }
 
 int __wireIoctl(int fd, unsigned long request, void *arg)
 {
     auto &block = *static_cast<picHidIoctlArg *>(arg);
-    if (const int err = W.hook ? W.hook(request, block, false) : 0; err != 0) {
+    if (const int err = wire.hook ? wire.hook(request, block, false) : 0; err != 0) {
         errno = err;
         return -1;
     }
     if (request == PIC_HID_SEND_REPORT) {
-        W.sends.push_back(std::to_array(block.report));
+        wire.sends.push_back(std::to_array(block.report));
     }
-    const int rc = W.sim.ioctl(fd, request, arg);
-    if (rc == 0 && W.hook) {
-        W.hook(request, block, true);
+    const int rc = wire.sim.ioctl(fd, request, arg);
+    if (rc == 0 && wire.hook) {
+        wire.hook(request, block, true);
     }
     return rc;
 }
@@ -108,7 +108,7 @@ protected:
     void SetUp() override
     {
         simLinkTest::SetUp();
-        W = {platformSys, false, 0, {}, nullptr};
+        wire = {platformSys, false, 0, {}, nullptr};
         platformSys.open = __wireOpen;
         platformSys.ioctl = __wireIoctl;
     }
@@ -279,7 +279,7 @@ TEST_F(qxLoaderOnSim, getInfoMatchesOnCodeSequenceStatusAndProductId)
     simSetReplyDelayReads(0);
     simSetReplyFault(simReplyFault::NO_REPLY, 1);
     EXPECT_EQ(qxLoaderIsHidApplication(), 0);
-    W.hook = [](uint32_t request, picHidIoctlArg &arg, bool answered) {
+    wire.hook = [](uint32_t request, picHidIoctlArg &arg, bool answered) {
         arg.report[QX_REPORT_STATUS] |= answered && request == PIC_HID_GET_REPORT ? 1 : 0; // busy
         return 0;
     };
@@ -296,7 +296,7 @@ TEST_F(qxLoaderOnSim, goAndEraseCommandsGoOutWithoutSequenceNumberAndAwaitNoRepl
     qxLoaderGotoApplication(); // not sent on a closed link
     ASSERT_EQ(qxUsbInit(), 0);
     qxLoaderGotoApplication();
-    EXPECT_EQ(W.sends,
+    EXPECT_EQ(wire.sends,
               (std::vector<report64>{{ERASE_DEVICE}, {QX_HID_CMD_GOTO_BOOTLOADER}, {QX_HID_CMD_GOTO_APPLICATION}}));
     EXPECT_EQ(issued(PIC_HID_GET_REPORT), 0u);
 }
@@ -304,7 +304,7 @@ TEST_F(qxLoaderOnSim, goAndEraseCommandsGoOutWithoutSequenceNumberAndAwaitNoRepl
 TEST_F(qxLoaderOnSim, deviceSearchWaitsGrowToOneSecondResetsAfterTheFifthAndGivesUpAfterTheTwentieth)
 {
     qxUsbCleanUp();
-    W.nodeGone = true;
+    wire.nodeGone = true;
     EXPECT_EQ(qxLoaderFindUSBDevice(), 1);
     std::vector<uint64_t> waits{1000, 10000, 100000, 1000000, 1000000, 1000000, 1000000, 1000000, 2000000};
     waits.insert(waits.end(), 15, 1000000); // the 2 s are the module reload of the reset
@@ -321,7 +321,7 @@ TEST_F(qxLoaderOnSim, deviceSearchWaitsGrowToOneSecondResetsAfterTheFifthAndGive
 TEST_F(qxLoaderOnSim, programmingHandsOverNonBlankChunksByAddressWithACompleteAfterEachGapAndAtTheEnd)
 {
     std::set<uint64_t> blocks[2]; // the driver is given the same two blocks throughout
-    W.hook = [&blocks](uint32_t request, picHidIoctlArg &arg, bool answered) {
+    wire.hook = [&blocks](uint32_t request, picHidIoctlArg &arg, bool answered) {
         if (!answered && (request == PIC_HID_PIC32_PROGRAM || request == PIC_HID_PIC32_PROGRAM_DONE)) {
             uint64_t at; // where the report it sends lies
             memcpy(&at, &arg.report[12], sizeof at);
@@ -360,13 +360,13 @@ TEST_F(qxLoaderOnSim, programmingStopsOnTheDriversFailuresAndGivesUpOnADriverBus
     bytes data = imageWith(0, CHUNK);
     std::fill_n(data.begin() + 2 * CHUNK, 10 * CHUNK, 2);
     // The set-up answered with the sequence number itself, not XOR 0x57: -1.
-    W.hook = [](uint32_t request, picHidIoctlArg &arg, bool answered) {
+    wire.hook = [](uint32_t request, picHidIoctlArg &arg, bool answered) {
         arg.report[QX_REPORT_SEQ] ^= answered && request == PIC_HID_PIC32_UPGRADE_SETUP ? PIC_HID_ACK_SEQ_XOR : 0;
         return 0;
     };
     EXPECT_EQ(program(data), -1);
     EXPECT_TRUE(log.contains("QX_TRACE_FILE-PIC_HID_PIC32_UPGRADE_SETUP rc: 0"));
-    W.hook = nullptr;
+    wire.hook = nullptr;
     // The request failing, the line then logged, the result, what the bootloader took, the waits.
     const std::tuple<uint32_t, const char *, int32_t, std::vector<step>, std::vector<uint64_t>> cases[] = {
         {PIC_HID_PIC32_UPGRADE_SETUP, "PIC_HID_PIC32_UPGRADE_SETUP rc: -1", -1, {}, {}},
@@ -428,10 +428,10 @@ TEST_F(qxLoaderOnSim, startUpGoesRoundPassesUntilTheRightApplicationAnswersAndIn
         if (state == UNREADABLE) {
             simSetSlotUnreadable(QX_SLOT_FIRMWARE, 6);
         }
-        W.nodeGone = state == NO_NODE;
+        wire.nodeGone = state == NO_NODE;
         bool refused = state != GOTO_REFUSED; // the first go-to-bootloader fails to go out
         bool garbled = state != INFO_UNUSABLE; // the first GET_INFO reply carries an error status
-        W.hook = [&refused, &garbled](uint32_t request, picHidIoctlArg &arg, bool answered) {
+        wire.hook = [&refused, &garbled](uint32_t request, picHidIoctlArg &arg, bool answered) {
             const bool go = request == PIC_HID_SEND_REPORT && arg.report[QX_REPORT_CODE] == QX_HID_CMD_GOTO_BOOTLOADER;
             if (answered && request == PIC_HID_GET_REPORT && arg.report[QX_REPORT_CODE] == QX_HID_CMD_GET_INFO &&
                 !std::exchange(garbled, true)) {
@@ -462,7 +462,7 @@ TEST_F(qxLoaderOnSim, startUpGoesRoundPassesUntilTheRightApplicationAnswersAndIn
     }
     // The last case, another application: slot 4 invalidated before the go-to-bootloader, the image's digest after.
     std::vector<bytes> digests;
-    for (const report64 &r : W.sends) {
+    for (const report64 &r : wire.sends) {
         if (r[QX_REPORT_CODE] == QX_HID_CMD_SET_FLASH_VAL) {
             digests.emplace_back(r.begin() + QX_SLOT_BYTE_DATA, r.begin() + QX_SLOT_BYTE_DATA + 16);
         }

@@ -25,12 +25,12 @@ struct {
     std::atomic<size_t> allocations = 0;
 } countingPrivateMembers;
 
-auto &C = countingPrivateMembers;
+auto &counting = countingPrivateMembers;
 
 void __countAllocation()
 {
-    if (C.armed && C.paused == 0) {
-        ++C.allocations;
+    if (counting.armed && counting.paused == 0) {
+        ++counting.allocations;
     }
 }
 
@@ -86,9 +86,9 @@ template <auto MEMBER> struct pausedCall;
 template <typename R, typename... A, R (*platformSysOps::*MEMBER)(A...)> struct pausedCall<MEMBER> {
     static R call(A... args)
     {
-        ++C.paused;
+        ++counting.paused;
         R r = (simulated.*MEMBER)(args...);
-        --C.paused;
+        --counting.paused;
         return r;
     }
 };
@@ -123,7 +123,7 @@ protected:
     }
     void TearDown() override
     {
-        C.armed = false;
+        counting.armed = false;
         dup2(savedStderr_.get(), STDERR_FILENO);
         qxUsbCleanUp();
         simInProcessUninstall();
@@ -167,24 +167,24 @@ TEST_F(requestPathAllocation, servingHostHeldRelayedAndUnknownCodesAllocatesNoth
     for (uint8_t code : codes) { // warm: the first syslog call opens its socket
         ASSERT_TRUE(serve(code)) << int(code);
     }
-    C.allocations = 0;
-    C.armed = true;
+    counting.allocations = 0;
+    counting.armed = true;
     size_t served = 0;
     for (int round = 0; round < 20; ++round) {
         for (uint8_t code : codes) {
             served += serve(code) ? 1 : 0;
         }
     }
-    C.armed = false;
+    counting.armed = false;
     EXPECT_EQ(served, 20 * std::size(codes));
-    EXPECT_EQ(C.allocations, 0u);
+    EXPECT_EQ(counting.allocations, 0u);
 
     // The counter itself sees an allocation.
-    C.armed = true;
+    counting.armed = true;
     auto *probe = new std::array<uint8_t, 64>();
-    C.armed = false;
+    counting.armed = false;
     delete probe;
-    EXPECT_GT(C.allocations, 0u);
+    EXPECT_GT(counting.allocations, 0u);
 }
 
 } // namespace
