@@ -37,7 +37,7 @@ int __fakePoll(pollfd *fds, nfds_t count, int timeoutMs)
     return ::poll(fds, count, 0);
 }
 
-TEST(tarnholdClient, FailuresLeaveTheRecordAndNoReplyFifoBehindAndSayWhy)
+TEST(tarnholdClient, failuresLeaveTheRecordAndNoReplyFifoBehindAndSayWhy)
 {
     std::string dir = "/tmp/tarnholdClientTest.XXXXXX";
     ASSERT_NE(mkdtemp(dir.data()), nullptr);
@@ -80,7 +80,7 @@ TEST(tarnholdClient, FailuresLeaveTheRecordAndNoReplyFifoBehindAndSayWhy)
     std::filesystem::remove_all(dir);
 }
 
-TEST(tarnholdCtlText, BytesAreDecimalOr0xHexUpTo255AndCommandsGoByNumberNameOrAlias)
+TEST(tarnholdCtlText, bytesAreDecimalOr0xHexUpTo255AndCommandsGoByNumberNameOrAlias)
 {
     EXPECT_TRUE(tarnholdCtlParseByte("255") == 255 && tarnholdCtlParseByte("0XfF") == 255 &&
                 tarnholdCtlParseByte("010") == 10) << "a leading zero is not octal";
@@ -93,7 +93,7 @@ TEST(tarnholdCtlText, BytesAreDecimalOr0xHexUpTo255AndCommandsGoByNumberNameOrAl
     EXPECT_FALSE(tarnholdCtlLookupCode("set_leds").has_value() || tarnholdCtlLookupCode("leds").has_value());
 }
 
-TEST(tarnholdCtlText, RepliesShowTheCodeNameAll69BytesAndTheSlotValuesUpTo48Bytes)
+TEST(tarnholdCtlText, repliesShowTheCodeNameAll69BytesAndTheSlotValuesUpTo48Bytes)
 {
     qxUsbBlock block = {24, 7, 0xFF};
     block[68] = 0xAB;

@@ -101,7 +101,7 @@ protected:
     std::string dir_ = "/tmp/mainLoopTest.XXXXXX";
 };
 
-TEST_F(mainLoopTest, TheWaitTimeoutIsTheIntervalAskedOnEveryPassPlus10Microseconds)
+TEST_F(mainLoopTest, theWaitTimeoutIsTheIntervalAskedOnEveryPassPlus10Microseconds)
 {
     vt.intervals = {0, 1, 3, 0, 1, 1};
     vt.nowUs = 42'000'000;
@@ -113,7 +113,7 @@ TEST_F(mainLoopTest, TheWaitTimeoutIsTheIntervalAskedOnEveryPassPlus10Microsecon
     EXPECT_EQ(vt.beepsAtUs, (std::vector<uint64_t>{43'000'010, 46'000'020, 47'000'030, 48'000'040}));
 }
 
-TEST_F(mainLoopTest, BeepsAtMostOncePerWallClockSecondFromSecondZeroAndBeforeTheRequest)
+TEST_F(mainLoopTest, beepsAtMostOncePerWallClockSecondFromSecondZeroAndBeforeTheRequest)
 {
     logCapture log; // the replies have no reader
     vt.intervals = {1};
@@ -129,7 +129,7 @@ TEST_F(mainLoopTest, BeepsAtMostOncePerWallClockSecondFromSecondZeroAndBeforeThe
     EXPECT_EQ(vt.requestBytesAtBeep, (std::vector<int>{sizeof(usbDaemonRequest), 0}));
 }
 
-TEST_F(mainLoopTest, OnlyWhole244ByteRecordsAreServedOnePerPassInOrder)
+TEST_F(mainLoopTest, onlyWhole244ByteRecordsAreServedOnePerPassInOrder)
 {
     logCapture log;
     uniqueFd first = fifoReader("first");
@@ -148,7 +148,7 @@ TEST_F(mainLoopTest, OnlyWhole244ByteRecordsAreServedOnePerPassInOrder)
     EXPECT_TRUE(log.texts().empty());
 }
 
-TEST_F(mainLoopTest, RepliesGoOnlyIntoAFifoThatSomeoneReadsAndFailuresAreLogged)
+TEST_F(mainLoopTest, repliesGoOnlyIntoAFifoThatSomeoneReadsAndFailuresAreLogged)
 {
     logCapture log;
     uniqueFd reply = fifoReader("reply");
@@ -182,7 +182,7 @@ TEST_F(mainLoopTest, RepliesGoOnlyIntoAFifoThatSomeoneReadsAndFailuresAreLogged)
     EXPECT_EQ(fs::file_size(dir_ + "/regular"), 0u) << "a regular file is never written";
 }
 
-TEST(mainTestPattern, BlockKHoldsKMod256AndTheLastEightBytesStayZero)
+TEST(mainTestPattern, blockKHoldsKMod256AndTheLastEightBytesStayZero)
 {
     size_t wrong = 0;
     for (size_t i = 0; i < sizeof __testingTmmmmpBuf; ++i) {
@@ -217,7 +217,7 @@ protected:
     }
 };
 
-TEST_F(daemonProcessTest, ServesCodesWithoutHandlerWithResult8OnlyReportsSigpipeAndLocksOutASecondInstance)
+TEST_F(daemonProcessTest, servesCodesWithoutHandlerWithResult8OnlyReportsSigpipeAndLocksOutASecondInstance)
 {
     daemonHarness daemon;
     startServing(daemon, {"--file", APP_HEX}, 077);
@@ -245,7 +245,7 @@ TEST_F(daemonProcessTest, ServesCodesWithoutHandlerWithResult8OnlyReportsSigpipe
     EXPECT_TRUE(serves(daemon));
 }
 
-TEST_F(daemonProcessTest, FileNamesOf1To294CharactersAreTakenOthersRefused)
+TEST_F(daemonProcessTest, fileNamesOf1To294CharactersAreTakenOthersRefused)
 {
     // A real image at a path of exactly 294 characters: served, so the name reached device start-up whole.
     std::string ok294 = "/tmp/" + std::string(200, 'd') + "/" + std::string(88, 'f');
@@ -271,7 +271,7 @@ TEST_F(daemonProcessTest, FileNamesOf1To294CharactersAreTakenOthersRefused)
     }
 }
 
-TEST_F(daemonProcessTest, HelpAndBadOptionsPrintTheUsageAndExitZeroBeforeDaemonStart)
+TEST_F(daemonProcessTest, helpAndBadOptionsPrintTheUsageAndExitZeroBeforeDaemonStart)
 {
     std::string usage = std::string("Usage: ") + TARNHOLD_BINARY + " --daemon \n\t " + TARNHOLD_BINARY +
                         " --help \n\t " + TARNHOLD_BINARY + " --file /usr/sbin/briska-pic-client.hex\n";
@@ -286,7 +286,7 @@ TEST_F(daemonProcessTest, HelpAndBadOptionsPrintTheUsageAndExitZeroBeforeDaemonS
     }
 }
 
-TEST_F(daemonProcessTest, StartUpFailuresStopWithStatus1)
+TEST_F(daemonProcessTest, startUpFailuresStopWithStatus1)
 {
     struct {
         strings args; // on the appliance when given
@@ -316,7 +316,7 @@ TEST_F(daemonProcessTest, StartUpFailuresStopWithStatus1)
     }
 }
 
-TEST_F(daemonProcessTest, SigtermKeepsTheFifoOtherExitSignalsLeaveACrashLogAndRemoveIt)
+TEST_F(daemonProcessTest, sigtermKeepsTheFifoOtherExitSignalsLeaveACrashLogAndRemoveIt)
 {
     bool fifoLeft = false;
     // All nine: a lost handler would leave the pid file and the FIFO behind.
@@ -350,7 +350,7 @@ TEST_F(daemonProcessTest, SigtermKeepsTheFifoOtherExitSignalsLeaveACrashLogAndRe
     }
 }
 
-TEST_F(daemonProcessTest, TarnholdctlExitStatusSaysWhatHappened)
+TEST_F(daemonProcessTest, tarnholdctlExitStatusSaysWhatHappened)
 {
     std::string out;
     auto ctl = [&out](strings args) {

@@ -18,7 +18,7 @@ platformSysOps simOps;
 unsigned long seenRequest;
 picHidIoctlArg seen;
 
-TEST_F(qxUsbLinkTest, BusyDriverGetsThreeAttempts100msApartWithoutCounting)
+TEST_F(qxUsbLinkTest, busyDriverGetsThreeAttempts100msApartWithoutCounting)
 {
     report64 r{QX_HID_CMD_GET_FLASH_VAL, 0x42, 0, 3}, in{}; // an erased slot: 0xFF up to byte 63
     // Accepted at the third attempt: two sleeps, no line, and a counted failure cleared.
@@ -55,7 +55,7 @@ TEST_F(qxUsbLinkTest, BusyDriverGetsThreeAttempts100msApartWithoutCounting)
     EXPECT_TRUE(allAre(in, 0xA5));
 }
 
-TEST_F(qxUsbLinkTest, FifteenthCountedFailureOrAnyEbadfReopensTheNode)
+TEST_F(qxUsbLinkTest, fifteenthCountedFailureOrAnyEbadfReopensTheNode)
 {
     report64 r{QX_HID_CMD_SET_LEDS, 0x42}, in{};
     // Sends and reads count together; fourteen leave the node open.
@@ -97,7 +97,7 @@ TEST_F(qxUsbLinkTest, FifteenthCountedFailureOrAnyEbadfReopensTheNode)
                                        "4 qxUsbCmd: device not open", NO_NODE));
 }
 
-TEST_F(qxUsbLinkTest, GotoResetsTheUsbDeviceBetweenUnloadAndLoadAndLeavesTheLinkClosed)
+TEST_F(qxUsbLinkTest, gotoResetsTheUsbDeviceBetweenUnloadAndLoadAndLeavesTheLinkClosed)
 {
     report64 r{QX_HID_CMD_GOTO_BOOTLOADER, 0x42};
     EXPECT_EQ(qxUsbCmd(r.data()), 0);
@@ -120,7 +120,7 @@ TEST_F(qxUsbLinkTest, GotoResetsTheUsbDeviceBetweenUnloadAndLoadAndLeavesTheLink
     EXPECT_THAT(log.texts(), IsEmpty());
 }
 
-TEST_F(qxUsbLinkTest, RawRequestsAreTracedUnlessQuietAndIssuedOnceWithoutRecovery)
+TEST_F(qxUsbLinkTest, rawRequestsAreTracedUnlessQuietAndIssuedOnceWithoutRecovery)
 {
     picHidIoctlArg block{{QX_HID_CMD_IO_CMD, 0x05}, 0, 0, 0, 0, 0};
     std::memcpy(&block.report[3], &PIC_HID_PIC32_UPGRADE_SETUP, 4);
@@ -170,7 +170,7 @@ TEST_F(qxUsbLinkTest, RawRequestsAreTracedUnlessQuietAndIssuedOnceWithoutRecover
     EXPECT_THAT(simKinds(), ElementsAre(simEventKind::IOCTL_FAILED, simEventKind::IOCTL_FAILED, simEventKind::CLOSE));
 }
 
-TEST_F(qxUsbLinkTest, DriverGetsTheReportWithParam10AndTransferFieldsOnlyForCode37)
+TEST_F(qxUsbLinkTest, driverGetsTheReportWithParam10AndTransferFieldsOnlyForCode37)
 {
     simOps = platformSys;
     platformSys.ioctl = [](int fd, unsigned long request, void *arg) {
@@ -206,7 +206,7 @@ TEST_F(qxUsbLinkTest, DriverGetsTheReportWithParam10AndTransferFieldsOnlyForCode
 }
 
 // Codes without a name of their own print one text; the named ones keep their padding in the trace.
-TEST(qxUsbNames, UnnamedCodesPrintUnknown)
+TEST(qxUsbNames, unnamedCodesPrintUnknown)
 {
     for (int code : {0, 1, 22, 64, 128, 254}) {
         EXPECT_STREQ(qxUsbCmdName(static_cast<uint8_t>(code)), "UNKNOWN_QX_HID_CMD") << code;
@@ -216,7 +216,7 @@ TEST(qxUsbNames, UnnamedCodesPrintUnknown)
 }
 
 // The threadsafe style re-runs only this test in a fresh process (the wrap to 0 is pinned by the relay tests).
-TEST(qxUsbSeqDeathTest, FirstNumberHandedOutIs2)
+TEST(qxUsbSeqDeathTest, firstNumberHandedOutIs2)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(std::exit(qxUsbGetNextSeqNumber() == 2 && qxUsbGetNextSeqNumber() == 3 ? 0 : 1),

@@ -38,7 +38,7 @@ protected:
     }
 };
 
-TEST_F(usbMgmtInitTest, WithoutFileThePlatformTextGetsFiveTries500usApart)
+TEST_F(usbMgmtInitTest, withoutFileThePlatformTextGetsFiveTries500usApart)
 {
     // The first try's exchange fails, the second finds "HW=BRISKA".
     simFailIoctl(PIC_HID_SEND_REPORT, EIO, 1);
@@ -62,7 +62,7 @@ TEST_F(usbMgmtInitTest, WithoutFileThePlatformTextGetsFiveTries500usApart)
     EXPECT_EQ(simOpenNodeFds(), 0);
 }
 
-TEST_F(usbMgmtInitTest, NamedFileIsUsedWithoutAskingThePlatform)
+TEST_F(usbMgmtInitTest, namedFileIsUsedWithoutAskingThePlatform)
 {
     // An Intel HEX file of the 16 bytes 0, 1, 2 ... at the start of the flash range.
     const std::string hexPath = testing::TempDir() + "usbMgmtInit-" + std::to_string(getpid()) + ".hex";

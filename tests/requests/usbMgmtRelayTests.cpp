@@ -39,7 +39,7 @@ protected:
     qxUsbBlock resp{};
 };
 
-TEST_F(usbMgmtTest, RelayPollsAfterGrowingWaitsAndMatchesTheNumberThenTheCode)
+TEST_F(usbMgmtTest, relayPollsAfterGrowingWaitsAndMatchesTheNumberThenTheCode)
 {
     struct {
         const char *name;
@@ -86,7 +86,7 @@ TEST_F(usbMgmtTest, RelayPollsAfterGrowingWaitsAndMatchesTheNumberThenTheCode)
     }
 }
 
-TEST_F(usbMgmtTest, CodesWithoutHandlerGive8AndLeaveTheRecordAsItWas)
+TEST_F(usbMgmtTest, codesWithoutHandlerGive8AndLeaveTheRecordAsItWas)
 {
     const std::string unknown = "0 QX_TRACE_USB-ERROR: UNKNOWN USB FUNCTION!";
     for (uint8_t code : {0, 1, 8, 15, 64, 200, 255}) {
@@ -99,7 +99,7 @@ TEST_F(usbMgmtTest, CodesWithoutHandlerGive8AndLeaveTheRecordAsItWas)
     EXPECT_THAT(simEvents(), IsEmpty());
 }
 
-TEST_F(usbMgmtTest, ForceShutDownIndicatorIsKeptForValidBaysOnly)
+TEST_F(usbMgmtTest, forceShutDownIndicatorIsKeptForValidBaysOnly)
 {
     for (uint8_t bay : {3, 0, 9, 15, 22}) {
         SCOPED_TRACE(bay);
@@ -126,7 +126,7 @@ TEST_F(usbMgmtTest, ForceShutDownIndicatorIsKeptForValidBaysOnly)
     EXPECT_THAT(log.texts(), IsEmpty());
 }
 
-TEST_F(usbMgmtTest, DaemonDetectBytesAreKeptForTheValidBaysOnly)
+TEST_F(usbMgmtTest, daemonDetectBytesAreKeptForTheValidBaysOnly)
 {
     cmd[QX_REPORT_CODE] = QX_HID_CMD_SET_XML_DAEMON_DETECT;
     std::iota(cmd.begin() + 3, cmd.begin() + 27, uint8_t{0x40}); // byte 26 is past the last bay
@@ -142,7 +142,7 @@ TEST_F(usbMgmtTest, DaemonDetectBytesAreKeptForTheValidBaysOnly)
     }
 }
 
-TEST_F(usbMgmtTest, HostHeldAnswersUseUpASequenceNumberAlthoughNothingIsSent)
+TEST_F(usbMgmtTest, hostHeldAnswersUseUpASequenceNumberAlthoughNothingIsSent)
 {
     uint8_t seq = qxUsbGetState().seqNum;
     for (uint8_t code : {QX_HID_CMD_SET_XML_DAEMON_DETECT, QX_HID_CMD_GET_XML_DAEMON_DETECT,

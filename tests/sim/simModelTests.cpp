@@ -88,7 +88,7 @@ protected:
     std::deque<std::array<uint8_t, QX_BLOCK_SIZE>> packets;
 };
 
-TEST_F(simModelTest, BootloaderProgramsOnlyErasedCellsAndDropsBlocksThatDoNotFollow)
+TEST_F(simModelTest, bootloaderProgramsOnlyErasedCellsAndDropsBlocksThatDoNotFollow)
 {
     simSetMode(simMode::BOOTLOADER);
     simFlash()[SIM_FLASH_SIZE - 1] = 0;
@@ -127,7 +127,7 @@ TEST_F(simModelTest, BootloaderProgramsOnlyErasedCellsAndDropsBlocksThatDoNotFol
     EXPECT_EQ(flash[55], 0x30);
 }
 
-TEST_F(simModelTest, DriverAcknowledgesWithItsCodeAndTheNumberXor57OnlyWhenItCanTakeMore)
+TEST_F(simModelTest, driverAcknowledgesWithItsCodeAndTheNumberXor57OnlyWhenItCanTakeMore)
 {
     EXPECT_NE(ack(PIC_HID_PIC32_UPGRADE_SETUP, 0x30)[2], 0); // the application cannot be programmed
     EXPECT_EQ(ack(PIC_HID_IS_URB_AVAILABLE, 0x31), (std::vector<uint8_t>{PIC_HID_ACK_URB, 0x31 ^ 0x57, 0}));
@@ -141,7 +141,7 @@ TEST_F(simModelTest, DriverAcknowledgesWithItsCodeAndTheNumberXor57OnlyWhenItCan
     EXPECT_EQ(ioctlErr(PIC_HID_PIC32_PROGRAM, arg), EFAULT);
 }
 
-TEST_F(simModelTest, ApplicationAnswersInOrderAndKeepsSlotsOfAtMost48Bytes)
+TEST_F(simModelTest, applicationAnswersInOrderAndKeepsSlotsOfAtMost48Bytes)
 {
     EXPECT_EQ(read(), report64{}); // nothing before the first reply
     ASSERT_EQ(send({QX_HID_CMD_GET_STEALTH, 5}), 0);
@@ -165,7 +165,7 @@ TEST_F(simModelTest, ApplicationAnswersInOrderAndKeepsSlotsOfAtMost48Bytes)
     EXPECT_EQ(read()[2], 1);
 }
 
-TEST_F(simModelTest, InjectedFaultsHitOnlyWhatTheyName)
+TEST_F(simModelTest, injectedFaultsHitOnlyWhatTheyName)
 {
     simFailIoctl(PIC_HID_SEND_REPORT, EAGAIN, 2);
     simFailIoctl(0, EIO, 1); // any request: behind the send's in line, but it matches a read
@@ -189,7 +189,7 @@ TEST_F(simModelTest, InjectedFaultsHitOnlyWhatTheyName)
     EXPECT_EQ(read()[1], 7);
 }
 
-TEST(simState, SavedStateRoundTripsAndDamagedFilesAreRefused)
+TEST(simState, savedStateRoundTripsAndDamagedFilesAreRefused)
 {
     const std::string path = testing::TempDir() + "simState-" + std::to_string(getpid());
     simReset();
