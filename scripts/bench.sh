@@ -30,6 +30,11 @@ benchRelay     BM_RelayedRequest/9                            time<=20     -
 # The programming walk'"'"'s own cost stays under 1% of the ~6 s the transfers take on the wire.
 benchProgram   BM_programFullImage                            time<=60000  -
 benchProgram   BM_programSparseImage                          time<=60000  -
+# An FPGA programming walk of 16 MiB (2,185 chunks) costs at most 5 ms besides its waits; loading the file
+# takes at most 1.5 times what dd takes to read it; the CPLD CRC over the largest file at most 1 ms.
+benchUpgrade   BM_fpgaProgramWalk16MiB                        time<=5000   -
+benchUpgrade   BM_fpgaFileLoad16MiB/real_time                 ratio<=1.5   BM_dd16MiBToDevNull/real_time
+benchUpgrade   BM_cpldCrc51200                                time<=1000   -
 '
 
 cmake -S . -B "$BUILD" -DCMAKE_BUILD_TYPE=Release -DTARNHOLD_TESTS=OFF >/dev/null
