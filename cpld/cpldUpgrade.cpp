@@ -6,16 +6,13 @@
 #include "evmLog.h"
 #include "leBytes.h"
 #include "sysSeam.h"
-#include "uniqueFd.h"
 #include "usbMgmt.h"
+#include "usbMgmtUpload.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <fcntl.h>
-#include <sys/stat.h>
 
 namespace {
 
@@ -23,23 +20,13 @@ constexpr const char *CPLD_LOG_SOURCE = "cpldUpgrade";
 
 constexpr size_t CPLD_PATH = 3;
 
-// IO command block and chunk fields, as for the FPGA.
-constexpr size_t CPLD_IO_REQUEST = 3;
-constexpr size_t CPLD_CHUNK_FIRST_PAGE = 7;
-constexpr size_t CPLD_CHUNK_COUNT = 11;
-constexpr size_t CPLD_CHUNK_ADDRESS = 12;
-
 constexpr useconds_t CPLD_RECORD_WAIT_US = 1000000;
 constexpr useconds_t CPLD_RECORD_REREAD_US = 10000;
 constexpr int CPLD_RECORD_REREADS = 3;
-constexpr useconds_t CPLD_CAPACITY_POLL_US = 1000000;
-// The driver frees room within milliseconds; one still full after 30 polls
-// of 1 s has stopped moving, and the handler's second attempt starts afresh.
-constexpr uint32_t CPLD_CAPACITY_POLLS = 30;
 constexpr useconds_t CPLD_RUN_WAIT_US = 20000000;
-constexpr useconds_t CPLD_REPORT_FIRST_WAIT_US = 2000000;
-constexpr useconds_t CPLD_REPORT_BACKOFF_US = 200000;
-constexpr int CPLD_REPORT_REREADS = 6;
+// 2 s, then up to six more reads after 200 ms doubling to 6,400 ms: a slow
+// microcontroller is polled seldom.
+constexpr usbMgmtReportWait CPLD_REPORT_WAIT = {2000000, 6, 200000, true};
 
 constexpr uint32_t CPLD_STATE_WRITTEN = 0xFFFFFFFF;
 constexpr uint32_t CPLD_STATE_RUN = 0;
@@ -47,7 +34,19 @@ constexpr uint32_t CPLD_STATE_RUN = 0;
 constexpr const char *CPLD_STAMP_FORMAT = "%s %d-%d-%d %d:%d:%d";
 constexpr const char *CPLD_STAMP_PREFIX = "time :";
 
-static_assert(CPLD_CHUNK_ADDRESS + 8 <= QX_REPORT_SIZE);
+static_assert(CPLD_PAGE_SIZE == USB_MGMT_UPLOAD_PAGE_SIZE && CPLD_CHUNK_PAGES == USB_MGMT_UPLOAD_CHUNK_PAGES);
+
+// Capacity polled every second, given up after 30 s (30 polls); the
+// handler's second attempt then starts afresh.
+constexpr usbMgmtUploadRules CPLD_UPLOAD = {
+    .logSource = CPLD_LOG_SOURCE,
+    .minSize = CPLD_FILE_SIZE_MIN,
+    .maxSize = CPLD_FILE_SIZE_MAX,
+    .logFileSize = false,
+    .chunkRequest = PIC_HID_PROGRAM_CPLD,
+    .roomPollUs = 1000000,
+    .roomPolls = 30,
+};
 static_assert(CPLD_DATA_SIZE / CPLD_PAGE_SIZE == 200);
 // The longest stamp (a four-digit year) and its NUL stay inside the report.
 static_assert(CPLD_RECORD_STAMP + sizeof "time : 2026-12-31 23:59:59" <= QX_REPORT_SIZE);
@@ -61,49 +60,12 @@ struct {
 auto &cpldImage = cpldUpgradePrivateMembers;
 
 
-void __cpldIoBlock(uint8_t *report, uint32_t request, uint8_t seq)
-{
-    report[QX_REPORT_CODE] = QX_HID_CMD_IO_CMD;
-    report[QX_REPORT_SEQ] = seq;
-    lePut32(&report[CPLD_IO_REQUEST], request);
-}
-
 int32_t __cpldSend(uint32_t request)
 {
     qxUsbBlock cmd{};
     qxUsbBlock resp{};
-    __cpldIoBlock(cmd.data(), request, 0);
+    usbMgmtIoBlock(cmd.data(), request, 0);
     return usbMgmtCmd(cmd, resp);
-}
-
-ssize_t __cpldReadFile(const char *path, size_t size)
-{
-    // Opened without blocking and checked once open: a FIFO or a device that
-    // stat passed must neither hold the service nor be taken for a file.
-    uniqueFd fd(platformSys.open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC, 0));
-    if (!fd.valid()) {
-        evm_log(0, CPLD_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-error opening file: %s - '%s'", path,
-                std::strerror(errno));
-        return -1;
-    }
-    struct stat st = {};
-    if (fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
-        const char *reason = S_ISDIR(st.st_mode) ? std::strerror(EISDIR) : "not a regular file";
-        evm_log(0, CPLD_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-error opening file: %s - '%s'", path, reason);
-        return -1;
-    }
-    size_t got = 0;
-    while (got < size) {
-        const ssize_t n = platformSys.read(fd.get(), &cpldImage.data[got], size - got);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            break;
-        }
-        got += static_cast<size_t>(n);
-    }
-    return static_cast<ssize_t>(got);
 }
 
 // The time stamp text of the record, from the seam's clock in local time.
@@ -120,52 +82,9 @@ void __cpldStamp(uint8_t *block)
     block[CPLD_RECORD_STAMP_LEN] = static_cast<uint8_t>(std::strlen(text));
 }
 
-enum class cpldRoom : uint8_t { FREE, FAILED, STAYED_BUSY };
-
-cpldRoom __cpldWaitForRoom(int32_t &rc)
-{
-    for (uint32_t poll = 0; poll < CPLD_CAPACITY_POLLS; ++poll) {
-        picHidIoctlArg query{};
-        const uint8_t seq = qxUsbGetNextSeqNumber();
-        __cpldIoBlock(query.report, PIC_HID_IS_URB_AVAILABLE, seq);
-        query.report[CPLD_CHUNK_COUNT] = CPLD_CHUNK_PAGES;
-        rc = qxUsbRawIoctCmd(&query);
-        if (rc != 0) {
-            evm_log(0, CPLD_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-PIC_HID_IS_URB_AVAILABLE rc: %d", rc);
-            return cpldRoom::FAILED;
-        }
-        if (query.report[QX_REPORT_CODE] == PIC_HID_ACK_URB
-            && query.report[QX_REPORT_SEQ] == (seq ^ PIC_HID_ACK_SEQ_XOR) && query.report[QX_REPORT_STATUS] == 0) {
-            return cpldRoom::FREE;
-        }
-        platformSys.usleep(CPLD_CAPACITY_POLL_US);
-    }
-    evm_log(0, CPLD_LOG_SOURCE, __LINE__,
-            "QX_TRACE_FILE-PIC_HID_IS_URB_AVAILABLE: driver still busy after %u polls, giving up",
-            static_cast<unsigned>(CPLD_CAPACITY_POLLS));
-    rc = -1;
-    return cpldRoom::STAYED_BUSY;
-}
-
 int32_t cpldWaitForReport(const qxUsbBlock &cmd, qxUsbBlock &resp)
 {
-    resp.fill(0);
-    platformSys.usleep(CPLD_REPORT_FIRST_WAIT_US);
-    int32_t rc = qxUsbGetReport(resp.data());
-    useconds_t wait = CPLD_REPORT_BACKOFF_US;
-    for (int reread = 0; reread < CPLD_REPORT_REREADS && resp[QX_REPORT_SEQ] != cmd[QX_REPORT_SEQ]; ++reread) {
-        platformSys.usleep(wait);
-        wait *= 2;
-        resp.fill(0);
-        rc = qxUsbGetReport(resp.data());
-    }
-    if (rc != 0) {
-        return rc;
-    }
-    if (resp[QX_REPORT_SEQ] == cmd[QX_REPORT_SEQ]) {
-        return 0;
-    }
-    return resp[QX_REPORT_CODE] == cmd[QX_REPORT_CODE] ? 0 : 1;
+    return usbMgmtAwaitReport(CPLD_REPORT_WAIT, cmd, resp);
 }
 
 // The record read back: size, CRC and the state word the step requires.
@@ -198,23 +117,16 @@ void __cpldClearRecord()
 int32_t cpldUpgradeFileInit(const char *path)
 {
     evm_log(0, CPLD_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-%s:: fileName: %s", "cpldUpgradeFileInit", path);
-    struct stat st = {};
-    if (stat(path, &st) != 0) {
-        evm_log(0, CPLD_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-error finding file: %s", path);
-        return -1;
-    }
-    if (st.st_size < CPLD_FILE_SIZE_MIN || st.st_size > CPLD_FILE_SIZE_MAX) {
-        evm_log(0, CPLD_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-error wrong file size: %ld [min: %d], [max: %d]",
-                static_cast<long>(st.st_size), CPLD_FILE_SIZE_MIN, CPLD_FILE_SIZE_MAX);
+    const ssize_t size = usbMgmtUploadFileSize(CPLD_UPLOAD, path);
+    if (size < 0) {
         return -1;
     }
     std::fill(std::begin(cpldImage.data), std::end(cpldImage.data), CPLD_FILE_FILL);
-    const auto size = static_cast<size_t>(st.st_size);
-    const ssize_t got = __cpldReadFile(path, size);
+    const ssize_t got = usbMgmtUploadReadFile(CPLD_UPLOAD, path, cpldImage.data, static_cast<size_t>(size));
     if (got < 0) {
         return -1;
     }
-    if (static_cast<size_t>(got) != size) {
+    if (got != size) {
         evm_log(0, CPLD_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-fread error rc: %d", static_cast<int>(got));
         return -1;
     }
@@ -267,26 +179,7 @@ int32_t cpldProgramInfo(int32_t clear)
 int32_t cpldProgramBin()
 {
     const uint32_t pages = (static_cast<uint32_t>(cpldImage.upgradeSize) + CPLD_PAGE_SIZE - 1) / CPLD_PAGE_SIZE;
-    uint32_t next = 0;
-    while (next < pages) {
-        int32_t rc = 0;
-        if (__cpldWaitForRoom(rc) != cpldRoom::FREE) {
-            return rc;
-        }
-        const uint32_t count = std::min(CPLD_CHUNK_PAGES, pages - next);
-        qxUsbBlock cmd{};
-        qxUsbBlock resp{};
-        __cpldIoBlock(cmd.data(), PIC_HID_PROGRAM_CPLD, qxUsbGetNextSeqNumber());
-        lePut24(&cmd[CPLD_CHUNK_FIRST_PAGE], next);
-        cmd[CPLD_CHUNK_COUNT] = static_cast<uint8_t>(count);
-        lePut64(&cmd[CPLD_CHUNK_ADDRESS], reinterpret_cast<uintptr_t>(&cpldImage.data[CPLD_PAGE_SIZE * next]));
-        rc = usbMgmtCmd(cmd, resp);
-        if (rc != 0) {
-            return rc;
-        }
-        next += count;
-    }
-    return 0;
+    return usbMgmtUploadPages(CPLD_UPLOAD, cpldImage.data, pages);
 }
 
 int32_t cpldCrcCheck()

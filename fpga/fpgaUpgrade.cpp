@@ -7,14 +7,11 @@
 #include "evmLog.h"
 #include "leBytes.h"
 #include "sysSeam.h"
-#include "uniqueFd.h"
 #include "usbMgmt.h"
+#include "usbMgmtUpload.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
-#include <fcntl.h>
-#include <sys/stat.h>
 
 namespace {
 
@@ -23,11 +20,6 @@ constexpr const char *FPGA_LOG_SOURCE = "fpgaUpgrade";
 constexpr size_t FPGA_BLOCK_SIZE = 1024; // the unit of the upgrade size walk
 constexpr uint8_t FPGA_FILL = 0xFF;
 
-// IO command block: request number at bytes 3-6; chunk fields from byte 7.
-constexpr size_t FPGA_IO_REQUEST = 3;
-constexpr size_t FPGA_CHUNK_FIRST_PAGE = 7; // 24-bit
-constexpr size_t FPGA_CHUNK_COUNT = 11;     // also the capacity query's 30
-constexpr size_t FPGA_CHUNK_ADDRESS = 12;   // 64-bit
 constexpr size_t FPGA_STATUS_STATE = 3;     // 32-bit state in a status report
 constexpr size_t FPGA_PATH = 3;             // the path's first byte in the command block
 
@@ -38,17 +30,23 @@ constexpr useconds_t FPGA_ERASE_WAIT_US = 55000000;
 constexpr int FPGA_ERASE_QUERIES = 80;
 constexpr useconds_t FPGA_ERASE_QUERY_PAUSE_US = 1000000;
 constexpr useconds_t FPGA_REPORT_WAIT_US = 20000;
-constexpr useconds_t FPGA_CAPACITY_POLL_US = 50000;
-// The driver frees room within milliseconds of a chunk going out; one that
-// stays full for 30 s (600 polls of 50 ms) has stopped moving, so the upgrade
-// gives up instead of holding every other client for ever.
-constexpr uint32_t FPGA_CAPACITY_POLLS = 600;
 constexpr int FPGA_CLEAN_UP_TRIES = 3;
 constexpr useconds_t FPGA_CLEAN_UP_WAIT_US = 2000000;
 
 static_assert(FPGA_DATA_SIZE >= FPGA_FILE_SIZE_MAX + FPGA_BLOCK_SIZE, "the size walk's last block lies in data");
 static_assert((FPGA_FILE_SIZE_MAX / FPGA_PAGE_SIZE) < (1u << 24), "a page index fits the chunk's 24 bits");
-static_assert(FPGA_CHUNK_ADDRESS + 8 <= QX_REPORT_SIZE);
+static_assert(FPGA_PAGE_SIZE == USB_MGMT_UPLOAD_PAGE_SIZE && FPGA_CHUNK_PAGES == USB_MGMT_UPLOAD_CHUNK_PAGES);
+
+// Capacity polled every 50 ms, given up after 30 s (600 polls).
+constexpr usbMgmtUploadRules FPGA_UPLOAD = {
+    .logSource = FPGA_LOG_SOURCE,
+    .minSize = FPGA_FILE_SIZE_MIN,
+    .maxSize = FPGA_FILE_SIZE_MAX,
+    .logFileSize = true,
+    .chunkRequest = PIC_HID_PROGRAM_FPGA,
+    .roomPollUs = 50000,
+    .roomPolls = 600,
+};
 
 struct {
     int32_t upgradeSize = 0;
@@ -57,18 +55,10 @@ struct {
 
 auto &fpgaImage = fpgaUpgradePrivateMembers;
 
-// An IO command for `request`; byte 1 is the sequence number (0 where none is taken).
-void __fpgaIoBlock(uint8_t *report, uint32_t request, uint8_t seq)
-{
-    report[QX_REPORT_CODE] = QX_HID_CMD_IO_CMD;
-    report[QX_REPORT_SEQ] = seq;
-    lePut32(&report[FPGA_IO_REQUEST], request);
-}
-
 int32_t __fpgaSend(uint32_t request, uint8_t seq, qxUsbBlock &resp)
 {
     qxUsbBlock cmd{};
-    __fpgaIoBlock(cmd.data(), request, seq);
+    usbMgmtIoBlock(cmd.data(), request, seq);
     resp.fill(0);
     return usbMgmtCmd(cmd, resp);
 }
@@ -89,40 +79,6 @@ bool __fpgaReadStatus(qxUsbBlock &resp, uint8_t seq, uint32_t state)
     return __fpgaIsStatus(resp, seq, state);
 }
 
-// Reads the whole file into data; the count read, or -1 when the file cannot
-// be read at all (logged here).
-ssize_t __fpgaReadFile(const char *path, size_t size)
-{
-    // Opened without blocking and checked once open: a FIFO or a device that
-    // stat passed must neither hold the service nor be taken for a file.
-    uniqueFd fd(platformSys.open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC, 0));
-    if (!fd.valid()) {
-        evm_log(0, FPGA_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-error opening file: %s - '%s'", path,
-                std::strerror(errno));
-        return -1;
-    }
-    struct stat st = {};
-    if (fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
-        const char *reason = S_ISDIR(st.st_mode) ? std::strerror(EISDIR) : "not a regular file";
-        evm_log(0, FPGA_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-error opening file: %s - '%s'", path, reason);
-        return -1;
-    }
-    evm_log(0, FPGA_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-st.st_size: %ld", static_cast<long>(size));
-    // One read as far as the system gives it; continued only where it stops early.
-    size_t got = 0;
-    while (got < size) {
-        const ssize_t n = platformSys.read(fd.get(), &fpgaImage.data[got], size - got);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            break;
-        }
-        got += static_cast<size_t>(n);
-    }
-    return static_cast<ssize_t>(got);
-}
-
 // The size to program: up to and including the first all-0xFF 1 KiB block, or
 // the file's size rounded up to the next block.
 int32_t __fpgaUpgradeSizeOf(size_t size)
@@ -138,60 +94,25 @@ int32_t __fpgaUpgradeSizeOf(size_t size)
     return static_cast<int32_t>(end);
 }
 
-enum class fpgaRoom : uint8_t { FREE, FAILED, STAYED_BUSY };
-
-// Polls the driver until it has room for a chunk, at most FPGA_CAPACITY_POLLS times.
-fpgaRoom __fpgaWaitForRoom(int32_t &rc)
-{
-    for (uint32_t poll = 0; poll < FPGA_CAPACITY_POLLS; ++poll) {
-        picHidIoctlArg query{};
-        const uint8_t seq = qxUsbGetNextSeqNumber();
-        __fpgaIoBlock(query.report, PIC_HID_IS_URB_AVAILABLE, seq);
-        query.report[FPGA_CHUNK_COUNT] = FPGA_CHUNK_PAGES;
-        rc = qxUsbRawIoctCmd(&query);
-        if (rc != 0) {
-            evm_log(0, FPGA_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-PIC_HID_IS_URB_AVAILABLE rc: %d", rc);
-            return fpgaRoom::FAILED;
-        }
-        if (query.report[QX_REPORT_CODE] == PIC_HID_ACK_URB
-            && query.report[QX_REPORT_SEQ] == (seq ^ PIC_HID_ACK_SEQ_XOR) && query.report[QX_REPORT_STATUS] == 0) {
-            return fpgaRoom::FREE;
-        }
-        platformSys.usleep(FPGA_CAPACITY_POLL_US);
-    }
-    evm_log(0, FPGA_LOG_SOURCE, __LINE__,
-            "QX_TRACE_FILE-PIC_HID_IS_URB_AVAILABLE: driver still busy after %u polls, giving up",
-            static_cast<unsigned>(FPGA_CAPACITY_POLLS));
-    rc = -1;
-    return fpgaRoom::STAYED_BUSY;
-}
-
 } // namespace
 
 int32_t fpgaUpgradeFileInit(const char *path)
 {
     evm_log(0, FPGA_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-%s:: fileName: %s", "fpgaUpgradeFileInit", path);
-    struct stat st = {};
-    if (stat(path, &st) != 0) {
-        evm_log(0, FPGA_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-error finding file: %s", path);
+    const ssize_t size = usbMgmtUploadFileSize(FPGA_UPLOAD, path);
+    if (size < 0) {
         return -1;
     }
-    if (st.st_size < FPGA_FILE_SIZE_MIN || st.st_size > FPGA_FILE_SIZE_MAX) {
-        evm_log(0, FPGA_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-error wrong file size: %ld [min: %d], [max: %d]",
-                static_cast<long>(st.st_size), FPGA_FILE_SIZE_MIN, FPGA_FILE_SIZE_MAX);
-        return -1;
-    }
-    const auto size = static_cast<size_t>(st.st_size);
-    const ssize_t got = __fpgaReadFile(path, size);
+    const ssize_t got = usbMgmtUploadReadFile(FPGA_UPLOAD, path, fpgaImage.data, static_cast<size_t>(size));
     if (got < 0) {
         return -1;
     }
-    if (static_cast<size_t>(got) != size) {
+    if (got != size) {
         evm_log(0, FPGA_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-fread error rc: %d", static_cast<int>(got));
         return -1;
     }
     std::fill(&fpgaImage.data[size], std::end(fpgaImage.data), FPGA_FILL);
-    fpgaImage.upgradeSize = __fpgaUpgradeSizeOf(size);
+    fpgaImage.upgradeSize = __fpgaUpgradeSizeOf(static_cast<size_t>(size));
     return 0;
 }
 
@@ -228,26 +149,7 @@ int32_t fpgaUpgradeEraseFpga()
 int32_t fpgaProgramConfig()
 {
     const uint32_t pages = (static_cast<uint32_t>(fpgaImage.upgradeSize) + FPGA_PAGE_SIZE - 1) / FPGA_PAGE_SIZE;
-    uint32_t next = 0;
-    while (next < pages) {
-        int32_t rc = 0;
-        if (__fpgaWaitForRoom(rc) != fpgaRoom::FREE) {
-            return rc;
-        }
-        const uint32_t count = std::min(FPGA_CHUNK_PAGES, pages - next);
-        qxUsbBlock cmd{};
-        qxUsbBlock resp{};
-        __fpgaIoBlock(cmd.data(), PIC_HID_PROGRAM_FPGA, qxUsbGetNextSeqNumber());
-        lePut24(&cmd[FPGA_CHUNK_FIRST_PAGE], next);
-        cmd[FPGA_CHUNK_COUNT] = static_cast<uint8_t>(count);
-        lePut64(&cmd[FPGA_CHUNK_ADDRESS], reinterpret_cast<uintptr_t>(&fpgaImage.data[FPGA_PAGE_SIZE * next]));
-        rc = usbMgmtCmd(cmd, resp);
-        if (rc != 0) {
-            return rc;
-        }
-        next += count;
-    }
-    return 0;
+    return usbMgmtUploadPages(FPGA_UPLOAD, fpgaImage.data, pages);
 }
 
 int32_t fpgaUpgradeCleanUp()

@@ -5,6 +5,7 @@
 #include "qxUsb.h"
 
 #include <cstdint>
+#include <sys/types.h>
 
 using usbMgmtHandler = int32_t (*)(qxUsbBlock &cmd, qxUsbBlock &resp);
 
@@ -38,6 +39,20 @@ int32_t netUsbFuncCpldUpgrade(qxUsbBlock &cmd, qxUsbBlock &resp);
 int32_t netUsbFuncCpldInfo(qxUsbBlock &cmd, qxUsbBlock &resp);
 int32_t netUsbFuncGetOptionBayFanSpeed(qxUsbBlock &cmd, qxUsbBlock &resp);
 int32_t netUsbFuncSetOptionBayFanSpeed(qxUsbBlock &cmd, qxUsbBlock &resp);
+
+// How long a relay waits for the report that answers its command: a first
+// pause, then up to `furtherReads` more reads while the sequence number
+// differs, each after `pauseUs` (doubled after every read when `doubling`).
+struct usbMgmtReportWait {
+    useconds_t firstUs;
+    uint32_t furtherReads;
+    useconds_t pauseUs;
+    bool doubling;
+};
+// The last read's failure status; else 0 when the report carries cmd's
+// sequence number or at least its code, 1 when neither. resp holds the last
+// report read, zeros behind it.
+int32_t usbMgmtAwaitReport(const usbMgmtReportWait &wait, const qxUsbBlock &cmd, qxUsbBlock &resp);
 
 // The handler each code 0-63 dispatches to.
 extern const std::array<usbMgmtHandler, USB_MGMT_TABLE_SIZE> networkUsbFuncTable;

@@ -12,18 +12,8 @@ namespace {
 
 constexpr const char *USB_MGMT_LOG_SOURCE = "usbMgmt";
 
-constexpr useconds_t USB_MGMT_SLOW_FIRST_WAIT_US = 2000000;
-
-struct usbMgmtSlowRelay {
-    uint8_t code;
-    uint32_t furtherReads;
-    useconds_t pauseUs;
-};
-
-constexpr std::array<usbMgmtSlowRelay, 2> USB_MGMT_SLOW_RELAYS = {{
-    {QX_HID_CMD_SHUTDOWN, 21, 500000}, // 2 s + 21 x 500 ms = 12.5 s at most
-    {QX_HID_CMD_TRAY_TEST, 30, 200000}, // 2 s + 30 x 200 ms = 8 s at most
-}};
+constexpr usbMgmtReportWait USB_MGMT_SHUTDOWN_WAIT = {2000000, 21, 500000, false};  // 12.5 s at most
+constexpr usbMgmtReportWait USB_MGMT_TRAY_TEST_WAIT = {2000000, 30, 200000, false}; // 8 s at most
 
 // File-transfer test command: length at bytes 3-6, buffer address at 7-14.
 constexpr size_t USB_MGMT_XFER_LEN = 3;
@@ -32,20 +22,31 @@ constexpr uint32_t USB_MGMT_XFER_MAX = MAIN_TEST_BUF_SIZE;
 static_assert(USB_MGMT_XFER_MAX == 0x800000);
 static_assert(USB_MGMT_XFER_BUF + 8 <= QX_REPORT_SIZE);
 
-int32_t __usbMgmtSlowRelay(const usbMgmtSlowRelay &relay, qxUsbBlock &cmd, qxUsbBlock &resp)
+int32_t __usbMgmtSlowRelay(const usbMgmtReportWait &wait, qxUsbBlock &cmd, qxUsbBlock &resp)
 {
     cmd[QX_REPORT_SEQ] = qxUsbGetNextSeqNumber();
-    int32_t rc = qxUsbCmd(cmd.data());
+    const int32_t rc = qxUsbCmd(cmd.data());
     if (rc != 0) {
         evm_log(0, USB_MGMT_LOG_SOURCE, __LINE__, "QX_TRACE_USB-***usb cmd failed***");
         return rc;
     }
+    return usbMgmtAwaitReport(wait, cmd, resp);
+}
+
+} // namespace
+
+int32_t usbMgmtAwaitReport(const usbMgmtReportWait &wait, const qxUsbBlock &cmd, qxUsbBlock &resp)
+{
     resp.fill(0);
-    platformSys.usleep(USB_MGMT_SLOW_FIRST_WAIT_US);
-    rc = qxUsbGetReport(resp.data());
+    platformSys.usleep(wait.firstUs);
+    int32_t rc = qxUsbGetReport(resp.data());
+    useconds_t pause = wait.pauseUs;
     // A failing read does not end the wait; only the last one's result counts.
-    for (uint32_t read = 0; read < relay.furtherReads && resp[QX_REPORT_SEQ] != cmd[QX_REPORT_SEQ]; ++read) {
-        platformSys.usleep(relay.pauseUs);
+    for (uint32_t read = 0; read < wait.furtherReads && resp[QX_REPORT_SEQ] != cmd[QX_REPORT_SEQ]; ++read) {
+        platformSys.usleep(pause);
+        if (wait.doubling) {
+            pause *= 2;
+        }
         resp.fill(0);
         rc = qxUsbGetReport(resp.data());
     }
@@ -55,19 +56,18 @@ int32_t __usbMgmtSlowRelay(const usbMgmtSlowRelay &relay, qxUsbBlock &cmd, qxUsb
     if (resp[QX_REPORT_SEQ] == cmd[QX_REPORT_SEQ]) {
         return 0;
     }
+    // A report of the same command under another number still answers it.
     return resp[QX_REPORT_CODE] != cmd[QX_REPORT_CODE] ? 1 : 0;
 }
 
-} // namespace
-
 int32_t netUsbFuncShutDown(qxUsbBlock &cmd, qxUsbBlock &resp)
 {
-    return __usbMgmtSlowRelay(USB_MGMT_SLOW_RELAYS[0], cmd, resp);
+    return __usbMgmtSlowRelay(USB_MGMT_SHUTDOWN_WAIT, cmd, resp);
 }
 
 int32_t netUsbFuncTrayTest(qxUsbBlock &cmd, qxUsbBlock &resp)
 {
-    return __usbMgmtSlowRelay(USB_MGMT_SLOW_RELAYS[1], cmd, resp);
+    return __usbMgmtSlowRelay(USB_MGMT_TRAY_TEST_WAIT, cmd, resp);
 }
 
 int32_t netUsbFuncFileTransfer(qxUsbBlock &cmd, qxUsbBlock &)
