@@ -2,6 +2,7 @@
 // always ready: the loader's own cost per run, the mandated sleeps left out
 // (usleep does nothing here). A full image hands over every chunk; a sparse
 // one is mostly availability polls over blank chunks.
+#include "benchNode.h"
 #include "evmLog.h"
 #include "qxFile.h"
 #include "qxLoader.h"
@@ -19,22 +20,12 @@
 
 namespace {
 
-constexpr int BENCH_NODE_FD = 1 << 20; // never a real descriptor
 
 struct {
     uint64_t packets = 0; // PROGRAM / PROGRAM_DONE requests seen
     uint8_t lastPacket[QX_REPORT_SIZE] = {};
 } benchDriver;
 
-int __benchOpen(const char *path, int flags, mode_t mode)
-{
-    if (strcmp(path, QX_USB_DEVICE_PATH) == 0) {
-        return BENCH_NODE_FD;
-    }
-    return PLATFORM_SYS_LIBC.open(path, flags, mode);
-}
-
-int __benchClose(int fd) { return fd == BENCH_NODE_FD ? 0 : PLATFORM_SYS_LIBC.close(fd); }
 
 // Acknowledges set-up and availability at once; takes a copy of each packet
 // handed over by address, as the driver does.
@@ -141,8 +132,8 @@ std::vector<uint8_t> __benchSparseImage()
 void __benchProgram(benchmark::State &state, const std::vector<uint8_t> &image)
 {
     const platformSysOps saved = platformSys;
-    platformSys.open = __benchOpen;
-    platformSys.close = __benchClose;
+    platformSys.open = benchNodeOpen;
+    platformSys.close = benchNodeClose;
     platformSys.ioctl = __benchIoctl;
     platformSys.usleep = __benchUsleep;
     evmLogSetSink(__benchDropLine);

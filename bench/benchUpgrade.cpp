@@ -4,6 +4,7 @@
 // cache, the bit-by-bit CRC over the largest CPLD file, and the heap
 // allocations of a whole FPGA and CPLD upgrade on the simulated appliance
 // (there must be none).
+#include "benchNode.h"
 #include "cpldUpgrade.h"
 #include "evmLog.h"
 #include "fpgaUpgrade.h"
@@ -26,7 +27,6 @@ extern "C" void *__libc_malloc(size_t);
 
 namespace {
 
-constexpr int BENCH_NODE_FD = 1 << 20; // never a real descriptor
 constexpr size_t BENCH_FPGA_SIZE = 16u << 20;
 constexpr const char *BENCH_FPGA_FILE = "/tmp/benchUpgrade-16MiB.bin";
 
@@ -36,15 +36,6 @@ struct {
     uint8_t firstByte = 0;
 } benchDriver;
 
-int __benchOpen(const char *path, int flags, mode_t mode)
-{
-    if (strcmp(path, QX_USB_DEVICE_PATH) == 0) {
-        return BENCH_NODE_FD;
-    }
-    return PLATFORM_SYS_LIBC.open(path, flags, mode);
-}
-
-int __benchClose(int fd) { return fd == BENCH_NODE_FD ? 0 : PLATFORM_SYS_LIBC.close(fd); }
 
 // Room at once for every chunk; a chunk's first page is touched by address.
 int __benchIoctl(int fd, unsigned long request, void *arg)
@@ -90,8 +81,8 @@ bool __benchWriteFile()
 struct benchSeam {
     benchSeam() : saved(platformSys)
     {
-        platformSys.open = __benchOpen;
-        platformSys.close = __benchClose;
+        platformSys.open = benchNodeOpen;
+        platformSys.close = benchNodeClose;
         platformSys.ioctl = __benchIoctl;
         platformSys.usleep = __benchUsleep;
         evmLogSetSink(__benchDropLine);
