@@ -1,10 +1,12 @@
 // The dispatcher, the relays and the host-held tables against the simulated appliance: the relay's waits,
-// matching rules and results, the codes without a handler, and the per-bay tables.
-#include "simFixture.h"
-#include "usbMgmt.h"
+// matching rules and results, the codes without a handler, the per-bay tables, the slow relays (shutdown and tray
+// test), the file-transfer test, and the CPLD handler's second attempt.
+#include "../fpga/upgradeFixture.h"
+#include "main.h"
 
 #include <numeric>
 #include <span>
+#include <tuple>
 
 namespace {
 
@@ -12,11 +14,11 @@ const std::vector<uint64_t> RELAY_WAITS = {2000, 500, 1000, 2000, 4000, 8000, 16
 const std::string BAD_SEQ = "0 QX_TRACE_USB-*** usb cmd failed: Bad Sequence Number ***";
 const std::string READ_EIO = "6 qxUsbGetReport: ioctl(PIC_HID_GET_REPORT) failed - 'Input/output error'";
 
-class usbMgmtTest : public simLinkTest {
+class usbMgmtTest : public upgradeTest {
 protected:
     void SetUp() override
     {
-        simLinkTest::SetUp();
+        upgradeTest::SetUp();
         while (qxUsbGetState().seqNum >= 250) {
             qxUsbGetNextSeqNumber(); // keep 0 away: a zero report would match it
         }
@@ -36,19 +38,13 @@ protected:
         return resp[4];
     }
     qxUsbBlock cmd{};
-    qxUsbBlock resp{};
 };
 
 TEST_F(usbMgmtTest, relayPollsAfterGrowingWaitsAndMatchesTheNumberThenTheCode)
 {
-    struct {
-        const char *name;
-        void (*arrange)();
-        int32_t rc;
-        size_t reads;
-        char resp; // M: the reply, S: same code under another number, O: another code, Z: zeros, U: untouched
-        std::vector<std::string> lines;
-    } cases[] = {
+    // what, the fault, result, reads, lines, and the response: M the reply, S the same code under another number,
+    // O another code, Z zeros, U untouched
+    const std::tuple<const char *, void (*)(), int32_t, size_t, char, std::vector<std::string>> cases[] = {
         {"no reply yet", [] { simSetReplyFault(simReplyFault::NO_REPLY, 1); }, 1, 7, 'Z', {BAD_SEQ}},
         {"reply at once", [] {}, 0, 1, 'M', {}},
         {"two failed reads, the old report, the reply",
@@ -67,20 +63,20 @@ TEST_F(usbMgmtTest, relayPollsAfterGrowingWaitsAndMatchesTheNumberThenTheCode)
          {"6 qxUsbCmd: ioctl(1079527424) failed - 'Input/output error'",
           "0 QX_TRACE_USB-*** usb cmd (48) failed ***(-1)"}},
     };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.name);
-        c.arrange();
+    for (const auto &[what, arrange, rc, reads, kind, lines] : cases) {
+        SCOPED_TRACE(what);
+        arrange();
         forget();
         const uint8_t seq = static_cast<uint8_t>(qxUsbGetState().seqNum + 1);
-        EXPECT_EQ(request(QX_HID_CMD_GET_STEALTH), c.rc);
+        EXPECT_EQ(request(QX_HID_CMD_GET_STEALTH), rc);
         EXPECT_EQ(cmd[QX_REPORT_SEQ], seq);
-        EXPECT_EQ(simSleeps(), std::vector(RELAY_WAITS.begin(), RELAY_WAITS.begin() + c.reads));
-        EXPECT_EQ(leveled(), c.lines);
-        if (c.resp == 'Z' || c.resp == 'U') {
-            EXPECT_TRUE(allAre(resp, c.resp == 'Z' ? 0 : 0xEE));
+        EXPECT_EQ(simSleeps(), std::vector(RELAY_WAITS.begin(), RELAY_WAITS.begin() + reads));
+        EXPECT_EQ(leveled(), lines);
+        if (kind == 'Z' || kind == 'U') {
+            EXPECT_TRUE(allAre(resp, kind == 'Z' ? 0 : 0xEE));
         } else {
-            EXPECT_EQ(resp[QX_REPORT_CODE], QX_HID_CMD_GET_STEALTH ^ (c.resp == 'O' ? 0x80 : 0));
-            EXPECT_EQ(resp[QX_REPORT_SEQ], seq ^ (c.resp == 'M' ? 0 : 0x80)); // the last report read
+            EXPECT_EQ(resp[QX_REPORT_CODE], QX_HID_CMD_GET_STEALTH ^ (kind == 'O' ? 0x80 : 0));
+            EXPECT_EQ(resp[QX_REPORT_SEQ], seq ^ (kind == 'M' ? 0 : 0x80)); // the last report read
             EXPECT_TRUE(allAre(std::span(resp).subspan(QX_REPORT_SIZE), 0));
         }
     }
@@ -158,6 +154,66 @@ TEST_F(usbMgmtTest, hostHeldAnswersUseUpASequenceNumberAlthoughNothingIsSent)
     EXPECT_THAT(log.texts(), IsEmpty());
     EXPECT_EQ(request(QX_HID_CMD_GET_STEALTH), 0);
     EXPECT_EQ(simEvents()[0].seq, ++seq); // the next relayed request carries the number after them
+}
+
+TEST_F(usbMgmtTest, slowRelaysWait2sThenReadUpTo21Or30TimesMore)
+{
+    // code, reply fault, reply delay, result, further reads, the pause before each
+    const std::tuple<uint8_t, simReplyFault, uint64_t, int32_t, size_t, uint64_t> cases[] = {
+        {QX_HID_CMD_SHUTDOWN, simReplyFault::NONE, 3 * S, 0, 2, 500 * MS},
+        {QX_HID_CMD_SHUTDOWN, simReplyFault::WRONG_SEQ, 0, 0, 21, 500 * MS},
+        {QX_HID_CMD_SHUTDOWN, simReplyFault::WRONG_CODE_SEQ, 0, 1, 21, 500 * MS},
+        {QX_HID_CMD_TRAY_TEST, simReplyFault::WRONG_CODE_SEQ, 0, 1, 30, 200 * MS},
+    };
+    for (const auto &[code, fault, delayUs, rc, furtherReads, pauseUs] : cases) {
+        SCOPED_TRACE(testing::Message() << int(code) << " " << int(fault));
+        simSetReplyFault(fault, 1);
+        simSetReplyDelayUs(code, delayUs);
+        forget();
+        EXPECT_EQ(request(code), rc);
+        EXPECT_EQ(simSleeps(), repeat({2 * S}, {pauseUs}, furtherReads));
+        EXPECT_THAT(leveled("usbMgmt"), IsEmpty());
+    }
+    simFailIoctl(PIC_HID_SEND_REPORT, EIO, 1);
+    EXPECT_EQ(request(QX_HID_CMD_SHUTDOWN), -1);
+    EXPECT_TRUE(allAre(resp, 0xEE));
+    EXPECT_THAT(leveled("usbMgmt"), ElementsAre("0 QX_TRACE_USB-***usb cmd failed***"));
+}
+
+// What the driver reads from the buffer is pinned by the system test of the start-up pattern.
+TEST_F(usbMgmtTest, fileTransferCapsTheLengthAt8MiBAndHandsTheTestBufferByAddress)
+{
+    const std::pair<uint32_t, uint32_t> lengths[] = {{0x900000, 0x800000}, {0x800000, 0x800000}, {4096, 4096}};
+    for (auto [asked, len] : lengths) {
+        cmd = cmdFor(QX_HID_CMD_FILE_TRANSFER_TEST, "");
+        lePut32(&cmd[3], asked);
+        resp.fill(0xEE);
+        EXPECT_EQ(usbMgmtCmd(cmd, resp), 0);
+        EXPECT_TRUE(allAre(resp, 0xEE));
+        const report64 sentReport = reports(PIC_HID_FILE_TRANSFER_TEST, QX_HID_CMD_FILE_TRANSFER_TEST).back();
+        EXPECT_EQ(leGet32(&sentReport[3]), len);
+        EXPECT_EQ(leGet64(&sentReport[7]), reinterpret_cast<uintptr_t>(__testingTmmmmpBuf));
+        EXPECT_TRUE(simLastFileTransfer().readOk && simLastFileTransfer().len == len);
+    }
+    simFailIoctl(PIC_HID_FILE_TRANSFER_TEST, EIO, 1);
+    EXPECT_EQ(request(QX_HID_CMD_FILE_TRANSFER_TEST), -1);
+    EXPECT_THAT(leveled("usbMgmt"), ElementsAre("0 QX_TRACE_USB-netUsbFuncFileTransfer: usb cmd failed!"));
+}
+
+TEST_F(usbMgmtTest, cpldUpgradeRunsASecondAttempt1sAfterAFailedFirst)
+{
+    cmd = cmdFor(QX_HID_CMD_CPLD_UPGRADE, "/nonexistent/cpld.jbc");
+    EXPECT_EQ(usbMgmtCmd(cmd, resp), -1);
+    EXPECT_THAT(simSleeps(), ElementsAre(1 * S));
+    EXPECT_EQ(log.count("QX_TRACE_FILE-error finding file: /nonexistent/cpld.jbc"), 2u);
+
+    cmd = cmdFor(QX_HID_CMD_CPLD_UPGRADE, std::string(TARNHOLD_TESTDATA) + "/jbc/PIXEL8x4.jbc");
+    simSetUpgradeFault(simUpgradeFault::READBACK_OTHER_CRC, 1);
+    forget();
+    EXPECT_EQ(usbMgmtCmd(cmd, resp), 0);
+    // Clear, write, read-back, clear again; the pause; then a whole attempt.
+    EXPECT_THAT(simSleeps(), ElementsAre(1 * S, 1 * S, 2 * S, 1 * S, 1 * S, 1 * S, 1 * S, 2 * S, 20 * S, 2 * S));
+    EXPECT_EQ(simGetSlot(9).word0, 43273u | 0x1D3Cu << 16);
 }
 
 } // namespace
