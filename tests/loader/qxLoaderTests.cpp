@@ -1,5 +1,6 @@
 // The loader on the simulated appliance, in virtual time: platform selection, the send-and-wait exchange,
 // stored values, GET_INFO, go and erase, the device search, programming and the start-up upgrade.
+#include "leBytes.h"
 #include "qxFile.h"
 #include "qxLoader.h"
 #include "simFixture.h"
@@ -12,6 +13,7 @@
 #include <functional>
 #include <iterator>
 #include <numeric>
+#include <set>
 #include <tuple>
 #include <unistd.h>
 #include <utility>
@@ -304,7 +306,13 @@ TEST_F(qxLoaderOnSim, deviceSearchWaitsGrowToOneSecondResetsAfterTheFifthAndGive
 
 TEST_F(qxLoaderOnSim, programmingHandsOverNonBlankChunksByAddressWithACompleteAfterEachGapAndAtTheEnd)
 {
-    // The driver reads each packet at the next request: a block reused or gone by then leaves the flash wrong.
+    std::set<uint64_t> blocks[2]; // the driver is given the same two blocks throughout
+    wire.hook = [&blocks](uint32_t request, picHidIoctlArg &arg, bool answered) {
+        if (!answered && (request == PIC_HID_PIC32_PROGRAM || request == PIC_HID_PIC32_PROGRAM_DONE)) {
+            blocks[request == PIC_HID_PIC32_PROGRAM_DONE].insert(leGet64(&arg.report[12])); // where its report lies
+        }
+        return 0;
+    };
     bytes data = imageWith(0, CHUNK);
     data[CHUNK + 5] = 0; // one byte not erased: the chunk goes whole
     std::iota(data.end() - 48, data.end(), 0x80);
@@ -313,6 +321,7 @@ TEST_F(qxLoaderOnSim, programmingHandsOverNonBlankChunksByAddressWithACompleteAf
     EXPECT_TRUE(flashHoldsImage());
     EXPECT_THAT(steps(), ElementsAre(step{0x1D010000, 56}, step{0x1D010038, 56}, COMPLETE, step{0x1D01DAC0, 56},
                                      COMPLETE, step{0x1D062FD0, 48}, COMPLETE));
+    EXPECT_TRUE(blocks[0].size() == 1 && blocks[1].size() == 1 && *blocks[0].begin() != *blocks[1].begin());
     // The set-up first; the driver asked before each hand-over; a fresh sequence number on every request.
     std::vector<simEvent> io;
     std::ranges::copy_if(simEvents(), std::back_inserter(io), [](const simEvent &e) { return e.request != 0; });
