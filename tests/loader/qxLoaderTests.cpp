@@ -271,8 +271,12 @@ TEST_F(qxLoaderOnSim, getInfoMatchesOnCodeSequenceStatusAndProductId)
     EXPECT_THAT(leveled(QX_LOADER_LOG_SOURCE), ElementsAre("1 qxLoaderIsProductIdMatch: 17 matched!!!",
                                                            "6 qxLoaderIsProductIdMatch: 18 doesn't match!!!"));
 
-    // Never echoed: no match. An echo on the third read is the exchange's own rule; an error status is the
-    // start-up's unusable GET_INFO case.
+    // Echoed on the third read: still tested, after two 10 ms waits; never echoed: no match. An error status is
+    // the start-up's unusable GET_INFO case.
+    simSetReplyDelayReads(2);
+    EXPECT_EQ(qxLoaderIsHidApplication(), 1);
+    EXPECT_THAT(simSleeps(), ElementsAre(10000u, 10000u));
+    simSetReplyDelayReads(0);
     simSetReplyFault(simReplyFault::NO_REPLY, 1);
     EXPECT_EQ(qxLoaderIsHidApplication(), 0);
 }
