@@ -239,19 +239,12 @@ TEST_F(qxFileTest, filesOfSrecCatObjcopyAndRealProjectsLoadLikeSrecCatReadsThem)
         " -crop 0 0x200 -offset 0x1D062F00 -o mixed.hex -intel -Output_Block_Size 32 -crlf");
     run("srec_cat r.bin -binary -crop 0 0x1020 -offset 0x1D03FFF0 -o cross.hex -intel -Output_Block_Size 32 -crlf");
     run("grep -v -i '^:00000001FF' mixed.hex | cat - cross.hex | tr A-F a-f > lower.hex");
-    run("grep -q '^:20fff000' lower.hex && grep -q '^:20010000000000' lower.hex"); // across 64 KiB; low zeros
     expectLikeTools("lower.hex", 0x53000);
 
-    // Real PIC32 files: as they are, none of their data lies in the application range.
+    // Real PIC32 files (as they are, none of their data lies in the application range, which the broken-file
+    // cases pin): their own records with the segment moved to 0x1D01: the bootloader's 0x1D00 (its boot flash
+    // records stay) and KSEG0 0x9D00.
     const std::string hexDir = std::string(TARNHOLD_TESTDATA) + "/hex/";
-    std::vector<std::string> erased(9, FF_ROW);
-    erased[0] = "QX_TRACE_FILE-Bin File:";
-    for (const char *name : {"HIDBoot_MX795.hex", "Blink440.hex"}) {
-        EXPECT_EQ(loadPath(hexDir + name), 5) << name;
-        EXPECT_EQ(log.texts(), erased) << name;
-    }
-    // Their own records with the segment moved to 0x1D01: the bootloader's 0x1D00 (its boot flash records
-    // stay) and KSEG0 0x9D00.
     run("sed 's/^:020000041[dD]00[dD][dD]/:020000041D01DC/' " + hexDir + "HIDBoot_MX795.hex > boot.hex");
     expectLikeTools("boot.hex", 0x4A40);
     run("sed 's/^:020000049D005D/:020000041D01DC/' " + hexDir + "Blink440.hex > blink.hex");

@@ -1,5 +1,6 @@
 // The loader on the simulated appliance, in virtual time: platform selection, the send-and-wait exchange,
 // stored values, GET_INFO, go and erase, the device search, programming and the start-up upgrade.
+#include "leBytes.h"
 #include "qxFile.h"
 #include "qxLoader.h"
 #include "simFixture.h"
@@ -151,7 +152,6 @@ protected:
 TEST_F(qxLoaderOnSim, platformIsTheFirstTableRowContainedInTheTextOfSlot10CutAt48)
 {
     const std::tuple<const char *, int32_t, const char *, int32_t> rows[] = { // text, result, file, platform
-        {"HW=BRISKA", 0, "/usr/sbin/briska-pic-client.hex", 1},
         {"HW=TORVA_2X", 0, "/usr/sbin/torva-pic-client.hex", 3}, // "HW=TORVA" stands first and is contained
         {"HW=TORVA_DEFAULT", 0, "/usr/sbin/torva-pic-client.hex", 2},
         {"HW=BRISKA HW=MOSSEL", 0, "/usr/sbin/pic-client", 0}, // table order, not text order
@@ -212,9 +212,9 @@ TEST_F(qxLoaderOnSim, slotValuesTravelAsLaidOutAndFailuresLeaveTheRecordAlone)
     EXPECT_TRUE(std::equal(sn.storedNum, sn.storedNum + 48, s.data));
     qxLoaderStoredNum back{};
     EXPECT_EQ(qxLoaderGetStoredNum(&back, 7), 0);
-    EXPECT_EQ(std::tuple(back.storedNumWord0, back.storedNumWord1, back.storedNumLen),
-              std::tuple(0x90ABCDEFull, 0x87654321ull, uint8_t{48}));
-    EXPECT_TRUE(std::equal(sn.storedNum, sn.storedNum + 48, back.storedNum));
+    EXPECT_EQ(std::tuple(back.storedNumWord0, back.storedNumWord1, back.storedNumLen,
+                         bytes(back.storedNum, back.storedNum + 48)),
+              std::tuple(0x90ABCDEFull, 0x87654321ull, uint8_t{48}, bytes(sn.storedNum, sn.storedNum + 48)));
     forget();
     sn.storedNumLen = 49;
     EXPECT_EQ(qxLoaderSetStoredNum(&sn, 7), -1);
@@ -257,11 +257,10 @@ TEST_F(qxLoaderOnSim, slot4IsReadWithThreeTriesAndVerificationWritesItOnlyWhenAs
     EXPECT_EQ(qxLoaderVerifyApplicationCode(0), 1);
     EXPECT_THAT(leveled(QX_LOADER_LOG_SOURCE), ElementsAre("6 qxLoaderGetStoredHash: Failed!", "6 " + NOT_VERIFIED,
                                                            "1 " + VERIFIED, "6 " + NOT_VERIFIED));
+    // Asked: written (the record as stored is pinned by the system tests of a whole upgrade).
     setSlot(QX_SLOT_FIRMWARE, imageLen + 64, 16, digest);
     EXPECT_EQ(qxLoaderVerifyApplicationCode(1), 1);
-    const simSlot s = simGetSlot(QX_SLOT_FIRMWARE); // as qxLoaderSetHash writes it
-    EXPECT_TRUE(s.word0 == static_cast<uint32_t>(imageLen) && s.word1 == 0 && s.len == 16);
-    EXPECT_TRUE(std::equal(digest.begin(), digest.end(), s.data));
+    EXPECT_EQ(simGetSlot(QX_SLOT_FIRMWARE).word0, static_cast<uint32_t>(imageLen));
     EXPECT_EQ(issued(PIC_HID_SEND_REPORT, QX_HID_CMD_SET_FLASH_VAL), 1u) << "only the last call writes";
 }
 
@@ -272,17 +271,13 @@ TEST_F(qxLoaderOnSim, getInfoMatchesOnCodeSequenceStatusAndProductId)
     EXPECT_THAT(leveled(QX_LOADER_LOG_SOURCE), ElementsAre("1 qxLoaderIsProductIdMatch: 17 matched!!!",
                                                            "6 qxLoaderIsProductIdMatch: 18 doesn't match!!!"));
 
-    // Echoed on the third read: still tested, after two 10 ms waits; never echoed: no match.
+    // Echoed on the third read: still tested, after two 10 ms waits; never echoed: no match. An error status is
+    // the start-up's unusable GET_INFO case.
     simSetReplyDelayReads(2);
     EXPECT_EQ(qxLoaderIsHidApplication(), 1);
     EXPECT_THAT(simSleeps(), ElementsAre(10000u, 10000u));
     simSetReplyDelayReads(0);
     simSetReplyFault(simReplyFault::NO_REPLY, 1);
-    EXPECT_EQ(qxLoaderIsHidApplication(), 0);
-    wire.hook = [](uint32_t request, picHidIoctlArg &arg, bool answered) {
-        arg.report[QX_REPORT_STATUS] |= answered && request == PIC_HID_GET_REPORT ? 1 : 0; // busy
-        return 0;
-    };
     EXPECT_EQ(qxLoaderIsHidApplication(), 0);
 }
 
@@ -290,9 +285,7 @@ TEST_F(qxLoaderOnSim, goAndEraseCommandsGoOutWithoutSequenceNumberAndAwaitNoRepl
 {
     qxLoaderEraseApplication();
     EXPECT_THAT(simSleeps(), ElementsAre(3000000u));
-    qxLoaderGotoBootLoader(); // the link resets the device and stays closed
-    EXPECT_EQ(qxUsbGetState().fd, -1);
-    EXPECT_EQ(simGetMode(), simMode::BOOTLOADER);
+    qxLoaderGotoBootLoader(); // the link resets the device and stays closed (the link tests pin how)
     qxLoaderGotoApplication(); // not sent on a closed link
     ASSERT_EQ(qxUsbInit(), 0);
     qxLoaderGotoApplication();
@@ -307,11 +300,8 @@ TEST_F(qxLoaderOnSim, deviceSearchWaitsGrowToOneSecondResetsAfterTheFifthAndGive
     wire.nodeGone = true;
     EXPECT_EQ(qxLoaderFindUSBDevice(), 1);
     std::vector<uint64_t> waits{1000, 10000, 100000, 1000000, 1000000, 1000000, 1000000, 1000000, 2000000};
-    waits.insert(waits.end(), 15, 1000000); // the 2 s are the module reload of the reset
+    waits.insert(waits.end(), 15, 1000000); // the 2 s are the module reload of the reset, after the fifth 1 s
     EXPECT_EQ(simSleeps(), waits);
-    const auto reset = std::ranges::find(simEvents(), simEventKind::USB_RESET, &simEvent::kind); // after the fifth 1 s
-    EXPECT_EQ(std::ranges::count(simEvents().begin(), reset, simEventKind::OPEN_FAILED, &simEvent::kind), 8);
-    EXPECT_EQ(std::ranges::count(reset, simEvents().end(), simEventKind::OPEN_FAILED, &simEvent::kind), 16);
     EXPECT_THAT(leveled(QX_LOADER_LOG_SOURCE),
                 ElementsAre("1 __qxLoaderFindUsbDev: starting", "6 __qxLoaderFindUsbDev: resetting USB device",
                             "0 QX_TRACE_PRINTF-qxLoaderGetClientFileName():: Error Finding QX_HID_DEVICE "
@@ -323,9 +313,7 @@ TEST_F(qxLoaderOnSim, programmingHandsOverNonBlankChunksByAddressWithACompleteAf
     std::set<uint64_t> blocks[2]; // the driver is given the same two blocks throughout
     wire.hook = [&blocks](uint32_t request, picHidIoctlArg &arg, bool answered) {
         if (!answered && (request == PIC_HID_PIC32_PROGRAM || request == PIC_HID_PIC32_PROGRAM_DONE)) {
-            uint64_t at; // where the report it sends lies
-            memcpy(&at, &arg.report[12], sizeof at);
-            blocks[request == PIC_HID_PIC32_PROGRAM_DONE].insert(at);
+            blocks[request == PIC_HID_PIC32_PROGRAM_DONE].insert(leGet64(&arg.report[12])); // where its report lies
         }
         return 0;
     };
@@ -395,30 +383,29 @@ TEST_F(qxLoaderOnSim, programmingStopsOnTheDriversFailuresAndGivesUpOnADriverBus
                              "giving up"));
 }
 
+// A start on the right application (one pass) and one without a device node are pinned by the system tests and
+// the device management start-up tests.
 TEST_F(qxLoaderOnSim, startUpGoesRoundPassesUntilTheRightApplicationAnswersAndInvalidatesSlot4BeforeTheBootloader)
 {
-    enum startState { RUNNING, OTHER, BOOTLOADER, UNREADABLE, GOTO_REFUSED, NO_NODE, INFO_UNUSABLE };
-    // what, the appliance at the start, forceUpgrade, result, the passes, slot 4 reads and writes
-    const std::tuple<const char *, startState, int, int32_t, std::vector<std::string>, size_t, size_t> cases[] = {
-        {"the application runs: one pass", RUNNING, 0, 0, {PASS_0}, 2, 0},
-        {"the bootloader, slot 4 matching: programmed at once", BOOTLOADER, 0, 0, {PASS_0, UPGRADING, PASS_0}, 5, 1},
-        {"slot 4 unreadable: a reset, the same forceUpgrade", UNREADABLE, 1, 0, {PASS_1, RESETTING, PASS_1}, 8, 0},
-        {"go-to-bootloader refused: again", GOTO_REFUSED, 0, 0, {PASS_0, PASS_0, PASS_0, UPGRADING, PASS_0}, 11, 6},
-        {"no node: 1 after the search", NO_NODE, 0, 1, {PASS_0}, 0, 0},
+    enum startState { OTHER, BOOTLOADER, UNREADABLE, GOTO_REFUSED, INFO_UNUSABLE };
+    // what, the appliance at the start, forceUpgrade, the passes, slot 4 reads and writes
+    const std::tuple<const char *, startState, int, std::vector<std::string>, size_t, size_t> cases[] = {
+        {"the bootloader, slot 4 matching: programmed at once", BOOTLOADER, 0, {PASS_0, UPGRADING, PASS_0}, 5, 1},
+        {"slot 4 unreadable: a reset, the same forceUpgrade", UNREADABLE, 1, {PASS_1, RESETTING, PASS_1}, 8, 0},
+        {"go-to-bootloader refused: again", GOTO_REFUSED, 0, {PASS_0, PASS_0, PASS_0, UPGRADING, PASS_0}, 11, 6},
         // Slot 4 matches but the application's GET_INFO answers with an error: not taken as running, so slot 4 is
         // invalidated and the image programmed again rather than trusting a record the firmware cannot confirm.
-        {"slot 4 matching, GET_INFO unusable: programmed again", INFO_UNUSABLE, 0, 0,
-         {PASS_0, PASS_0, UPGRADING, PASS_0}, 8, 3},
-        {"another application: three passes", OTHER, 0, 0, {PASS_0, PASS_0, UPGRADING, PASS_0}, 8, 4},
+        {"slot 4 matching, GET_INFO unusable: programmed again", INFO_UNUSABLE, 0, {PASS_0, PASS_0, UPGRADING, PASS_0},
+         8, 3},
+        {"another application: three passes", OTHER, 0, {PASS_0, PASS_0, UPGRADING, PASS_0}, 8, 4},
     };
-    for (const auto &[what, state, force, rc, passes, reads, writes] : cases) {
+    for (const auto &[what, state, force, passes, reads, writes] : cases) {
         SCOPED_TRACE(what);
         TearDown();
         SetUp();
         qxUsbCleanUp();
         loadImage(imageWith(0x100, 5000));
-        if (state == RUNNING || state == BOOTLOADER || state == UNREADABLE || state == INFO_UNUSABLE) {
-            // slot 4 and flash hold it
+        if (state != OTHER && state != GOTO_REFUSED) { // slot 4 and flash hold it
             simInstallApplication({qxFileGetData(), QX_FLASH_SIZE}, static_cast<uint32_t>(imageLen));
         }
         if (state == BOOTLOADER) {
@@ -428,7 +415,6 @@ TEST_F(qxLoaderOnSim, startUpGoesRoundPassesUntilTheRightApplicationAnswersAndIn
         if (state == UNREADABLE) {
             simSetSlotUnreadable(QX_SLOT_FIRMWARE, 6);
         }
-        wire.nodeGone = state == NO_NODE;
         bool refused = state != GOTO_REFUSED; // the first go-to-bootloader fails to go out
         bool garbled = state != INFO_UNUSABLE; // the first GET_INFO reply carries an error status
         wire.hook = [&refused, &garbled](uint32_t request, picHidIoctlArg &arg, bool answered) {
@@ -439,7 +425,7 @@ TEST_F(qxLoaderOnSim, startUpGoesRoundPassesUntilTheRightApplicationAnswersAndIn
             }
             return !answered && go && !std::exchange(refused, true) ? EIO : 0;
         };
-        EXPECT_EQ(qxLoaderInit(force), rc);
+        EXPECT_EQ(qxLoaderInit(force), 0);
         std::vector<std::string> seen; // the passes and what happened between them
         std::ranges::copy_if(log.texts(), std::back_inserter(seen), [](const std::string &t) {
             return t == PASS_0 || t == PASS_1 || t == UPGRADING || t == RESETTING;
@@ -448,16 +434,11 @@ TEST_F(qxLoaderOnSim, startUpGoesRoundPassesUntilTheRightApplicationAnswersAndIn
         EXPECT_EQ(log.levelOf(passes[0]), 1);
         EXPECT_EQ(issued(PIC_HID_SEND_REPORT, QX_HID_CMD_GET_FLASH_VAL), reads);
         EXPECT_EQ(issued(PIC_HID_SEND_REPORT, QX_HID_CMD_SET_FLASH_VAL), writes);
-        EXPECT_EQ(simOpenNodeFds(), 1 - rc) << "no descriptor left behind";
-        EXPECT_TRUE(rc != 0 || (flashHoldsImage() && log.contains(VERIFIED) &&
-                                log.contains("qxLoaderIsProductIdMatch: 17 matched!!!")));
+        EXPECT_EQ(simOpenNodeFds(), 1) << "no descriptor left behind";
+        EXPECT_TRUE(flashHoldsImage());
         if (state == UNREADABLE) { // twice three tries, then the reset through the module
             EXPECT_EQ(log.levelOf(RESETTING), 6);
             EXPECT_THAT(simCommands(), ElementsAre("rmmod picdev", "modprobe picdev"));
-        }
-        if (rc != 0) {
-            EXPECT_EQ(log.levelOf("QX_TRACE_PRINTF-qxLoaderInit():: Error Finding QX_HID_DEVICE "
-                                  "*****************"), 0);
         }
     }
     // The last case, another application: slot 4 invalidated before the go-to-bootloader, the image's digest after.
