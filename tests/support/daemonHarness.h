@@ -35,12 +35,6 @@ usbDaemonRequest daemonHarnessRecord(uint8_t code);
 // A whole file; "" when it cannot be read.
 std::string daemonHarnessReadFile(const std::string &path);
 
-// An evm_log line of the daemon's standard error.
-struct daemonHarnessLogLine {
-    std::string source;
-    std::string text;
-};
-
 // One started command, killed with its process group when this goes out of scope or the test process dies (one
 // that detached with --daemon is out of reach).
 class daemonHarness {
@@ -65,8 +59,7 @@ public:
 
     std::string stdoutText() const { return daemonHarnessReadFile(outDir_ + "/stdout"); }
     std::string stderrText() const { return daemonHarnessReadFile(outDir_ + "/stderr"); }
-    std::vector<daemonHarnessLogLine> logLines() const;
-    // Texts of the log lines, optionally only those of one source.
+    // Texts of the evm_log lines on standard error, optionally only those of one source.
     std::vector<std::string> logTexts(const std::string &source = "") const;
 
     // One exchange through the client library (0 or a negative errno).
