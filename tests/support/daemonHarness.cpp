@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
@@ -17,7 +16,6 @@
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -25,17 +23,6 @@ namespace {
 struct {
     bool isolated = false;
 } daemonHarnessPrivateMembers;
-
-// Polls until `done` holds or the time is up: these wait on real processes.
-template <typename Fn> bool __daemonHarnessPoll(int timeoutMs, Fn done)
-{
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    bool ok = false;
-    while (!(ok = done()) && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return ok;
-}
 
 // In the child after fork: only async-signal-safe calls until exec.
 [[noreturn]] void __daemonHarnessExec(char *const *argv, const char *outPath, const char *errPath, mode_t mask)
@@ -178,13 +165,13 @@ pid_t daemonHarness::daemonPid() const
 
 bool daemonHarness::waitReady(int timeoutMs) const
 {
-    return __daemonHarnessPoll(timeoutMs, [&] { return stdoutText().find("fdDaemon: ") != std::string::npos; });
+    return daemonHarnessPoll(timeoutMs, [&] { return stdoutText().find("fdDaemon: ") != std::string::npos; });
 }
 
 bool daemonHarness::waitExit(int &status, int timeoutMs)
 {
     bool ended = pid_ >= 0 && !reaped_ &&
-                 __daemonHarnessPoll(timeoutMs, [&] { return waitpid(pid_, &status, WNOHANG) == pid_; });
+                 daemonHarnessPoll(timeoutMs, [&] { return waitpid(pid_, &status, WNOHANG) == pid_; });
     reaped_ = reaped_ || ended;
     return ended;
 }

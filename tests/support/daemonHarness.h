@@ -4,14 +4,27 @@
 
 #include "tarnholdClient.h"
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 #include <sys/types.h>
+#include <thread>
 #include <vector>
 
 // A private mount namespace with fresh tmpfs on /tmp, /var/run and /var/crash (needs root): "" or what failed.
 // A checkout or build below one of them stays visible in the fresh one, so the tests run wherever they live.
 std::string daemonHarnessIsolate();
+
+// Polls until `done` holds or the time is up: for waits on real processes.
+template <typename Fn> bool daemonHarnessPoll(int timeoutMs, Fn done)
+{
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    bool ok = false;
+    while (!(ok = done()) && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return ok;
+}
 
 // Runs as wrapper... binary args...; any program, the daemon by default.
 struct daemonHarnessCommand {

@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <barrier>
-#include <chrono>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
@@ -33,18 +32,16 @@ constexpr uint8_t NO_HANDLER = 200; // answered in the daemon, the response bloc
 std::set<std::string> settledDescriptors(pid_t pid)
 {
     std::set<std::string> open;
-    for (int i = 0; i < 1000; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(1))) {
+    daemonHarnessPoll(2000, [&] {
         open.clear();
         std::error_code ec;
         for (const auto &e : fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd", ec)) {
             open.insert(e.path().filename().string() + " -> " + fs::read_symlink(e.path(), ec).string());
         }
-        if (std::ranges::none_of(open, [](const std::string &fd) {
-                return fd.find("/tmp/tarnhold-client.") != std::string::npos || fd.find(CLIENT_DIR) != std::string::npos;
-            })) {
-            break;
-        }
-    }
+        return std::ranges::none_of(open, [](const std::string &fd) {
+            return fd.find("/tmp/tarnhold-client.") != std::string::npos || fd.find(CLIENT_DIR) != std::string::npos;
+        });
+    });
     return open;
 }
 
