@@ -9,7 +9,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
-#include <fstream>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -21,18 +20,6 @@ constexpr std::array FAULTS = {SIGSEGV, SIGBUS, SIGILL, SIGFPE};
 constexpr std::array EXIT_SIGNALS = {SIGHUP, SIGINT, SIGQUIT, SIGABRT, SIGTERM, SIGSEGV, SIGBUS, SIGILL, SIGFPE};
 
 bool isFault(int sig) { return std::ranges::find(FAULTS, sig) != FAULTS.end(); }
-
-// The process's blocked set as /proc shows it; 0 when unreadable.
-uint64_t blockedSet(pid_t pid)
-{
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    for (std::string line; std::getline(status, line);) {
-        if (line.starts_with("SigBlk:")) {
-            return std::strtoull(line.c_str() + 7, nullptr, 16);
-        }
-    }
-    return 0;
-}
 
 // In the child: standard error is a full pipe, so evm_log blocks inside its write for as long as the test wants.
 [[noreturn]] void __logIntoFullPipe()
@@ -64,7 +51,9 @@ TEST(evmLogTest, whileALineGoesOutOnlySentExitSignalsWaitAndFaultsReachTheirHand
         }
         // The child blocks nothing until evm_log does.
         uint64_t blocked = 0;
-        daemonHarnessPoll(5000, [&] { return (blocked = blockedSet(child)) != 0; });
+        daemonHarnessPoll(5000, [&] {
+            return (blocked = std::strtoull(daemonHarnessProcStatus(child, "SigBlk").c_str(), nullptr, 16)) != 0;
+        });
         for (int sig : EXIT_SIGNALS) {
             EXPECT_EQ((blocked >> (sig - 1)) & 1U, isFault(sig) ? 0U : 1U) << sig;
         }

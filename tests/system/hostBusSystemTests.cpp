@@ -6,7 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <fstream>
+#include <cstdlib>
 #include <sys/mount.h>
 #include <thread>
 
@@ -22,17 +22,6 @@ std::pair<int, std::string> ctl(std::vector<std::string> args)
     daemonHarness client;
     const int status = client.runToEnd({.binary = TARNHOLDCTL_BINARY, .args = std::move(args)});
     return {status, client.stdoutText() + client.stderrText()};
-}
-
-long voluntarySwitches(pid_t pid)
-{
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    for (std::string line; std::getline(status, line);) {
-        if (line.rfind("voluntary_ctxt_switches:", 0) == 0) {
-            return std::stol(line.substr(line.find(':') + 1));
-        }
-    }
-    return -1;
 }
 
 TEST(tarnholdSystemFans, fanGetAndSetReadAndChangeTheSimulatedRegisters)
@@ -101,10 +90,13 @@ TEST(tarnholdSystemHeartbeat, withoutAControllerTheIdleLoopNeverWakes)
     usbDaemonRequest r = daemonHarnessRecord(200);
     ASSERT_EQ(daemon.exchange(r), 0); // start-up is over
     std::this_thread::sleep_for(300ms); // the daemon is back in its wait
-    const pid_t pid = daemon.daemonPid();
-    const long before = voluntarySwitches(pid);
+    auto voluntarySwitches = [pid = daemon.daemonPid()] {
+        return std::atol(daemonHarnessProcStatus(pid, "voluntary_ctxt_switches").c_str());
+    };
+    const long before = voluntarySwitches();
+    ASSERT_GT(before, 0);
     std::this_thread::sleep_for(2500ms);
-    EXPECT_EQ(voluntarySwitches(pid) - before, 0) << "no timeout: the wait never ends by itself";
+    EXPECT_EQ(voluntarySwitches() - before, 0) << "no timeout: the wait never ends by itself";
     EXPECT_EQ(systemControlOutput("pci-config 0 0x300 2"), "00 00\n");
     EXPECT_EQ(daemon.stdoutText().find("VID/PID"), std::string::npos);
 }

@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <sstream>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -63,10 +62,9 @@ inline int systemExitStatus(daemonHarness &daemon, int sig = 0)
 // How often `line` starts a line of `text`.
 inline size_t systemCountLines(const std::string &text, const std::string &line)
 {
-    std::istringstream in(text);
-    size_t n = 0;
-    for (std::string each; std::getline(in, each);) {
-        n += each.rfind(line, 0) == 0 ? 1 : 0;
+    size_t n = text.starts_with(line) ? 1 : 0;
+    for (size_t at = text.find("\n" + line); at != std::string::npos; at = text.find("\n" + line, at + 1)) {
+        ++n;
     }
     return n;
 }
