@@ -129,29 +129,25 @@ TEST_F(mainLoopTest, beepsAtMostOncePerWallClockSecondFromSecondZeroAndBeforeThe
     EXPECT_EQ(vt.requestBytesAtBeep, (std::vector<int>{sizeof(usbDaemonRequest), 0}));
 }
 
-TEST_F(mainLoopTest, onlyWhole244ByteRecordsAreServedOnePerPassInOrder)
+TEST_F(mainLoopTest, wholeRecordsAreServedOnePerPassAndRepliesGoOnlyIntoAFifoThatSomeoneReads)
 {
     logCapture log;
-    uniqueFd first = fifoReader("first");
+    uniqueFd reply = fifoReader("reply");
     uniqueFd second = fifoReader("second");
+    // Short records get no reply and no line; whole ones that wait together are served one per pass, in order.
     for (size_t shortLen : {size_t{100}, sizeof(usbDaemonRequest) - 1}) {
-        send(dir_ + "/first", shortLen);
+        send(dir_ + "/reply", shortLen);
         mainLoopPass();
     }
-    send(dir_ + "/first");
-    send(dir_ + "/second"); // both wait in the pipe before the next pass reads
+    send(dir_ + "/reply");
+    send(dir_ + "/second");
     mainLoopPass();
-    EXPECT_EQ(pending(first.get()), int(sizeof(usbDaemonRequest))) << "one reply, none for the short records";
+    EXPECT_EQ(pending(reply.get()), int(sizeof(usbDaemonRequest)));
     EXPECT_EQ(pending(second.get()), 0);
     mainLoopPass();
     EXPECT_EQ(pending(second.get()), int(sizeof(usbDaemonRequest)));
     EXPECT_TRUE(log.texts().empty());
-}
 
-TEST_F(mainLoopTest, repliesGoOnlyIntoAFifoThatSomeoneReadsAndFailuresAreLogged)
-{
-    logCapture log;
-    uniqueFd reply = fifoReader("reply");
     uniqueFd fullReader = fifoReader("full");
     uniqueFd filler(open((dir_ + "/full").c_str(), O_WRONLY | O_NONBLOCK));
     char junk[4096] = {};
@@ -176,7 +172,7 @@ TEST_F(mainLoopTest, repliesGoOnlyIntoAFifoThatSomeoneReadsAndFailuresAreLogged)
         }
         EXPECT_EQ(lines, *line ? strings{std::string("0 main ") + line} : strings{}) << path;
     }
-    EXPECT_EQ(pending(reply.get()), int(sizeof(usbDaemonRequest)));
+    EXPECT_EQ(pending(reply.get()), int(2 * sizeof(usbDaemonRequest)));
     EXPECT_EQ(fs::file_size(dir_ + "/regular"), 0u) << "a regular file is never written";
 }
 

@@ -50,7 +50,7 @@ std::string __daemonHarnessFreshDir(const std::string &dir, const char *options)
 {
     std::vector<std::pair<std::string, uniqueFd>> kept;
     for (std::string path : {TARNHOLD_BINARY, TARNHOLD_SIM_BINARY, TARNHOLD_SUPPORT_SOURCE_DIR}) {
-        // The folder right below `dir` that holds `path` ("/tmp/x" for "/tmp/x/build/tarnhold").
+        // The folder right below `dir` that holds `path` ("/tmp/x" for "/tmp/x/build/tarnhold"), "" when none does.
         std::string top = path.starts_with(dir + "/") ? path.substr(0, path.find('/', dir.size() + 1)) : "";
         if (!top.empty() && std::ranges::none_of(kept, [&](const auto &k) { return k.first == top; })) {
             uniqueFd fd(open(top.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
