@@ -13,17 +13,7 @@
 
 namespace {
 
-std::vector<uint8_t> readData(const std::string &name)
-{
-    std::ifstream in(std::string(TARNHOLD_TESTDATA) + "/jbc/" + name, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
-
-void writeFile(const std::string &path, const std::vector<uint8_t> &bytes)
-{
-    std::ofstream out(path, std::ios::binary);
-    out.write(reinterpret_cast<const char *>(bytes.data()), std::streamsize(bytes.size()));
-}
+const std::string IDCODE_JBC = std::string(TARNHOLD_TESTDATA) + "/jbc/idcode.jbc";
 
 TEST(tarnholdCtlUpgrade, filesAreMadeAbsoluteAndCheckedAsTheServiceChecksThemBeforeAnythingIsSent)
 {
@@ -46,16 +36,17 @@ TEST(tarnholdCtlUpgrade, filesAreMadeAbsoluteAndCheckedAsTheServiceChecksThemBef
     }
     std::filesystem::resize_file("fpga.bin", 1048576);
     EXPECT_TRUE(check(FPGA, "./fpga.bin") && absolute == dir + "/./fpga.bin");
-    const std::vector<uint8_t> idcode = readData("idcode.jbc");
-    writeFile("idcode.jbc", idcode);
+    std::filesystem::copy_file(IDCODE_JBC, "idcode.jbc");
     EXPECT_TRUE(check(CPLD, "idcode.jbc")) << error;
     EXPECT_EQ(absolute, dir + "/idcode.jbc");
-    std::vector<uint8_t> damaged = idcode;
+    std::ifstream in(IDCODE_JBC, std::ios::binary);
+    std::vector<char> damaged{std::istreambuf_iterator<char>(in), {}};
     damaged[100] ^= 1;
-    writeFile("damaged.jbc", damaged);
+    std::ofstream("damaged.jbc", std::ios::binary).write(damaged.data(), std::ssize(damaged));
     EXPECT_FALSE(check(CPLD, "damaged.jbc"));
     char computed[8];
-    std::snprintf(computed, sizeof computed, "0x%04x)", cpldUpgradeCrc(damaged.data(), idcode.size() - 2));
+    const uint16_t crc = cpldUpgradeCrc(reinterpret_cast<const uint8_t *>(damaged.data()), damaged.size() - 2);
+    std::snprintf(computed, sizeof computed, "0x%04x)", crc);
     EXPECT_EQ(error, dir + "/damaged.jbc: not a JAM byte-code file the service accepts: header or CRC (stored 0x7ae6, "
                            "computed " + computed);
     EXPECT_FALSE(check(CPLD, "fpga.bin")) << "too large for a CPLD";

@@ -129,29 +129,25 @@ TEST_F(mainLoopTest, beepsAtMostOncePerWallClockSecondFromSecondZeroAndBeforeThe
     EXPECT_EQ(vt.requestBytesAtBeep, (std::vector<int>{sizeof(usbDaemonRequest), 0}));
 }
 
-TEST_F(mainLoopTest, onlyWhole244ByteRecordsAreServedOnePerPassInOrder)
+TEST_F(mainLoopTest, wholeRecordsAreServedOnePerPassAndRepliesGoOnlyIntoAFifoThatSomeoneReads)
 {
     logCapture log;
-    uniqueFd first = fifoReader("first");
+    uniqueFd reply = fifoReader("reply");
     uniqueFd second = fifoReader("second");
+    // Short records get no reply and no line; whole ones that wait together are served one per pass, in order.
     for (size_t shortLen : {size_t{100}, sizeof(usbDaemonRequest) - 1}) {
-        send(dir_ + "/first", shortLen);
+        send(dir_ + "/reply", shortLen);
         mainLoopPass();
     }
-    send(dir_ + "/first");
-    send(dir_ + "/second"); // both wait in the pipe before the next pass reads
+    send(dir_ + "/reply");
+    send(dir_ + "/second");
     mainLoopPass();
-    EXPECT_EQ(pending(first.get()), int(sizeof(usbDaemonRequest))) << "one reply, none for the short records";
+    EXPECT_EQ(pending(reply.get()), int(sizeof(usbDaemonRequest)));
     EXPECT_EQ(pending(second.get()), 0);
     mainLoopPass();
     EXPECT_EQ(pending(second.get()), int(sizeof(usbDaemonRequest)));
     EXPECT_TRUE(log.texts().empty());
-}
 
-TEST_F(mainLoopTest, repliesGoOnlyIntoAFifoThatSomeoneReadsAndFailuresAreLogged)
-{
-    logCapture log;
-    uniqueFd reply = fifoReader("reply");
     uniqueFd fullReader = fifoReader("full");
     uniqueFd filler(open((dir_ + "/full").c_str(), O_WRONLY | O_NONBLOCK));
     char junk[4096] = {};
@@ -159,36 +155,25 @@ TEST_F(mainLoopTest, repliesGoOnlyIntoAFifoThatSomeoneReadsAndFailuresAreLogged)
     }
     ASSERT_EQ(mkfifo((dir_ + "/unread").c_str(), 0600), 0);
     std::ofstream{dir_ + "/regular"};
-    struct {
-        std::string path;
-        strings lines;
-    } cases[] = {
-        {std::string(sizeof(usbDaemonRequest::clientFifo), 'a'), {"fdClient: -1 - 'File name too long'"}},
-        {dir_ + "/missing", {"fdClient: -1 - 'No such file or directory'"}},
-        {dir_ + "/unread", {"fdClient: -1 - 'No such device or address'"}},
-        {dir_ + "/regular", {"fdClient: -1 - 'not a FIFO'"}},
-        {dir_ + "/full", {"tarnhold:main: write - 'Resource temporarily unavailable'"}},
-        {dir_ + "/reply", {}}, // and the loop went on
-    };
-    for (const auto &c : cases) {
+    // Each failure is one line at level 0 from main, and the loop goes on.
+    for (const auto &[path, line] : {std::pair{std::string(sizeof(usbDaemonRequest::clientFifo), 'a'),
+                                               "fdClient: -1 - 'File name too long'"},
+                                     {dir_ + "/missing", "fdClient: -1 - 'No such file or directory'"},
+                                     {dir_ + "/unread", "fdClient: -1 - 'No such device or address'"},
+                                     {dir_ + "/regular", "fdClient: -1 - 'not a FIFO'"},
+                                     {dir_ + "/full", "tarnhold:main: write - 'Resource temporarily unavailable'"},
+                                     {dir_ + "/reply", ""}}) {
         log.clear();
-        send(c.path);
+        send(path);
         mainLoopPass();
-        EXPECT_EQ(log.textsFrom("main"), c.lines) << c.path;
-        EXPECT_EQ(log.texts().size(), c.lines.size());
-        EXPECT_TRUE(c.lines.empty() || log.levelOf(c.lines[0]) == 0);
+        strings lines;
+        for (const capturedLogLine &l : log.lines()) {
+            lines.push_back(std::to_string(l.level) + " " + l.source + " " + l.text);
+        }
+        EXPECT_EQ(lines, *line ? strings{std::string("0 main ") + line} : strings{}) << path;
     }
-    EXPECT_EQ(pending(reply.get()), int(sizeof(usbDaemonRequest)));
+    EXPECT_EQ(pending(reply.get()), int(2 * sizeof(usbDaemonRequest)));
     EXPECT_EQ(fs::file_size(dir_ + "/regular"), 0u) << "a regular file is never written";
-}
-
-TEST(mainTestPattern, blockKHoldsKMod256AndTheLastEightBytesStayZero)
-{
-    size_t wrong = 0;
-    for (size_t i = 0; i < sizeof __testingTmmmmpBuf; ++i) {
-        wrong += __testingTmmmmpBuf[i] != (i < 41943 * 200 ? uint8_t(i / 200) : 0) ? 1 : 0;
-    }
-    EXPECT_EQ(wrong, 0u);
 }
 
 constexpr const char *PID_FILE = "/var/run/tarnhold.pid";
@@ -350,7 +335,7 @@ TEST_F(daemonProcessTest, sigtermKeepsTheFifoOtherExitSignalsLeaveACrashLogAndRe
     }
 }
 
-TEST_F(daemonProcessTest, tarnholdctlExitStatusSaysWhatHappened)
+TEST_F(daemonProcessTest, tarnholdctlExitStatusAndStatusLinesSayWhatHappened)
 {
     std::string out;
     auto ctl = [&out](strings args) {
@@ -361,6 +346,10 @@ TEST_F(daemonProcessTest, tarnholdctlExitStatusSaysWhatHappened)
     };
     EXPECT_EQ(ctl({"raw", "200"}), 3);
     EXPECT_NE(out.find("no daemon"), std::string::npos) << out;
+    EXPECT_EQ(ctl({"status"}), 3);
+    EXPECT_THAT(out, MatchesRegex("daemon: +FAILED: no pid in /var/run/tarnhold.pid\n"
+                                  "fifo: +FAILED: /tmp/qx-usb-daemon-fifo: No such file or directory\n"
+                                  "round trip: FAILED: .*\n"));
     daemonHarness daemon;
     startServing(daemon);
     EXPECT_EQ(ctl({"raw", "200", "1", "0x02", "0XfF"}), 1);
@@ -373,7 +362,8 @@ TEST_F(daemonProcessTest, tarnholdctlExitStatusSaysWhatHappened)
     EXPECT_EQ(ctl({"firmware-check", "/tmp/other.hex"}), 5);
     EXPECT_TRUE(out.ends_with("\ndiffers\n")) << out;
     EXPECT_EQ(ctl({"firmware-check", "/tmp/no-such.hex"}), 4);
-    for (const strings &bad : {strings{"raw"}, {"raw", "256"}, {"raw", "1", "x"}, {"cmd", "NO_SUCH"}, {"frobnicate"}}) {
+    for (const strings &bad : {strings{"raw"}, {"raw", "256"}, {"raw", "1", "x"}, {"cmd", "NO_SUCH"}, {"frobnicate"},
+                               {"status", "--json"}}) { // options go before the command
         EXPECT_EQ(ctl(bad), 2) << bad.back();
     }
     // A report carries 61 bytes from byte 3: one more is refused, not cut off.
@@ -383,27 +373,10 @@ TEST_F(daemonProcessTest, tarnholdctlExitStatusSaysWhatHappened)
     full.push_back("7");
     EXPECT_EQ(ctl(full), 2);
     EXPECT_NE(out.find("62 bytes given, at most 61 fit from byte 3"), std::string::npos) << out;
-}
 
-TEST_F(daemonProcessTest, statusSaysOkOrWhatIsWrongLineByLineAndExitsZeroOnlyWhenAllIsWell)
-{
-    std::string out;
-    auto status = [&out](strings args) {
-        daemonHarness run;
-        args.insert(args.begin(), "status");
-        int rc = run.runToEnd({.binary = TARNHOLDCTL_BINARY, .args = std::move(args)});
-        out = run.stdoutText();
-        return rc;
-    };
-    EXPECT_EQ(status({}), 3);
-    EXPECT_THAT(out, MatchesRegex("daemon: +FAILED: no pid in /var/run/tarnhold.pid\n"
-                                  "fifo: +FAILED: /tmp/qx-usb-daemon-fifo: No such file or directory\n"
-                                  "round trip: FAILED: .*\n"));
-    daemonHarness daemon;
-    startServing(daemon);
     // The daemon's own --file is the firmware file checked; started with it, the daemon knows no platform and
     // so no fan controller.
-    EXPECT_EQ(status({}), 0) << out;
+    EXPECT_EQ(ctl({"status"}), 0) << out;
     std::string pid = std::to_string(daemon.daemonPid());
     EXPECT_THAT(out, MatchesRegex("daemon: +OK: pid " + pid + "\n"
                                   "fifo: +OK: /tmp/qx-usb-daemon-fifo: FIFO, mode 0666\n"
@@ -414,14 +387,12 @@ TEST_F(daemonProcessTest, statusSaysOkOrWhatIsWrongLineByLineAndExitsZeroOnlyWhe
                                   "fan mode: +not available: no option-bay fan controller on this platform\n"));
     // A FIFO other clients cannot write into is wrong, and says so.
     ASSERT_EQ(chmod(USB_DAEMON_FIFO, 0600), 0);
-    EXPECT_EQ(status({}), 1);
+    EXPECT_EQ(ctl({"status"}), 1);
     EXPECT_THAT(out, ::testing::HasSubstr("fifo:       FAILED: /tmp/qx-usb-daemon-fifo: FIFO, mode 0600 (0666 expected)\n"));
-    EXPECT_EQ(status({"--json"}), 2) << "options go before the command";
-    daemonHarness run;
-    EXPECT_EQ(run.runToEnd({.binary = TARNHOLDCTL_BINARY, .args = {"--json", "status"}}), 1);
-    EXPECT_THAT(run.stdoutText(), MatchesRegex("\\{\"ok\":false,\"checks\":\\{\"daemon\":\\{\"state\":\"OK\",.*"
-                                               "\"fifo\":\\{\"state\":\"FAILED\",.*"
-                                               "\"fan mode\":\\{\"state\":\"not available\",.*\\}\\}\n"));
+    EXPECT_EQ(ctl({"--json", "status"}), 1);
+    EXPECT_THAT(out, MatchesRegex("\\{\"ok\":false,\"checks\":\\{\"daemon\":\\{\"state\":\"OK\",.*"
+                                  "\"fifo\":\\{\"state\":\"FAILED\",.*"
+                                  "\"fan mode\":\\{\"state\":\"not available\",.*\\}\\}\n"));
 }
 
 } // namespace

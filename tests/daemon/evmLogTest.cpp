@@ -1,37 +1,25 @@
 // evm_log while a line goes out: sent exit signals wait, faults reach their handler at once.
+#include "daemonHarness.h"
 #include "evmLog.h"
-#include "uniqueFd.h"
 
 #include <gtest/gtest.h>
 
-#include <chrono>
+#include <algorithm>
+#include <array>
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
-#include <fstream>
-#include <string>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 
 namespace {
 
 constexpr int FAULT_EXIT = 42;
 constexpr int SENT_EXIT = 43;
+constexpr std::array FAULTS = {SIGSEGV, SIGBUS, SIGILL, SIGFPE};
+constexpr std::array EXIT_SIGNALS = {SIGHUP, SIGINT, SIGQUIT, SIGABRT, SIGTERM, SIGSEGV, SIGBUS, SIGILL, SIGFPE};
 
-// The process's blocked set as /proc shows it; 0 when unreadable.
-uint64_t blockedSet(pid_t pid)
-{
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    for (std::string line; std::getline(status, line);) {
-        if (line.starts_with("SigBlk:")) {
-            return std::strtoull(line.c_str() + 7, nullptr, 16);
-        }
-    }
-    return 0;
-}
-
-bool inSet(uint64_t set, int sig) { return (set >> (sig - 1)) & 1U; }
+bool isFault(int sig) { return std::ranges::find(FAULTS, sig) != FAULTS.end(); }
 
 // In the child: standard error is a full pipe, so evm_log blocks inside its write for as long as the test wants.
 [[noreturn]] void __logIntoFullPipe()
@@ -44,32 +32,17 @@ bool inSet(uint64_t set, int sig) { return (set >> (sig - 1)) & 1U; }
     while (write(STDERR_FILENO, filler, sizeof filler) > 0) {
     }
     fcntl(STDERR_FILENO, F_SETFL, 0);
-    for (int sig : {SIGSEGV, SIGBUS, SIGILL, SIGFPE}) {
-        signal(sig, [](int) { _exit(FAULT_EXIT); });
-    }
-    for (int sig : {SIGHUP, SIGINT, SIGQUIT, SIGABRT, SIGTERM}) {
-        signal(sig, [](int) { _exit(SENT_EXIT); });
+    for (int sig : EXIT_SIGNALS) {
+        signal(sig, [](int s) { _exit(isFault(s) ? FAULT_EXIT : SENT_EXIT); });
     }
     evmLogSetSink(nullptr);
     evm_log(0, "main", __LINE__, "a line that cannot go out");
     _exit(0);
 }
 
-// Polls until `done` holds, up to 5 s: the child is a real process.
-template <typename Fn> bool within5s(Fn done)
-{
-    for (int i = 0; i < 5000; ++i) {
-        if (done()) {
-            return true;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return false;
-}
-
 TEST(evmLogTest, whileALineGoesOutOnlySentExitSignalsWaitAndFaultsReachTheirHandler)
 {
-    for (int fault : {SIGSEGV, SIGBUS, SIGILL, SIGFPE}) {
+    for (int fault : FAULTS) {
         SCOPED_TRACE(fault);
         pid_t child = fork();
         ASSERT_GE(child, 0);
@@ -78,16 +51,17 @@ TEST(evmLogTest, whileALineGoesOutOnlySentExitSignalsWaitAndFaultsReachTheirHand
         }
         // The child blocks nothing until evm_log does.
         uint64_t blocked = 0;
-        within5s([&] { return (blocked = blockedSet(child)) != 0; });
-        for (int sig : {SIGHUP, SIGINT, SIGQUIT, SIGABRT, SIGTERM, SIGSEGV, SIGBUS, SIGILL, SIGFPE}) {
-            bool sent = sig != SIGSEGV && sig != SIGBUS && sig != SIGILL && sig != SIGFPE;
-            EXPECT_EQ(inSet(blocked, sig), sent) << sig;
+        daemonHarnessPoll(5000, [&] {
+            return (blocked = std::strtoull(daemonHarnessProcStatus(child, "SigBlk").c_str(), nullptr, 16)) != 0;
+        });
+        for (int sig : EXIT_SIGNALS) {
+            EXPECT_EQ((blocked >> (sig - 1)) & 1U, isFault(sig) ? 0U : 1U) << sig;
         }
         // A sent SIGTERM waits; the fault does not.
         kill(child, SIGTERM);
         kill(child, fault);
         int status = 0;
-        if (!within5s([&] { return waitpid(child, &status, WNOHANG) == child; })) {
+        if (!daemonHarnessPoll(5000, [&] { return waitpid(child, &status, WNOHANG) == child; })) {
             kill(child, SIGKILL);
             waitpid(child, &status, 0);
         }

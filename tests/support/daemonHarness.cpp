@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
@@ -17,7 +16,6 @@
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -25,17 +23,6 @@ namespace {
 struct {
     bool isolated = false;
 } daemonHarnessPrivateMembers;
-
-// Polls until `done` holds or the time is up: these wait on real processes.
-template <typename Fn> bool __daemonHarnessPoll(int timeoutMs, Fn done)
-{
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    bool ok = false;
-    while (!(ok = done()) && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return ok;
-}
 
 // In the child after fork: only async-signal-safe calls until exec.
 [[noreturn]] void __daemonHarnessExec(char *const *argv, const char *outPath, const char *errPath, mode_t mask)
@@ -57,23 +44,14 @@ template <typename Fn> bool __daemonHarnessPoll(int timeoutMs, Fn done)
     _exit(127);
 }
 
-// The folder right below `dir` that holds `path` ("/tmp/x" for "/tmp/x/build/tarnhold"), "" when none does.
-std::string __daemonHarnessTopBelow(const std::string &dir, const std::string &path)
-{
-    if (!path.starts_with(dir + "/")) {
-        return "";
-    }
-    size_t end = path.find('/', dir.size() + 1);
-    return path.substr(0, end);
-}
-
 // Mounts a fresh tmpfs on `dir`, keeping the checkout and build folders that lie below it: each is opened before
 // the mount and bound back onto an empty folder of the same name in the fresh tmpfs.
 std::string __daemonHarnessFreshDir(const std::string &dir, const char *options)
 {
     std::vector<std::pair<std::string, uniqueFd>> kept;
-    for (const char *path : {TARNHOLD_BINARY, TARNHOLD_SIM_BINARY, TARNHOLD_SUPPORT_SOURCE_DIR}) {
-        std::string top = __daemonHarnessTopBelow(dir, path);
+    for (std::string path : {TARNHOLD_BINARY, TARNHOLD_SIM_BINARY, TARNHOLD_SUPPORT_SOURCE_DIR}) {
+        // The folder right below `dir` that holds `path` ("/tmp/x" for "/tmp/x/build/tarnhold"), "" when none does.
+        std::string top = path.starts_with(dir + "/") ? path.substr(0, path.find('/', dir.size() + 1)) : "";
         if (!top.empty() && std::ranges::none_of(kept, [&](const auto &k) { return k.first == top; })) {
             uniqueFd fd(open(top.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
             if (!fd.valid()) {
@@ -134,6 +112,17 @@ usbDaemonRequest daemonHarnessRecord(uint8_t code)
     return record;
 }
 
+std::string daemonHarnessProcStatus(pid_t pid, const std::string &field)
+{
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.starts_with(field + ":")) {
+            return line.substr(field.size() + 1);
+        }
+    }
+    return "";
+}
+
 std::string daemonHarnessReadFile(const std::string &path)
 {
     std::ostringstream text;
@@ -187,13 +176,13 @@ pid_t daemonHarness::daemonPid() const
 
 bool daemonHarness::waitReady(int timeoutMs) const
 {
-    return __daemonHarnessPoll(timeoutMs, [&] { return stdoutText().find("fdDaemon: ") != std::string::npos; });
+    return daemonHarnessPoll(timeoutMs, [&] { return stdoutText().find("fdDaemon: ") != std::string::npos; });
 }
 
 bool daemonHarness::waitExit(int &status, int timeoutMs)
 {
     bool ended = pid_ >= 0 && !reaped_ &&
-                 __daemonHarnessPoll(timeoutMs, [&] { return waitpid(pid_, &status, WNOHANG) == pid_; });
+                 daemonHarnessPoll(timeoutMs, [&] { return waitpid(pid_, &status, WNOHANG) == pid_; });
     reaped_ = reaped_ || ended;
     return ended;
 }
@@ -208,27 +197,18 @@ bool daemonHarness::signalDaemon(int sig) const
            ours.st_ino == theirs.st_ino && kill(pid, sig) == 0;
 }
 
-std::vector<daemonHarnessLogLine> daemonHarness::logLines() const
+std::vector<std::string> daemonHarness::logTexts(const std::string &source) const
 {
     static const std::regex LINE(R"(^tarnhold\[\d+\] <-?\d+> ([^:]+):\d+: (.*)$)");
-    std::vector<daemonHarnessLogLine> lines;
+    std::vector<std::string> texts;
     std::string text = stderrText();
     // Only whole lines: the last one may still be being written.
     for (size_t at = 0, end; (end = text.find('\n', at)) != std::string::npos; at = end + 1) {
         std::string line = text.substr(at, end - at);
         std::smatch m;
-        if (std::regex_match(line, m, LINE)) {
-            lines.push_back({m[1], m[2]});
+        if (std::regex_match(line, m, LINE) && (source.empty() || m[1] == source)) {
+            texts.push_back(m[2]);
         }
-    }
-    return lines;
-}
-
-std::vector<std::string> daemonHarness::logTexts(const std::string &source) const
-{
-    std::vector<std::string> texts;
-    for (const auto &l : logLines()) {
-        texts.insert(texts.end(), source.empty() || l.source == source ? 1 : 0, l.text);
     }
     return texts;
 }

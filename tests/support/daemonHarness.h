@@ -4,14 +4,27 @@
 
 #include "tarnholdClient.h"
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 #include <sys/types.h>
+#include <thread>
 #include <vector>
 
 // A private mount namespace with fresh tmpfs on /tmp, /var/run and /var/crash (needs root): "" or what failed.
 // A checkout or build below one of them stays visible in the fresh one, so the tests run wherever they live.
 std::string daemonHarnessIsolate();
+
+// Polls until `done` holds or the time is up: for waits on real processes.
+template <typename Fn> bool daemonHarnessPoll(int timeoutMs, Fn done)
+{
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    bool ok = false;
+    while (!(ok = done()) && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return ok;
+}
 
 // Runs as wrapper... binary args...; any program, the daemon by default.
 struct daemonHarnessCommand {
@@ -32,14 +45,11 @@ bool daemonHarnessWriteImage(const std::string &path);
 // A record with `code` in cmd byte 0; everything else zero.
 usbDaemonRequest daemonHarnessRecord(uint8_t code);
 
+// The value of `field` in /proc/<pid>/status ("SigBlk", ...), "" when there is none.
+std::string daemonHarnessProcStatus(pid_t pid, const std::string &field);
+
 // A whole file; "" when it cannot be read.
 std::string daemonHarnessReadFile(const std::string &path);
-
-// An evm_log line of the daemon's standard error.
-struct daemonHarnessLogLine {
-    std::string source;
-    std::string text;
-};
 
 // One started command, killed with its process group when this goes out of scope or the test process dies (one
 // that detached with --daemon is out of reach).
@@ -65,8 +75,7 @@ public:
 
     std::string stdoutText() const { return daemonHarnessReadFile(outDir_ + "/stdout"); }
     std::string stderrText() const { return daemonHarnessReadFile(outDir_ + "/stderr"); }
-    std::vector<daemonHarnessLogLine> logLines() const;
-    // Texts of the log lines, optionally only those of one source.
+    // Texts of the evm_log lines on standard error, optionally only those of one source.
     std::vector<std::string> logTexts(const std::string &source = "") const;
 
     // One exchange through the client library (0 or a negative errno).

@@ -8,9 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <csignal>
 #include <numeric>
-#include <sys/wait.h>
 #include <tuple>
 
 namespace {
@@ -18,49 +16,13 @@ namespace {
 using strings = std::vector<std::string>;
 using ::testing::Contains;
 
-constexpr const char *APP_HEX = "/tmp/app.hex"; // two PROGRAM packets 4 KiB apart, digest over 0x1040
-constexpr const char *STATE = "/tmp/sim-state";
-constexpr const char *FAST = "+0 x50"; // 2 s of the daemon's sleeps take 40 ms
-constexpr int STARTUP_MS = 60000;
-
-// A fresh namespace with the test image at APP_HEX.
-bool prepare()
-{
-    return daemonHarnessIsolate().empty() && daemonHarnessWriteImage(APP_HEX);
-}
-
-// Until the daemon has its request FIFO open.
-bool serve(daemonHarness &daemon, const strings &simArgs)
-{
-    return daemon.start(systemOnSim(simArgs, {"--file", APP_HEX})) && daemon.waitReady();
-}
-
-// Requests wait in the FIFO while start-up runs; the first answer ends it.
-usbDaemonRequest relay(const daemonHarness &daemon, uint8_t code, int timeoutMs = 10000)
-{
-    usbDaemonRequest record = daemonHarnessRecord(code);
-    record.resp.fill(0xEE);
-    record.result = -1000;
-    EXPECT_EQ(daemon.exchange(record, timeoutMs), 0);
-    return record;
-}
-
-// The exit status, after sending the daemon `sig` when one is given.
-int exitStatus(daemonHarness &daemon, int sig = 0)
-{
-    int status = 0;
-    return (sig == 0 || daemon.signalDaemon(sig)) && daemon.waitExit(status, STARTUP_MS) && WIFEXITED(status)
-               ? WEXITSTATUS(status)
-               : -1;
-}
-
 // Runs a start that upgrades once in `passes` passes up to the application's first answer; flash then holds
 // the image and slot 4 its length and MD5 as the service stores them.
 void expectUpgradeEnds(daemonHarness &daemon, const strings &simArgs, size_t passes)
 {
-    ASSERT_TRUE(serve(daemon, simArgs));
-    EXPECT_EQ(relay(daemon, 9, STARTUP_MS).resp[3], 17);
-    EXPECT_EQ(exitStatus(daemon, SIGTERM), 0);
+    ASSERT_TRUE(systemServe(daemon, simArgs));
+    EXPECT_EQ(systemRequest(daemon, 9).resp[3], 17);
+    EXPECT_EQ(systemExitStatus(daemon, SIGTERM), 0);
     const strings log = daemon.logTexts("qxLoader");
     EXPECT_THAT(log, Contains("qxLoaderInit: forceUpgrade=0").Times(passes));
     EXPECT_THAT(log, Contains("QX_TRACE_PRINTF-Upgrading HID Application.....").Times(1));
@@ -77,17 +39,17 @@ void expectUpgradeEnds(daemonHarness &daemon, const strings &simArgs, size_t pas
     const auto expected = slot4();
     const std::vector<uint8_t> flash(simFlash().begin(), simFlash().end());
     simReset();
-    ASSERT_TRUE(simLoadState(STATE));
+    ASSERT_TRUE(simLoadState(SYSTEM_STATE));
     EXPECT_TRUE(std::equal(flash.begin(), flash.end(), simFlash().begin()));
     EXPECT_EQ(slot4(), expected);
 }
 
-TEST(tarnholdSystemRelay, relaysCarryTheSequenceNumberUsedAndCode38ReachesTheDriverUntouched)
+TEST(tarnholdSystemRelay, relaysCarryTheSequenceNumberUsedCode38ReachesTheDriverUntouchedAndHostHeldCodesNeedNoNode)
 {
     daemonHarness daemon;
-    ASSERT_TRUE(prepare() && serve(daemon, {"--flash-image", APP_HEX}));
-    const usbDaemonRequest info = relay(daemon, 9, STARTUP_MS);
-    const usbDaemonRequest leds = relay(daemon, 24);
+    ASSERT_TRUE(systemPrepare() && systemServe(daemon, {"--flash-image", SYSTEM_APP_HEX}));
+    const usbDaemonRequest info = systemRequest(daemon, 9);
+    const usbDaemonRequest leds = systemRequest(daemon, 24);
     for (const usbDaemonRequest &r : {info, leds}) {
         EXPECT_EQ(r.result, 0);
         EXPECT_EQ(r.resp[0], r.cmd[0]);
@@ -110,39 +72,10 @@ TEST(tarnholdSystemRelay, relaysCarryTheSequenceNumberUsedAndCode38ReachesTheDri
     io.cmd[3] = 0x7F; // a request number the driver does not know fails there
     ASSERT_EQ(daemon.exchange(io), 0);
     EXPECT_EQ(io.result, -1);
-    ASSERT_EQ(exitStatus(daemon, SIGTERM), 0);
 
-    // On the wire each went once, with the number the client got back.
-    const std::string events = daemonHarnessReadFile(SYSTEM_EVENTS);
-    for (const std::string &event : {"SEND code=9 seq=" + std::to_string(info.cmd[1]) + " ",
-                                     "SEND code=24 seq=" + std::to_string(leds.cmd[1]) + " ",
-                                     std::string("DRIVER code=38 seq=90 request=0x00004804 ")}) {
-        EXPECT_EQ(systemCountLines(events, event), 1u) << event << events;
-    }
-    // The whole log of a start on an up-to-date microcontroller and these relays.
-    strings log;
-    for (const auto &line : daemon.logLines()) {
-        if (line.source != "qxFile") {
-            log.push_back(line.text.substr(0, line.text.find("; fd=")));
-        }
-    }
-    EXPECT_EQ(log, (strings{"platform input: /tmp/app.hex", "usbMgmtInit: filename='/tmp/app.hex'",
-                            "qxLoaderInit: forceUpgrade=0", "__qxLoaderFindUsbDev: starting",
-                            "qxUsbInit: Open '/dev/corvanta_hid_backdoor' success",
-                            "qxLoaderVerifyApplicationCode: Verification Success!",
-                            "qxLoaderIsProductIdMatch: 17 matched!!!",
-                            "qxUsbCmd: ioctl(18559) failed - 'Invalid argument'", "tarnhold(ERROR/TERM) stopped"}));
-}
-
-TEST(tarnholdSystemRelay, hostHeldCodesAnswerWhileTheNodeIsGoneAndRelaysRecover)
-{
-    daemonHarness daemon;
-    ASSERT_TRUE(prepare() && serve(daemon, {"--flash-image", APP_HEX}));
-    relay(daemon, 9, STARTUP_MS);
+    // Unplugged: relays fail, the codes the host holds still answer.
     ASSERT_TRUE(systemControl("unplug"));
-    for (int i = 0; i < 3; ++i) {
-        EXPECT_EQ(relay(daemon, 9).result, -1);
-    }
+    EXPECT_EQ(systemRequest(daemon, 9).result, -1);
     usbDaemonRequest held{};
     for (uint8_t code : {30, 32}) { // force bay 3 to shut down, read its indicator
         held = daemonHarnessRecord(code);
@@ -151,18 +84,26 @@ TEST(tarnholdSystemRelay, hostHeldCodesAnswerWhileTheNodeIsGoneAndRelaysRecover)
         EXPECT_EQ(held.result, 0) << int{code};
     }
     EXPECT_EQ(std::vector<uint8_t>(held.resp.begin() + 2, held.resp.begin() + 5), (std::vector<uint8_t>{0, 3, 1}));
-
-    // Back in: the dead descriptor keeps failing until the fifteenth failure
-    // in a row re-opens the node; the request after that goes through.
+    // Back in: the dead descriptor keeps failing until the fifteenth failure in a row (the unknown request
+    // number's and the one while unplugged among them) re-opens the node; the request after that goes through.
     ASSERT_TRUE(systemControl("plug"));
     int failures = 0;
     usbDaemonRequest record{};
-    while (failures < 20 && (record = relay(daemon, 9)).result != 0) {
+    while (failures < 20 && (record = systemRequest(daemon, 9)).result != 0) {
         ++failures;
     }
-    EXPECT_EQ(failures, 12);
+    EXPECT_EQ(failures, 13);
     EXPECT_EQ(record.resp[1], record.cmd[1]);
     EXPECT_THAT(daemon.logTexts("qxUsb"), Contains("qxUsbCmd: re-opening device file (errCnt=15)").Times(1));
+    ASSERT_EQ(systemExitStatus(daemon, SIGTERM), 0);
+
+    // On the wire each went once, with the number the client got back.
+    const std::string events = daemonHarnessReadFile(SYSTEM_EVENTS);
+    for (const std::string &event : {"SEND code=9 seq=" + std::to_string(info.cmd[1]) + " ",
+                                     "SEND code=24 seq=" + std::to_string(leds.cmd[1]) + " ",
+                                     std::string("DRIVER code=38 seq=90 request=0x00004804 ")}) {
+        EXPECT_EQ(systemCountLines(events, event), 1u) << event << events;
+    }
 }
 
 TEST(tarnholdSystemUpgrade, anotherImageOrTheBootloaderEndsWithTheImageInstalled)
@@ -170,9 +111,9 @@ TEST(tarnholdSystemUpgrade, anotherImageOrTheBootloaderEndsWithTheImageInstalled
     struct upgradeCase { const char *mode; size_t passes; size_t toBootloader; };
     for (const upgradeCase &c : {upgradeCase{"app", 3, 1}, upgradeCase{"boot", 2, 0}}) {
         SCOPED_TRACE(c.mode);
-        ASSERT_TRUE(prepare());
+        ASSERT_TRUE(systemPrepare());
         daemonHarness daemon;
-        expectUpgradeEnds(daemon, {"--faketime", FAST, "--state", STATE, "--mode", c.mode}, c.passes);
+        expectUpgradeEnds(daemon, {"--faketime", SYSTEM_FAST, "--state", SYSTEM_STATE, "--mode", c.mode}, c.passes);
         // Every switch goes through rmmod, the USB port reset through libusb and modprobe.
         const std::string events = daemonHarnessReadFile(SYSTEM_EVENTS);
         const size_t resets = c.toBootloader + 1;
@@ -186,46 +127,40 @@ TEST(tarnholdSystemUpgrade, anotherImageOrTheBootloaderEndsWithTheImageInstalled
 
 TEST(tarnholdSystemUpgrade, powerLostWhileProgrammingIsRepairedByTheNextStart)
 {
-    ASSERT_TRUE(prepare());
+    ASSERT_TRUE(systemPrepare());
     {
         // The erase and the first packet get through; then the appliance, host and all, goes dark.
         daemonHarness daemon;
-        ASSERT_TRUE(daemon.start(systemOnSim(
-            {"--faketime", FAST, "--state", STATE, "--mode", "boot", "--fault", "host-power-loss:2"},
-            {"--file", APP_HEX})));
-        EXPECT_EQ(exitStatus(daemon), 128 + SIGKILL);
+        ASSERT_TRUE(daemon.start(systemOnSim({"--faketime", SYSTEM_FAST, "--state", SYSTEM_STATE, "--mode", "boot",
+                                              "--fault", "host-power-loss:2"},
+                                             {"--file", SYSTEM_APP_HEX})));
+        EXPECT_EQ(systemExitStatus(daemon), 128 + SIGKILL);
         simReset();
-        ASSERT_TRUE(simLoadState(STATE));
+        ASSERT_TRUE(simLoadState(SYSTEM_STATE));
         EXPECT_EQ(simFlash()[15], 15);
         EXPECT_TRUE(std::all_of(simFlash().begin() + 16, simFlash().end(), [](uint8_t b) { return b == 0xFF; }));
     }
     // Back in its bootloader: programmed in the first pass, done in the second.
     daemonHarness daemon;
-    expectUpgradeEnds(daemon, {"--faketime", FAST, "--state", STATE}, 2);
+    expectUpgradeEnds(daemon, {"--faketime", SYSTEM_FAST, "--state", SYSTEM_STATE}, 2);
 }
 
-TEST(tarnholdSystemStartup, noDeviceNodeEndsWithStatusOneAfterTheSearch)
+TEST(tarnholdSystemStartup, noDeviceNodeOrNoFirmwareFileEndsWithStatusOne)
 {
     daemonHarness daemon;
-    ASSERT_TRUE(prepare() && daemon.start(systemOnSim({"--faketime", FAST, "--no-node"}, {})));
-    EXPECT_EQ(exitStatus(daemon), 1);
-    const strings log = daemon.logTexts();
+    ASSERT_TRUE(systemPrepare() && daemon.start(systemOnSim({"--faketime", SYSTEM_FAST, "--no-node"}, {})));
+    EXPECT_EQ(systemExitStatus(daemon), 1);
+    strings log = daemon.logTexts();
     const char *noNode = "qxUsbInit: Failed to open '/dev/corvanta_hid_backdoor' - 'No such file or directory'";
     EXPECT_THAT(log, Contains(noNode).Times(24));
     EXPECT_THAT(log, Contains("__qxLoaderFindUsbDev: resetting USB device").Times(1));
-    for (const char *text :
-         {"QX_TRACE_PRINTF-qxLoaderGetClientFileName():: Error Finding QX_HID_DEVICE *****************",
-          "QX_TRACE_USBMGMT-Error finding USB device", "usbMgmtInit: failed"}) {
-        EXPECT_THAT(log, Contains(text).Times(1));
-    }
-}
+    EXPECT_THAT(log, Contains("usbMgmtInit: failed").Times(1));
 
-TEST(tarnholdSystemStartup, missingFirmwareFileFailsBeforeTheDeviceIsTouched)
-{
-    daemonHarness daemon;
-    ASSERT_TRUE(prepare() && daemon.start(systemOnSim({}, {"--file", "/tmp/missing.hex"})));
-    EXPECT_EQ(exitStatus(daemon), 1);
-    const strings log = daemon.logTexts();
+    // A missing firmware file fails before the device is touched.
+    daemonHarness missing;
+    ASSERT_TRUE(systemPrepare() && missing.start(systemOnSim({}, {"--file", "/tmp/missing.hex"})));
+    EXPECT_EQ(systemExitStatus(missing), 1);
+    log = missing.logTexts();
     EXPECT_THAT(log, Contains("QX_TRACE_USBMGMT-/tmp/missing.hex file Error").Times(1));
     EXPECT_THAT(log, Contains("usbMgmtInit: failed").Times(1));
     EXPECT_EQ(daemonHarnessReadFile(SYSTEM_EVENTS), ""); // not one open of the node
