@@ -15,8 +15,8 @@ constexpr uint64_t S = 1000000;
 constexpr uint64_t MS = 1000;
 using report64 = std::array<uint8_t, QX_REPORT_SIZE>;
 
-// head, then n copies of pattern, then tail.
-template <typename T>
+// head, then n copies of pattern, then tail; of sleeps unless told otherwise.
+template <typename T = uint64_t>
 std::vector<T> repeat(std::vector<T> head, const std::vector<T> &pattern, size_t n, const std::vector<T> &tail = {})
 {
     while (n-- > 0) {
