@@ -39,7 +39,9 @@ TEST_F(fpgaUpgradeTest, fileSizeBoundsAndUpgradeSizeWalk)
             EXPECT_EQ(log.textsFrom("fpgaUpgrade").back(), "QX_TRACE_FILE-error wrong file size: "
                           + std::to_string(c.size) + " [min: 1048576], [max: 16777216]");
         } else {
-            EXPECT_EQ(fpgaUpgradeGetView().upgradeSize, c.upgradeSize);
+            const fpgaUpgradeView v = fpgaUpgradeGetView();
+            EXPECT_EQ(v.upgradeSize, c.upgradeSize);
+            EXPECT_TRUE(std::all_of(v.data + c.size, v.data + FPGA_DATA_SIZE, [](uint8_t b) { return b == 0xFF; }));
         }
     }
     EXPECT_EQ(fpgaUpgradeFileInit("/nonexistent/f.bin"), -1);
