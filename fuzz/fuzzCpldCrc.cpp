@@ -15,13 +15,9 @@ void __fuzzCpldCrcOnce(const uint8_t *data, int64_t size)
     uint16_t actual = 0xA5A5;
     const int32_t rc = cpldUpgradeCheckCrc(data, size, &expected, &actual);
     const bool written = expected != 0x5A5A || actual != 0xA5A5;
-    if (size <= 52 && written) {
-        abort();
-    }
-    if (rc == 0 && expected != actual) {
-        abort();
-    }
-    if (cpldUpgradeCheckCrc(data, size, nullptr, nullptr) != rc) {
+    const bool broken = (size <= 52 && written) || (rc == 0 && expected != actual)
+        || cpldUpgradeCheckCrc(data, size, nullptr, nullptr) != rc;
+    if (broken) {
         abort();
     }
 }

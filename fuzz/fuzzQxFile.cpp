@@ -6,6 +6,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -49,28 +50,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     }
     qxFileReset();
     const int32_t result = qxFileInit(m.path);
-    if (result != 0 && result != QX_FILE_BAD_ROW && result != QX_FILE_ERROR) {
-        __builtin_trap();
-    }
     // Nothing is ever written behind the flash range, whatever the file.
     const uint8_t *image = qxFileGetData();
-    for (uint32_t i = QX_FLASH_SIZE; i < QX_FILE_DATA_SIZE; ++i) {
-        if (image[i] != 0) {
-            __builtin_trap();
-        }
-    }
+    bool broken = (result != 0 && result != QX_FILE_BAD_ROW && result != QX_FILE_ERROR)
+        || std::any_of(image + QX_FLASH_SIZE, image + QX_FILE_DATA_SIZE, [](uint8_t b) { return b != 0; });
     if (result == 0) {
         int32_t len = 0;
         uint8_t digest[QX_FILE_DIGEST_SIZE];
         qxFileGetMd5AndLen(&len, digest);
-        if (len < 64 || len % 64 != 0 || len > static_cast<int32_t>(QX_FLASH_SIZE + 0x100)) {
-            __builtin_trap();
-        }
-        for (uint32_t i = 16; i < QX_FILE_DIGEST_SIZE; ++i) {
-            if (digest[i] != 0) {
-                __builtin_trap();
-            }
-        }
+        broken = broken || len < 64 || len % 64 != 0 || len > static_cast<int32_t>(QX_FLASH_SIZE + 0x100)
+            || std::any_of(digest + 16, digest + QX_FILE_DIGEST_SIZE, [](uint8_t b) { return b != 0; });
+    }
+    if (broken) {
+        __builtin_trap();
     }
     return 0;
 }

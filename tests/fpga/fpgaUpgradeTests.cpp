@@ -8,17 +8,12 @@ namespace {
 const std::string ERASE_FAILED = "QX_TRACE_FILE-Error erasing FPGA!!!!!";
 const std::string PROGRAM_FAILED = "QX_TRACE_FILE-Error programming the configurator!!!!!";
 const std::string ERASE_DONE = "QX_TRACE_FILE-*****FPGA ERASE DONE*****";
+const std::string PROGRAM_DONE = "QX_TRACE_FILE-*****FPGA PROGRAM DONE*****";
+const std::string CLEAN_UP_FAILED = "QX_TRACE_FILE-Error GPGA Upgrade Clean Up!!!!!";
 
 class fpgaUpgradeTest : public upgradeTest {
 protected:
-    int32_t upgrade(const std::vector<uint8_t> &bytes)
-    {
-        qxUsbBlock cmd = cmdFor(QX_HID_CMD_FPGA_UPGRADE, write(bytes));
-        resp.fill(0xEE);
-        const int32_t rc = usbMgmtCmd(cmd, resp);
-        EXPECT_TRUE(allAre(resp, 0xEE)) << "resp comes back as sent";
-        return rc;
-    }
+    int32_t upgrade(const std::vector<uint8_t> &bytes) { return upgradeFrom(QX_HID_CMD_FPGA_UPGRADE, write(bytes)); }
     // The module's lines after the first three (name, size, upgrade size).
     std::vector<std::string> stepLines() const
     {
@@ -39,17 +34,13 @@ TEST_F(fpgaUpgradeTest, fileSizeBoundsAndUpgradeSizeWalk)
         SCOPED_TRACE(c.size);
         std::vector<uint8_t> bytes = bytesOf(c.size);
         std::fill_n(bytes.begin() + 1024 * std::max(c.blankBlock, 0), c.blankBlock >= 0 ? 1024 : 0, 0xFF);
-        log.clear();
         EXPECT_EQ(fpgaUpgradeFileInit(write(bytes).c_str()), c.upgradeSize != 0 ? 0 : -1);
-        const std::string second = c.upgradeSize == 0
-            ? "QX_TRACE_FILE-error wrong file size: " + std::to_string(c.size) + " [min: 1048576], [max: 16777216]"
-            : "QX_TRACE_FILE-st.st_size: " + std::to_string(c.size);
-        EXPECT_THAT(log.textsFrom("fpgaUpgrade"),
-                    ElementsAre("QX_TRACE_FILE-fpgaUpgradeFileInit:: fileName: " + file_, second));
-        const fpgaUpgradeView v = fpgaUpgradeGetView();
-        if (c.upgradeSize != 0) {
+        if (c.upgradeSize == 0) {
+            EXPECT_EQ(log.textsFrom("fpgaUpgrade").back(), "QX_TRACE_FILE-error wrong file size: "
+                          + std::to_string(c.size) + " [min: 1048576], [max: 16777216]");
+        } else {
+            const fpgaUpgradeView v = fpgaUpgradeGetView();
             EXPECT_EQ(v.upgradeSize, c.upgradeSize);
-            EXPECT_TRUE(std::equal(bytes.begin(), bytes.end(), v.data));
             EXPECT_TRUE(std::all_of(v.data + c.size, v.data + FPGA_DATA_SIZE, [](uint8_t b) { return b == 0xFF; }));
         }
     }
@@ -68,93 +59,83 @@ TEST_F(fpgaUpgradeTest, unendedPathsAndShortReadsFailBeforeAnythingIsSent)
     platformSys.read = [](int fd, void *buf, size_t len) { return PLATFORM_SYS_LIBC.read(fd, buf, len / 2); };
     EXPECT_EQ(upgrade(bytesOf(1048576)), -1);
     EXPECT_EQ(log.textsFrom("fpgaUpgrade").back(), "QX_TRACE_FILE-fread error rc: 1048575");
-    EXPECT_THAT(sent(), IsEmpty());
+    EXPECT_THAT(upgradeSent, IsEmpty());
 }
 
-TEST_F(fpgaUpgradeTest, fullUpgradeLeavesTheFileAndItsFillInFpgaMemoryAfterTheFixedWaits)
+// Each chunk waits for room for 30 pages; the last carries what is left of the 1 KiB-rounded size.
+TEST_F(fpgaUpgradeTest, upgradeSendsThirtyPageChunksAfterTheFixedWaitsAndLeavesTheFileAndItsFill)
 {
-    std::vector<uint8_t> bytes = bytesOf(1048577);
-    EXPECT_EQ(upgrade(bytes), 0);
-    EXPECT_THAT(log.textsFrom("fpgaUpgrade"),
-                ElementsAre("QX_TRACE_FILE-fpgaUpgradeFileInit:: fileName: " + file_,
-                            "QX_TRACE_FILE-st.st_size: 1048577", "QX_TRACE_FILE-_this->upgradeSize: 1025k", ERASE_DONE,
-                            "QX_TRACE_FILE-*****FPGA PROGRAM DONE*****",
-                            "QX_TRACE_FILE-*****FPGA PROGRAM SUCCEFUL!!!!!!!!!!!!*****"));
-    EXPECT_THAT(simSleeps(), ElementsAre(55 * S, 20 * MS, 2 * S, 20 * MS));
-    bytes.resize(1049600, 0xFF);
-    EXPECT_TRUE(std::equal(bytes.begin(), bytes.end(), simFpgaMemory().begin()));
-    EXPECT_EQ(simGetUpgradeState().fpgaPages, 4100u);
-}
-
-TEST_F(fpgaUpgradeTest, chunksCarryFirstPageCountAndAddressOfThirtyPagesAtMost)
-{
-    for (size_t size : {size_t{1048576}, size_t{16777216}}) {
-        sent().clear();
-        ASSERT_EQ(upgrade(bytesOf(size)), 0);
-        const auto chunks = reports(PIC_HID_PROGRAM_FPGA);
+    const struct {
+        size_t size;
+        size_t fullChunks;
+        size_t lastPages;
+        const char *sizeLine;
+    } cases[] = {{1048577, 136, 20, "1025k"}, {16777216, 2184, 16, "16384k"}};
+    for (const auto &c : cases) {
+        upgradeSent.clear();
+        forget();
+        std::vector<uint8_t> bytes = bytesOf(c.size);
+        ASSERT_EQ(upgrade(bytes), 0);
+        EXPECT_THAT(log.textsFrom("fpgaUpgrade"),
+                    ElementsAre("QX_TRACE_FILE-fpgaUpgradeFileInit:: fileName: " + file_,
+                                "QX_TRACE_FILE-st.st_size: " + std::to_string(c.size),
+                                std::string("QX_TRACE_FILE-_this->upgradeSize: ") + c.sizeLine, ERASE_DONE,
+                                PROGRAM_DONE, "QX_TRACE_FILE-*****FPGA PROGRAM SUCCEFUL!!!!!!!!!!!!*****"));
+        EXPECT_THAT(simSleeps(), ElementsAre(55 * S, 20 * MS, 2 * S, 20 * MS));
+        EXPECT_EQ(chunkPages(PIC_HID_PROGRAM_FPGA, fpgaUpgradeGetView().data),
+                  repeat<size_t>({}, {30}, c.fullChunks, {c.lastPages}));
         const auto queries = reports(PIC_HID_IS_URB_AVAILABLE);
-        ASSERT_EQ(chunks.size(), size / 256 / 30 + 1); // 137 and 2,185
-        ASSERT_EQ(queries.size(), chunks.size());
-        const uint8_t *data = fpgaUpgradeGetView().data;
-        size_t wrong = 0;
-        for (size_t i = 0; i < chunks.size(); ++i) {
-            const auto &c = chunks[i];
-            wrong += leGet24(&c[7]) != 30 * i || c[10] != 0 || c[11] != (i + 1 < chunks.size() ? 30 : 16)
-                || leGet64(&c[12]) != reinterpret_cast<uintptr_t>(data + 256 * 30 * i) || queries[i][11] != 30;
-        }
-        EXPECT_EQ(wrong, 0u) << size;
-        EXPECT_EQ(leGet24(&chunks.back()[7]), size / 256 - 16); // 4,080 and 65,520
-        EXPECT_TRUE(std::equal(data, data + size, simFpgaMemory().begin())) << size;
+        ASSERT_EQ(queries.size(), c.fullChunks + 1);
+        EXPECT_TRUE(std::ranges::all_of(queries, [](const report64 &q) { return q[11] == 30; }));
+        const size_t pages = 30 * c.fullChunks + c.lastPages;
+        bytes.resize(256 * pages, 0xFF);
+        EXPECT_TRUE(std::equal(bytes.begin(), bytes.end(), simFpgaMemory().begin()));
+        EXPECT_EQ(simGetUpgradeState().fpgaPages, pages);
     }
 }
 
-TEST_F(fpgaUpgradeTest, eraseWaits55sThenQueries80Times1sApart)
+// Waits that run out and sends that fail end the upgrade with the lines of the step.
+TEST_F(fpgaUpgradeTest, eachWaitIsBoundedAndEachFailingStepLogsItsLines)
 {
-    simSetUpgradeFault(simUpgradeFault::ERASE_NEVER_CONFIRMED, -1);
-    EXPECT_EQ(upgrade(bytesOf(1048576)), -1);
-    EXPECT_EQ(simSleeps(), repeat({55 * S}, {20 * MS, 1 * S}, 80));
-    std::vector<std::string> lines(80, "QX_TRACE_FILE-PIC_HID_ERASE_FPGA rc: 0");
-    lines.push_back(ERASE_FAILED);
-    EXPECT_EQ(stepLines(), lines);
-}
-
-TEST_F(fpgaUpgradeTest, capacityPolledEvery50msAndGivenUpAfter600Polls)
-{
-    simSetUpgradeFault(simUpgradeFault::CAPACITY_NEVER_FREE, -1);
-    EXPECT_EQ(upgrade(bytesOf(1048576)), -1);
-    EXPECT_EQ(simSleeps(), repeat({55 * S, 20 * MS}, {50 * MS}, 600));
-    EXPECT_THAT(stepLines(),
-                ElementsAre(ERASE_DONE,
-                            "QX_TRACE_FILE-PIC_HID_IS_URB_AVAILABLE: driver still busy after 600 polls, giving up",
-                            PROGRAM_FAILED));
-    EXPECT_THAT(reports(PIC_HID_PROGRAM_FPGA), IsEmpty());
-}
-
-TEST_F(fpgaUpgradeTest, cleanUpTriesThreeTimes2sApart)
-{
-    simSetUpgradeFault(simUpgradeFault::CLEANUP_STATE_2, -1);
-    EXPECT_EQ(upgrade(bytesOf(1048576)), -1);
-    EXPECT_EQ(simSleeps(), repeat({55 * S, 20 * MS}, {2 * S, 20 * MS}, 3));
-    EXPECT_EQ(stepLines().back(), "QX_TRACE_FILE-Error GPGA Upgrade Clean Up!!!!!");
-    EXPECT_EQ(stepLines().size(), 3u);
-}
-
-TEST_F(fpgaUpgradeTest, aFailingSendEndsTheUpgradeWithItsLines)
-{
-    const std::pair<uint32_t, std::vector<std::string>> cases[] = {
-        {PIC_HID_FPGA_UPGRADE_SETUP, {"QX_TRACE_FILE-PIC_HID_FPGA_UPGRADE_SETUP rc: -1", ERASE_FAILED}},
-        {PIC_HID_ERASE_FPGA_STATUS, {"QX_TRACE_FILE-PIC_HID_ERASE_FPGA rc: -1", ERASE_FAILED}},
-        {PIC_HID_IS_URB_AVAILABLE, {ERASE_DONE, "QX_TRACE_FILE-PIC_HID_IS_URB_AVAILABLE rc: -1", PROGRAM_FAILED}},
-        {PIC_HID_PROGRAM_FPGA, {ERASE_DONE, PROGRAM_FAILED}},
-        {PIC_HID_PROGRAM_CLEAN_UP,
-         {ERASE_DONE, "QX_TRACE_FILE-*****FPGA PROGRAM DONE*****", "QX_TRACE_FILE-PIC_HID_PROGRAM_CLEAN_UP rc: -1",
-          "QX_TRACE_FILE-Error GPGA Upgrade Clean Up!!!!!"}},
+    const struct {
+        simUpgradeFault fault;
+        uint32_t failing; // the one driver request that fails; 0: none
+        std::vector<uint64_t> sleeps; // empty: not looked at
+        std::vector<std::string> lines;
+    } cases[] = {
+        {simUpgradeFault::ERASE_NEVER_CONFIRMED, 0, repeat<uint64_t>({55 * S}, {20 * MS, 1 * S}, 80),
+         repeat<std::string>({}, {"QX_TRACE_FILE-PIC_HID_ERASE_FPGA rc: 0"}, 80, {ERASE_FAILED})},
+        {simUpgradeFault::CAPACITY_NEVER_FREE, 0, repeat<uint64_t>({55 * S, 20 * MS}, {50 * MS}, 600),
+         {ERASE_DONE, "QX_TRACE_FILE-PIC_HID_IS_URB_AVAILABLE: driver still busy after 600 polls, giving up",
+          PROGRAM_FAILED}},
+        {simUpgradeFault::CLEANUP_STATE_2, 0, repeat<uint64_t>({55 * S, 20 * MS}, {2 * S, 20 * MS}, 3),
+         {ERASE_DONE, PROGRAM_DONE, CLEAN_UP_FAILED}},
+        {simUpgradeFault::NONE, PIC_HID_FPGA_UPGRADE_SETUP, {},
+         {"QX_TRACE_FILE-PIC_HID_FPGA_UPGRADE_SETUP rc: -1", ERASE_FAILED}},
+        {simUpgradeFault::NONE, PIC_HID_ERASE_FPGA_STATUS, {},
+         {"QX_TRACE_FILE-PIC_HID_ERASE_FPGA rc: -1", ERASE_FAILED}},
+        {simUpgradeFault::NONE, PIC_HID_IS_URB_AVAILABLE, {},
+         {ERASE_DONE, "QX_TRACE_FILE-PIC_HID_IS_URB_AVAILABLE rc: -1", PROGRAM_FAILED}},
+        {simUpgradeFault::NONE, PIC_HID_PROGRAM_FPGA, {}, {ERASE_DONE, PROGRAM_FAILED}},
+        {simUpgradeFault::NONE, PIC_HID_PROGRAM_CLEAN_UP, {},
+         {ERASE_DONE, PROGRAM_DONE, "QX_TRACE_FILE-PIC_HID_PROGRAM_CLEAN_UP rc: -1", CLEAN_UP_FAILED}},
     };
-    for (const auto &[request, lines] : cases) {
+    for (const auto &c : cases) {
+        simSetUpgradeFault(simUpgradeFault::NONE, 0);
+        simSetUpgradeFault(c.fault, -1);
+        if (c.failing != 0) {
+            simFailIoctl(c.failing, EIO, 1);
+        }
+        upgradeSent.clear();
         forget();
-        simFailIoctl(request, EIO, 1);
         EXPECT_EQ(upgrade(bytesOf(1048576)), -1);
-        EXPECT_EQ(stepLines(), lines) << request;
+        EXPECT_EQ(stepLines(), c.lines) << c.failing;
+        if (!c.sleeps.empty()) {
+            EXPECT_EQ(simSleeps(), c.sleeps) << c.lines.back();
+        }
+        if (c.fault == simUpgradeFault::CAPACITY_NEVER_FREE) {
+            EXPECT_THAT(reports(PIC_HID_PROGRAM_FPGA), IsEmpty()) << "no chunk without room";
+        }
     }
 }
 
