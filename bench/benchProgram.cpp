@@ -20,12 +20,10 @@
 
 namespace {
 
-
 struct {
     uint64_t packets = 0; // PROGRAM / PROGRAM_DONE requests seen
     uint8_t lastPacket[QX_REPORT_SIZE] = {};
 } benchDriver;
-
 
 // Acknowledges set-up and availability at once; takes a copy of each packet
 // handed over by address, as the driver does.

@@ -36,7 +36,6 @@ struct {
     uint8_t firstByte = 0;
 } benchDriver;
 
-
 // Room at once for every chunk; a chunk's first page is touched by address.
 int __benchIoctl(int fd, unsigned long request, void *arg)
 {
