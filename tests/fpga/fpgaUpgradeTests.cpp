@@ -91,6 +91,7 @@ TEST_F(fpgaUpgradeTest, upgradeSendsThirtyPageChunksAfterTheFixedWaitsAndLeavesT
         bytes.resize(256 * pages, 0xFF);
         EXPECT_TRUE(std::equal(bytes.begin(), bytes.end(), simFpgaMemory().begin()));
         EXPECT_EQ(simGetUpgradeState().fpgaPages, pages);
+        EXPECT_EQ(reports(PIC_HID_PROGRAM_CLEAN_UP).size(), 1u) << "a success ends with one clean-up";
     }
 }
 

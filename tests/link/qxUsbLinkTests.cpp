@@ -47,7 +47,7 @@ TEST_F(qxUsbLinkTest, busyDriverGetsThreeAttempts100msApartWithoutCounting)
     EXPECT_EQ(simSleeps().size(), 2u);
     EXPECT_EQ(qxUsbGetReport(in.data()), -1);
     EXPECT_THAT(simSleeps(), ElementsAre(100000u, 100000u, 100000u, 100000u));
-    EXPECT_THAT(leveled(), ElementsAre("4 qxUsbCmd: ioctl failed max times", "4 qxUsbCmd: ioctl failed max times"));
+    EXPECT_THAT(log.leveled(), ElementsAre("4 qxUsbCmd: ioctl failed max times", "4 qxUsbCmd: ioctl failed max times"));
     EXPECT_EQ(qxUsbGetState().errCnt, 1u);
     EXPECT_EQ(simKinds(), std::vector(6, simEventKind::IOCTL_FAILED)); // nothing reached the firmware
     EXPECT_TRUE(allAre(in, 0xA5));
@@ -66,7 +66,7 @@ TEST_F(qxUsbLinkTest, fifteenthCountedFailureOrAnyEbadfReopensTheNode)
     EXPECT_EQ(simKinds(), std::vector(14, simEventKind::IOCTL_FAILED)); // the count shows in the next line
     forget();
     EXPECT_EQ(qxUsbCmd(r.data()), -1);
-    EXPECT_THAT(leveled(), ElementsAre("6 qxUsbCmd: ioctl(1079527424) failed - 'Input/output error'",
+    EXPECT_THAT(log.leveled(), ElementsAre("6 qxUsbCmd: ioctl(1079527424) failed - 'Input/output error'",
                                        "1 qxUsbCmd: re-opening device file (errCnt=15)",
                                        "1 qxUsbInit: Open '/dev/corvanta_hid_backdoor' success; fd=" +
                                            std::to_string(qxUsbGetState().fd)));
@@ -88,7 +88,7 @@ TEST_F(qxUsbLinkTest, fifteenthCountedFailureOrAnyEbadfReopensTheNode)
     EXPECT_EQ(qxUsbGetReport(in.data()), -1);
     EXPECT_EQ(qxUsbCmd(r.data()), -1);
     EXPECT_EQ(qxUsbInit(), 1);
-    EXPECT_THAT(leveled(), ElementsAre("6 qxUsbGetReport: ioctl(PIC_HID_GET_REPORT) failed - 'Bad file descriptor'",
+    EXPECT_THAT(log.leveled(), ElementsAre("6 qxUsbGetReport: ioctl(PIC_HID_GET_REPORT) failed - 'Bad file descriptor'",
                                        "1 qxUsbGetReport: re-opening device file (errCnt=4)", NO_NODE,
                                        "4 qxUsbCmd: device not open", NO_NODE));
 }
@@ -97,7 +97,7 @@ TEST_F(qxUsbLinkTest, gotoResetsTheUsbDeviceBetweenUnloadAndLoadAndLeavesTheLink
 {
     report64 r{QX_HID_CMD_GOTO_BOOTLOADER, 0x42};
     EXPECT_EQ(qxUsbCmd(r.data()), 0);
-    EXPECT_THAT(leveled(), ElementsAre("6 qxUsbCmd: reset USB device", "6 resetUsb: resetting PIC"));
+    EXPECT_THAT(log.leveled(), ElementsAre("6 qxUsbCmd: reset USB device", "6 resetUsb: resetting PIC"));
     EXPECT_THAT(simSleeps(), ElementsAre(2000000u, 2000000u));
     EXPECT_THAT(simKinds(), ElementsAre(simEventKind::SEND, simEventKind::GOTO_BOOTLOADER, simEventKind::CLOSE,
                                         simEventKind::RMMOD, simEventKind::USB_RESET, simEventKind::MODE_SWITCH,
@@ -120,7 +120,7 @@ TEST_F(qxUsbLinkTest, rawRequestsAreTracedUnlessQuietAndIssuedOnceWithoutRecover
     std::iota(&block.report[7], &block.report[QX_REPORT_SIZE], uint8_t{7});
     simSetMode(simMode::BOOTLOADER); // the driver acknowledges the set-up only there
     EXPECT_EQ(qxUsbRawIoctCmd(&block), 0);
-    EXPECT_THAT(leveled(), ElementsAre("0 QX_TRACE_USB-cmd: QX_HID_CMD_IO_CMD                     ",
+    EXPECT_THAT(log.leveled(), ElementsAre("0 QX_TRACE_USB-cmd: QX_HID_CMD_IO_CMD                     ",
                                        "0 QX_TRACE_USB- 26 05 00 0d 48 58 c0 07 08 09 0a 0b 0c 0d 0e 0f",
                                        "0 QX_TRACE_USB- 10 11 12 13 14 15 16 17 18 19 1a 1b 1c 1d 1e 1f",
                                        "0 QX_TRACE_USB- 20 21 22 23 24 25 26 27 28 29 2a 2b 2c 2d 2e 2f",
@@ -154,7 +154,7 @@ TEST_F(qxUsbLinkTest, rawRequestsAreTracedUnlessQuietAndIssuedOnceWithoutRecover
     EXPECT_EQ(qxUsbRawIoctCmd(&block), -1);
     qxUsbCleanUp();
     EXPECT_EQ(qxUsbRawIoctCmd(&block), -1);
-    EXPECT_THAT(leveled(),
+    EXPECT_THAT(log.leveled(),
                 ElementsAre("6 qxUsbRawIoctCmd: ioctl(-1067956217) failed - 'Resource temporarily unavailable'",
                             "6 qxUsbRawIoctCmd: ioctl(-1067956217) failed - 'Bad file descriptor'",
                             "4 qxUsbRawIoctCmd: device not open"));

@@ -255,7 +255,7 @@ TEST_F(qxLoaderOnSim, slot4IsReadWithThreeTriesAndVerificationWritesItOnlyWhenAs
     other[15] ^= 1;
     setSlot(QX_SLOT_FIRMWARE, imageLen, 16, other);
     EXPECT_EQ(qxLoaderVerifyApplicationCode(0), 1);
-    EXPECT_THAT(leveled(QX_LOADER_LOG_SOURCE), ElementsAre("6 qxLoaderGetStoredHash: Failed!", "6 " + NOT_VERIFIED,
+    EXPECT_THAT(log.leveled(QX_LOADER_LOG_SOURCE), ElementsAre("6 qxLoaderGetStoredHash: Failed!", "6 " + NOT_VERIFIED,
                                                            "1 " + VERIFIED, "6 " + NOT_VERIFIED));
     // Asked: written (the record as stored is pinned by the system tests of a whole upgrade).
     setSlot(QX_SLOT_FIRMWARE, imageLen + 64, 16, digest);
@@ -268,7 +268,7 @@ TEST_F(qxLoaderOnSim, getInfoMatchesOnCodeSequenceStatusAndProductId)
 {
     EXPECT_EQ(qxLoaderIsHidApplication(), 1);
     EXPECT_EQ(qxLoaderIsHidBootloader(), 0);
-    EXPECT_THAT(leveled(QX_LOADER_LOG_SOURCE), ElementsAre("1 qxLoaderIsProductIdMatch: 17 matched!!!",
+    EXPECT_THAT(log.leveled(QX_LOADER_LOG_SOURCE), ElementsAre("1 qxLoaderIsProductIdMatch: 17 matched!!!",
                                                            "6 qxLoaderIsProductIdMatch: 18 doesn't match!!!"));
 
     // Echoed on the third read: still tested, after two 10 ms waits; never echoed: no match. An error status is
@@ -302,7 +302,7 @@ TEST_F(qxLoaderOnSim, deviceSearchWaitsGrowToOneSecondResetsAfterTheFifthAndGive
     std::vector<uint64_t> waits{1000, 10000, 100000, 1000000, 1000000, 1000000, 1000000, 1000000, 2000000};
     waits.insert(waits.end(), 15, 1000000); // the 2 s are the module reload of the reset, after the fifth 1 s
     EXPECT_EQ(simSleeps(), waits);
-    EXPECT_THAT(leveled(QX_LOADER_LOG_SOURCE),
+    EXPECT_THAT(log.leveled(QX_LOADER_LOG_SOURCE),
                 ElementsAre("1 __qxLoaderFindUsbDev: starting", "6 __qxLoaderFindUsbDev: resetting USB device",
                             "0 QX_TRACE_PRINTF-qxLoaderGetClientFileName():: Error Finding QX_HID_DEVICE "
                             "*****************"));

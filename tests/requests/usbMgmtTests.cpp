@@ -47,7 +47,7 @@ TEST_F(usbMgmtInitTest, withoutFileThePlatformTextGetsFiveTries500usApart)
     // The first try's exchange fails, the second finds "HW=BRISKA".
     simFailIoctl(PIC_HID_SEND_REPORT, EIO, 1);
     EXPECT_EQ(usbMgmtInit(nullptr), QX_FILE_ERROR);
-    EXPECT_THAT(leveled("usbMgmt"),
+    EXPECT_THAT(log.leveled("usbMgmt"),
                 ElementsAre("1 usbMgmtInit: filename='none'", CHECKING + "5)", CHECKING + "4)",
                             "1 usbMgmtInit: found filename='/usr/sbin/briska-pic-client.hex'",
                             "0 QX_TRACE_USBMGMT-/usr/sbin/briska-pic-client.hex file Error"));
@@ -59,7 +59,7 @@ TEST_F(usbMgmtInitTest, withoutFileThePlatformTextGetsFiveTries500usApart)
     simSetPlatformText("HW=NOWHERE");
     log.clear();
     EXPECT_EQ(usbMgmtInit(nullptr), -1);
-    EXPECT_THAT(leveled("usbMgmt"),
+    EXPECT_THAT(log.leveled("usbMgmt"),
                 ElementsAre("1 usbMgmtInit: filename='none'", CHECKING + "5)", CHECKING + "4)", CHECKING + "3)",
                             CHECKING + "2)", CHECKING + "1)", "0 QX_TRACE_USBMGMT-Error getting client file name"));
     EXPECT_THAT(simSleeps(), ElementsAre(500u, 500u, 500u, 500u, 500u)); // after the fifth failure too
@@ -68,17 +68,22 @@ TEST_F(usbMgmtInitTest, withoutFileThePlatformTextGetsFiveTries500usApart)
 
 // That a named file skips the platform text and the loader's start-up follows at once is pinned by the system
 // test of a whole start's log.
-TEST_F(usbMgmtInitTest, namedFileWithoutDeviceNodeEndsAfterTheLoadersSearch)
+TEST_F(usbMgmtInitTest, namedFileIsLoadedBeforeTheDeviceIsTouchedAndWithoutDeviceNodeEndsAfterTheLoadersSearch)
 {
+    EXPECT_EQ(usbMgmtInit("/nonexistent/app.hex"), QX_FILE_ERROR);
+    EXPECT_THAT(log.leveled("usbMgmt"), ElementsAre("1 usbMgmtInit: filename='/nonexistent/app.hex'",
+                                                "0 QX_TRACE_USBMGMT-/nonexistent/app.hex file Error"));
+    EXPECT_THAT(simEvents(), IsEmpty()); // not one open of the node
+    forget();
     // An Intel HEX file of the 16 bytes 0, 1, 2 ... at the start of the flash range.
     const std::string hexPath = testing::TempDir() + "usbMgmtInit-" + std::to_string(getpid()) + ".hex";
     std::ofstream(hexPath) << ":020000041D01DC\n:10000000000102030405060708090A0B0C0D0E0F78\n:00000001FF\n";
     nodeMissing = true;
     EXPECT_EQ(usbMgmtInit(hexPath.c_str()), 1);
     unlink(hexPath.c_str());
-    EXPECT_THAT(leveled("usbMgmt"),
+    EXPECT_THAT(log.leveled("usbMgmt"),
                 ElementsAre("1 usbMgmtInit: filename='" + hexPath + "'", "0 QX_TRACE_USBMGMT-qxUsb Device Error"));
-    EXPECT_EQ(leveled("qxLoader").back(),
+    EXPECT_EQ(log.leveled("qxLoader").back(),
               "0 QX_TRACE_PRINTF-qxLoaderInit():: Error Finding QX_HID_DEVICE *****************");
     EXPECT_EQ(simOpenNodeFds(), 0);
 }
@@ -144,7 +149,7 @@ TEST_F(usbMgmtTest, relayPollsAfterGrowingWaitsAndMatchesTheNumberThenTheCode)
         EXPECT_EQ(request(QX_HID_CMD_GET_STEALTH), rc);
         EXPECT_EQ(cmd[QX_REPORT_SEQ], seq);
         EXPECT_EQ(simSleeps(), std::vector(RELAY_WAITS.begin(), RELAY_WAITS.begin() + reads));
-        EXPECT_EQ(leveled(), lines);
+        EXPECT_EQ(log.leveled(), lines);
         if (kind == 'Z' || kind == 'U') {
             EXPECT_TRUE(allAre(resp, kind == 'Z' ? 0 : 0xEE));
         } else {
@@ -155,6 +160,25 @@ TEST_F(usbMgmtTest, relayPollsAfterGrowingWaitsAndMatchesTheNumberThenTheCode)
     }
 }
 
+// The driver carries out code 38's request itself: the block goes out as sent and nothing is read back.
+TEST_F(usbMgmtTest, code38ReachesTheDriverUntouchedAndAnUnknownRequestNumberFailsThere)
+{
+    cmd = cmdFor(QX_HID_CMD_IO_CMD, "");
+    cmd[QX_REPORT_SEQ] = 0x5A;
+    lePut32(&cmd[3], PIC_HID_FPGA_UPGRADE_SETUP);
+    cmd[20] = 0x77;
+    const qxUsbBlock sent = cmd;
+    resp.fill(0xEE);
+    EXPECT_EQ(usbMgmtCmd(cmd, resp), 0);
+    EXPECT_EQ(cmd, sent); // no sequence number of the service's own
+    EXPECT_TRUE(allAre(resp, 0xEE));
+    const std::vector<report64> issued = reports(PIC_HID_FPGA_UPGRADE_SETUP);
+    ASSERT_EQ(issued.size(), 1u);
+    EXPECT_TRUE(std::equal(issued[0].begin(), issued[0].end(), sent.begin()));
+    lePut32(&cmd[3], 0x7F);
+    EXPECT_EQ(usbMgmtCmd(cmd, resp), -1);
+}
+
 TEST_F(usbMgmtTest, codesWithoutHandlerGive8AndLeaveTheRecordAsItWas)
 {
     const std::string unknown = "0 QX_TRACE_USB-ERROR: UNKNOWN USB FUNCTION!";
@@ -163,7 +187,7 @@ TEST_F(usbMgmtTest, codesWithoutHandlerGive8AndLeaveTheRecordAsItWas)
         EXPECT_EQ(request(code), 8) << int(code);
         EXPECT_EQ(cmd, (qxUsbBlock{code})) << int(code); // no sequence number drawn
         EXPECT_TRUE(allAre(resp, 0xEE)) << int(code);
-        EXPECT_EQ(leveled("usbMgmt"), code < 64 ? std::vector{unknown} : std::vector<std::string>{}) << int(code);
+        EXPECT_EQ(log.leveled("usbMgmt"), code < 64 ? std::vector{unknown} : std::vector<std::string>{}) << int(code);
     }
     EXPECT_THAT(simEvents(), IsEmpty());
 }
@@ -243,12 +267,12 @@ TEST_F(usbMgmtTest, slowRelaysWait2sThenReadUpTo21Or30TimesMore)
         forget();
         EXPECT_EQ(request(code), rc);
         EXPECT_EQ(simSleeps(), repeat({2 * S}, {pauseUs}, furtherReads));
-        EXPECT_THAT(leveled("usbMgmt"), IsEmpty());
+        EXPECT_THAT(log.leveled("usbMgmt"), IsEmpty());
     }
     simFailIoctl(PIC_HID_SEND_REPORT, EIO, 1);
     EXPECT_EQ(request(QX_HID_CMD_SHUTDOWN), -1);
     EXPECT_TRUE(allAre(resp, 0xEE));
-    EXPECT_THAT(leveled("usbMgmt"), ElementsAre("0 QX_TRACE_USB-***usb cmd failed***"));
+    EXPECT_THAT(log.leveled("usbMgmt"), ElementsAre("0 QX_TRACE_USB-***usb cmd failed***"));
 }
 
 // What the driver reads from the buffer is pinned by the system test of the start-up pattern.
@@ -268,20 +292,18 @@ TEST_F(usbMgmtTest, fileTransferCapsTheLengthAt8MiBAndHandsTheTestBufferByAddres
     }
     simFailIoctl(PIC_HID_FILE_TRANSFER_TEST, EIO, 1);
     EXPECT_EQ(request(QX_HID_CMD_FILE_TRANSFER_TEST), -1);
-    EXPECT_THAT(leveled("usbMgmt"), ElementsAre("0 QX_TRACE_USB-netUsbFuncFileTransfer: usb cmd failed!"));
+    EXPECT_THAT(log.leveled("usbMgmt"), ElementsAre("0 QX_TRACE_USB-netUsbFuncFileTransfer: usb cmd failed!"));
 }
 
 TEST_F(usbMgmtTest, cpldUpgradeRunsASecondAttempt1sAfterAFailedFirst)
 {
-    cmd = cmdFor(QX_HID_CMD_CPLD_UPGRADE, "/nonexistent/cpld.jbc");
-    EXPECT_EQ(usbMgmtCmd(cmd, resp), -1);
+    EXPECT_EQ(upgradeFrom(QX_HID_CMD_CPLD_UPGRADE, "/nonexistent/cpld.jbc"), -1);
     EXPECT_THAT(simSleeps(), ElementsAre(1 * S));
     EXPECT_EQ(log.count("QX_TRACE_FILE-error finding file: /nonexistent/cpld.jbc"), 2u);
 
-    cmd = cmdFor(QX_HID_CMD_CPLD_UPGRADE, std::string(TARNHOLD_TESTDATA) + "/jbc/PIXEL8x4.jbc");
     simSetUpgradeFault(simUpgradeFault::READBACK_OTHER_CRC, 1);
     forget();
-    EXPECT_EQ(usbMgmtCmd(cmd, resp), 0);
+    EXPECT_EQ(upgradeFrom(QX_HID_CMD_CPLD_UPGRADE, std::string(TARNHOLD_TESTDATA) + "/jbc/PIXEL8x4.jbc"), 0);
     // Clear, write, read-back, clear again; the pause; then a whole attempt.
     EXPECT_THAT(simSleeps(), ElementsAre(1 * S, 1 * S, 2 * S, 1 * S, 1 * S, 1 * S, 1 * S, 2 * S, 20 * S, 2 * S));
     EXPECT_EQ(simGetSlot(9).word0, 43273u | 0x1D3Cu << 16);

@@ -164,8 +164,14 @@ bool daemonHarness::start(const daemonHarnessCommand &command)
 
 int daemonHarness::runToEnd(const daemonHarnessCommand &command, int timeoutMs)
 {
+    return start(command) ? exitStatus(0, timeoutMs) : -1;
+}
+
+int daemonHarness::exitStatus(int sig, int timeoutMs)
+{
     int status = 0;
-    return start(command) && waitExit(status, timeoutMs) && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return (sig == 0 || signalDaemon(sig)) && waitExit(status, timeoutMs) && WIFEXITED(status) ? WEXITSTATUS(status)
+                                                                                              : -1;
 }
 
 pid_t daemonHarness::daemonPid() const
@@ -211,4 +217,11 @@ std::vector<std::string> daemonHarness::logTexts(const std::string &source) cons
         }
     }
     return texts;
+}
+
+std::pair<int, std::string> daemonHarnessCtl(std::vector<std::string> args, int timeoutMs)
+{
+    daemonHarness ctl;
+    const int status = ctl.runToEnd({.binary = TARNHOLDCTL_BINARY, .args = std::move(args)}, timeoutMs);
+    return {status, ctl.stdoutText() + ctl.stderrText()};
 }

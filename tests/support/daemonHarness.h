@@ -9,6 +9,7 @@
 #include <string>
 #include <sys/types.h>
 #include <thread>
+#include <utility>
 #include <vector>
 
 // A private mount namespace with fresh tmpfs on /tmp, /var/run and /var/crash (needs root): "" or what failed.
@@ -64,6 +65,8 @@ public:
     bool start(const daemonHarnessCommand &command);
     // Starts the command and waits for its end: its exit status, else -1.
     int runToEnd(const daemonHarnessCommand &command, int timeoutMs = 10000);
+    // The exit status, after sending the daemon `sig` when one is given; -1 when it did not exit.
+    int exitStatus(int sig = 0, int timeoutMs = 10000);
 
     // The daemon as the pid file names it, -1 when none does.
     pid_t daemonPid() const;
@@ -89,3 +92,6 @@ private:
     bool reaped_ = false;
     std::string outDir_;
 };
+
+// tarnholdctl with `args` to its end: its exit status (-1 when it did not end) and what it printed.
+std::pair<int, std::string> daemonHarnessCtl(std::vector<std::string> args, int timeoutMs = 10000);

@@ -29,9 +29,11 @@ public:
         static std::vector<capturedLogLine> all;
         return all;
     }
-    std::vector<std::string> texts() const { return __texts(nullptr); }
+    std::vector<std::string> texts() const { return __texts("", false); }
     // The texts one module logged, in order.
-    std::vector<std::string> textsFrom(const std::string &source) const { return __texts(&source); }
+    std::vector<std::string> textsFrom(const std::string &source) const { return __texts(source, false); }
+    // The lines of one module (all when empty) as "level text".
+    std::vector<std::string> leveled(const std::string &source = "") const { return __texts(source, true); }
     // The level of the first line with this text; -1 when there is none.
     int levelOf(const std::string &text) const
     {
@@ -44,13 +46,13 @@ public:
 
 private:
     static void sink(int level, const char *source, int, const char *text) { lines().push_back({level, source, text}); }
-    // All texts, or those of one source.
-    static std::vector<std::string> __texts(const std::string *source)
+    // All texts, or those of one source; with their level in front when asked.
+    static std::vector<std::string> __texts(const std::string &source, bool withLevel)
     {
         std::vector<std::string> out;
         for (const auto &l : lines()) {
-            if (source == nullptr || l.source == *source) {
-                out.push_back(l.text);
+            if (source.empty() || l.source == source) {
+                out.push_back(withLevel ? std::to_string(l.level) + " " + l.text : l.text);
             }
         }
         return out;

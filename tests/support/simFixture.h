@@ -19,18 +19,6 @@
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-// The captured lines of one module (all when empty) as "level text".
-inline std::vector<std::string> leveled(const std::string &source = "")
-{
-    std::vector<std::string> out;
-    for (const capturedLogLine &l : logCapture::lines()) {
-        if (source.empty() || l.source == source) {
-            out.push_back(std::to_string(l.level) + " " + l.text);
-        }
-    }
-    return out;
-}
-
 inline std::vector<simEventKind> simKinds()
 {
     const auto kinds = simEvents() | std::views::transform(&simEvent::kind);

@@ -2,11 +2,9 @@
 // bus: tarnholdctl fan against the simulated registers, and the heartbeat in the configuration file.
 #include "systemSupport.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <sys/mount.h>
 #include <thread>
 
@@ -15,14 +13,6 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr const char *PLATFORM_1_FIRMWARE = "/usr/sbin/briska-pic-client.hex"; // HW=BRISKA, platform 1
-
-// tarnholdctl with `args`: exit status and what it printed.
-std::pair<int, std::string> ctl(std::vector<std::string> args)
-{
-    daemonHarness client;
-    const int status = client.runToEnd({.binary = TARNHOLDCTL_BINARY, .args = std::move(args)});
-    return {status, client.stdoutText() + client.stderrText()};
-}
 
 TEST(tarnholdSystemFans, fanGetAndSetReadAndChangeTheSimulatedRegisters)
 {
@@ -34,13 +24,13 @@ TEST(tarnholdSystemFans, fanGetAndSetReadAndChangeTheSimulatedRegisters)
     ASSERT_TRUE(daemon.start(systemOnSim({"--flash-image", PLATFORM_1_FIRMWARE}, {})) && daemon.waitReady());
 
     ASSERT_TRUE(systemControl("fan-set control 0x20") && systemControl("fan-set level 4"));
-    EXPECT_EQ(ctl({"fan"}),
+    EXPECT_EQ(daemonHarnessCtl({"fan"}),
               std::pair(0, std::string("result: 0 (ok)\nmode: fixed level\nlevel: 4 (duty cycle 48.67 %)\n")));
-    EXPECT_EQ(ctl({"fan", "set", "13"}).first, 0);
+    EXPECT_EQ(daemonHarnessCtl({"fan", "set", "13"}).first, 0);
     EXPECT_EQ(systemControlOutput("fan"), "control=0x20 level=13\n");
-    EXPECT_EQ(ctl({"fan", "set", "auto"}).first, 0);
+    EXPECT_EQ(daemonHarnessCtl({"fan", "set", "auto"}).first, 0);
     EXPECT_EQ(systemControlOutput("fan"), "control=0x21 level=13\n");
-    const auto [status, json] = ctl({"--json", "fan"});
+    const auto [status, json] = daemonHarnessCtl({"--json", "fan"});
     EXPECT_EQ(status, 0);
     EXPECT_NE(json.find("\"decoded\":{\"status\":0,\"mode\":\"automatic\",\"level\":13,\"dutyCycle\":90.67}"),
               std::string::npos)
@@ -48,12 +38,12 @@ TEST(tarnholdSystemFans, fanGetAndSetReadAndChangeTheSimulatedRegisters)
 
     // A controller that does not answer: the status byte says so.
     ASSERT_TRUE(systemControl("fault fan-absent"));
-    EXPECT_EQ(ctl({"fan", "set", "3"}), std::pair(1, std::string("result: 0 (ok)\ntransfer failed\n")));
-    EXPECT_EQ(ctl({"fan"}).first, 1);
-    EXPECT_THAT(daemon.logTexts("via-i2c"),
-                ::testing::Contains("QX_TRACE_FILE-errno: 6 [ No such device or address ]"));
+    EXPECT_EQ(daemonHarnessCtl({"fan", "set", "3"}), std::pair(1, std::string("result: 0 (ok)\ntransfer failed\n")));
+    EXPECT_EQ(daemonHarnessCtl({"fan"}).first, 1);
 }
 
+// That without a matching controller the loop waits without a timeout and never beats is pinned on virtual time
+// by the heartbeat tests.
 TEST(tarnholdSystemHeartbeat, withAControllerTheConfigBytesChangeOnceASecondBetweenAnsweredRequests)
 {
     daemonHarness daemon;
@@ -75,30 +65,10 @@ TEST(tarnholdSystemHeartbeat, withAControllerTheConfigBytesChangeOnceASecondBetw
     EXPECT_GE(beats, 10);
     EXPECT_LE(beats, 17);
     EXPECT_GT(answered, 50);
-    EXPECT_NE(daemon.stdoutText().find("VID/PID[0x12d8 0xe130] path: /sys/devices/0000:03:00.0\n"), std::string::npos)
-        << daemon.stdoutText();
     // With --file no platform is looked up: the fans answer as on any platform but 1.
-    const auto [status, text] = ctl({"fan", "set", "auto"});
+    const auto [status, text] = daemonHarnessCtl({"fan", "set", "auto"});
     EXPECT_EQ(status, 1);
     EXPECT_NE(text.find("no option-bay fans on this platform"), std::string::npos) << text;
-}
-
-TEST(tarnholdSystemHeartbeat, withoutAControllerTheIdleLoopNeverWakes)
-{
-    daemonHarness daemon;
-    ASSERT_TRUE(systemPrepare() && systemServe(daemon, {"--flash-image", SYSTEM_APP_HEX, "--scsi-ctrl=0x12D8:0xe130"}));
-    usbDaemonRequest r = daemonHarnessRecord(200);
-    ASSERT_EQ(daemon.exchange(r), 0); // start-up is over
-    std::this_thread::sleep_for(300ms); // the daemon is back in its wait
-    auto voluntarySwitches = [pid = daemon.daemonPid()] {
-        return std::atol(daemonHarnessProcStatus(pid, "voluntary_ctxt_switches").c_str());
-    };
-    const long before = voluntarySwitches();
-    ASSERT_GT(before, 0);
-    std::this_thread::sleep_for(2500ms);
-    EXPECT_EQ(voluntarySwitches() - before, 0) << "no timeout: the wait never ends by itself";
-    EXPECT_EQ(systemControlOutput("pci-config 0 0x300 2"), "00 00\n");
-    EXPECT_EQ(daemon.stdoutText().find("VID/PID"), std::string::npos);
 }
 
 } // namespace

@@ -67,14 +67,12 @@ TEST(tarnholdSimNode, driverReadsTheCallersBufferAndTheNodeDiesWithItsModule)
     command.binary = std::filesystem::read_symlink("/proc/self/exe");
     daemonHarness probe;
     EXPECT_EQ(probe.runToEnd(command, 60000), 0);
-    // rmmod kills the open descriptor and the node; modprobe brings the node back.
+    // rmmod kills the open descriptor and the node; modprobe brings the node back. What the driver reads from a
+    // caller's buffer is pinned by the file-transfer system test.
     EXPECT_NE(probe.stderrText().find("probe: open 0; xfer 0; rmmod picdev 0; xfer ENODEV; open ENOENT; "
                                       "modprobe picdev 0; open 0; xfer 0;\n"),
               std::string::npos)
         << probe.stderrText();
-    const std::string events = daemonHarnessReadFile(SYSTEM_EVENTS);
-    EXPECT_EQ(systemCountLines(events, "FILE_TRANSFER code=37 seq=0 request=0x80584803"), 2u) << events;
-    EXPECT_NE(events.find(" len=100000"), std::string::npos) << events;
 }
 
 } // namespace

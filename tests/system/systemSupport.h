@@ -9,7 +9,6 @@
 #include <csignal>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 
 constexpr const char *SYSTEM_CONTROL = "/tmp/sim-control";
 constexpr const char *SYSTEM_EVENTS = "/tmp/sim-events"; // the model's event list, written when the sim ends
@@ -48,15 +47,6 @@ inline usbDaemonRequest systemRequest(const daemonHarness &daemon, uint8_t code,
     record.result = -1000;
     EXPECT_EQ(daemon.exchange(record, SYSTEM_STARTUP_MS), 0);
     return record;
-}
-
-// The exit status, after sending the daemon `sig` when one is given; -1 when it did not exit.
-inline int systemExitStatus(daemonHarness &daemon, int sig = 0)
-{
-    int status = 0;
-    return (sig == 0 || daemon.signalDaemon(sig)) && daemon.waitExit(status, SYSTEM_STARTUP_MS) && WIFEXITED(status)
-               ? WEXITSTATUS(status)
-               : -1;
 }
 
 // How often `line` starts a line of `text`.

@@ -63,8 +63,7 @@ TEST(tarnholdSystemLoad, everyReadingClientOfAThousandGetsItsOwnRecordAndLostRep
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &files), 0);
     ASSERT_TRUE(systemPrepare());
     daemonHarness daemon;
-    ASSERT_TRUE(daemon.start(daemonHarnessOnAppliance(SYSTEM_APP_HEX, {"--file", SYSTEM_APP_HEX})) &&
-                daemon.waitReady());
+    ASSERT_TRUE(systemServe(daemon, {"--flash-image", SYSTEM_APP_HEX}));
     usbDaemonRequest first = daemonHarnessRecord(NO_HANDLER);
     ASSERT_EQ(daemon.exchange(first), 0);
     const pid_t pid = daemon.daemonPid();
