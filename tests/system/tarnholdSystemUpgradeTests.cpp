@@ -1,6 +1,7 @@
 // The real tarnhold inside tarnhold-sim doing its long requests under libfaketime: the FPGA and CPLD upgrades end
-// with the parts holding the files byte for byte, and the driver reads the file-transfer test's 8 MiB from the
-// daemon's own memory.
+// with the parts holding the files byte for byte and slot 9 describing the CPLD's, a failed CPLD attempt is
+// repaired by the second, a shutdown answered late is waited for, and the driver reads the file-transfer test's
+// 8 MiB from the daemon's own memory.
 #include "systemSupport.h"
 
 #include <gtest/gtest.h>
@@ -8,6 +9,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <tuple>
 
 namespace {
 
@@ -37,9 +39,9 @@ TEST(tarnholdSystemFpga, upgradeOf1048577BytesLeavesTheFileAndItsFillInTheFpgaMe
     EXPECT_EQ(systemCountLines(events, "PAGES_UNREADABLE "), 0u);
 }
 
-// What the record in slot 9 holds afterwards, and the second attempt after a failed first, are pinned by the
-// CPLD and device management tests on the in-process appliance.
-TEST(tarnholdSystemCpld, upgradeThroughTarnholdctlLeavesTheFileInTheCpld)
+constexpr const char *SLOT9_AFTER_RUN = "slot9 size=47471 crc=0x7ae6 state=0x00000000 stamp='time : ";
+
+TEST(tarnholdSystemCpld, upgradeThroughTarnholdctlLeavesTheFileInTheCpldAndItsSizeCrcStampAndRunInSlot9)
 {
     daemonHarness daemon;
     ASSERT_TRUE(systemPrepare() && systemServe(daemon, {"--faketime", SYSTEM_FAST, "--flash-image", SYSTEM_APP_HEX}));
@@ -50,13 +52,30 @@ TEST(tarnholdSystemCpld, upgradeThroughTarnholdctlLeavesTheFileInTheCpld)
     EXPECT_EQ(out.rfind("{\"result\":0,", 0), 0u) << out;
     EXPECT_NE(out.find("\"decoded\":{\"file\":\"/tmp/idcode.jbc\""), std::string::npos) << out;
     EXPECT_EQ(systemControlOutput(std::string("cpld-compare ") + JBC_FILE), "equal\n");
+    EXPECT_EQ(systemControlOutput("slot9").rfind(SLOT9_AFTER_RUN, 0), 0u);
 }
 
-// The waits of a slow relay such as the shutdown are pinned on virtual time by the device management tests.
-TEST(tarnholdSystemFileTransfer, theDriverReadsThe8MiBStartUpPatternFromTheDaemonsMemory)
+TEST(tarnholdSystemCpld, firstAttemptWhoseRunNeverCompletesIsRepairedByTheSecond)
 {
     daemonHarness daemon;
-    ASSERT_TRUE(systemPrepare() && systemServe(daemon, {"--faketime", SYSTEM_FAST, "--flash-image", SYSTEM_APP_HEX}));
+    ASSERT_TRUE(systemPrepare() && systemServe(daemon, {"--faketime", SYSTEM_FAST, "--flash-image", SYSTEM_APP_HEX,
+                                                        "--fault", "run-never-completes:1"}));
+    std::filesystem::copy_file(std::string(TARNHOLD_TESTDATA) + "/jbc/idcode.jbc", JBC_FILE);
+    EXPECT_EQ(systemRequest(daemon, 55, JBC_FILE).result, 0);
+    EXPECT_EQ(systemControlOutput("slot9").rfind(SLOT9_AFTER_RUN, 0), 0u);
+    EXPECT_NE(systemControlOutput("upgrade-state").find("cpld-runs=2"), std::string::npos);
+}
+
+// The slow relays' exact waits are pinned on virtual time by the device management tests.
+TEST(tarnholdSystemSlowRelay, aShutdownAnsweredLateIsWaitedForAndFileTransferHandsTheDriverThe8MiBPattern)
+{
+    daemonHarness daemon;
+    ASSERT_TRUE(systemPrepare() && systemServe(daemon, {"--faketime", SYSTEM_FAST, "--flash-image", SYSTEM_APP_HEX,
+                                                        "--fault", "reply-delay:12:4000000"}));
+    const usbDaemonRequest shutdown = systemRequest(daemon, 12);
+    EXPECT_EQ(shutdown.result, 0);
+    EXPECT_EQ(std::tuple(shutdown.resp[0], shutdown.resp[1]), std::tuple(12, shutdown.cmd[1]));
+
     usbDaemonRequest record = daemonHarnessRecord(37);
     record.cmd[3] = 0x00, record.cmd[4] = 0x00, record.cmd[5] = 0x90; // 0x900000: cut to the buffer's 8 MiB
     ASSERT_EQ(daemon.exchange(record, SYSTEM_STARTUP_MS), 0);
