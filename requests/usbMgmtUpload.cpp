@@ -4,7 +4,7 @@
 #include "evmLog.h"
 #include "leBytes.h"
 #include "sysSeam.h"
-#include "uniqueFd.h"
+#include "seamFd.h"
 #include "usbMgmt.h"
 
 #include <algorithm>
@@ -73,7 +73,7 @@ ssize_t usbMgmtUploadReadFile(const usbMgmtUploadRules &rules, const char *path,
 {
     // Opened without blocking and checked once open: a FIFO or a device that
     // stat passed must neither hold the service nor be taken for a file.
-    uniqueFd fd(platformSys.open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC, 0));
+    seamFd fd(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (!fd.valid()) {
         evm_log(0, rules.logSource, __LINE__, "QX_TRACE_FILE-error opening file: %s - '%s'", path,
                 std::strerror(errno));

@@ -74,6 +74,10 @@ std::string tarnholdSimControlEventText();
 // Help text of the control commands and fault descriptions.
 const char *tarnholdSimControlUsage();
 
+// A whole word as a number, decimal or 0x hex, as control commands and
+// faults take their arguments; false when it is not one.
+bool tarnholdSimControlNumber(const std::string &text, long long &value);
+
 // ---- FPGA and CPLD ------------------------------------------------------------
 
 // One of the FPGA and CPLD faults or timings, split at ':': 1 armed, 0 refused

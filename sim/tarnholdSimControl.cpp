@@ -146,13 +146,8 @@ std::vector<std::string> __tarnholdSimWords(const std::string &line)
 
 bool __tarnholdSimNumber(const std::string &text, long &value)
 {
-    if (text.empty()) {
-        return false;
-    }
-    errno = 0;
-    char *end = nullptr;
-    const long long v = std::strtoll(text.c_str(), &end, 0);
-    if (errno != 0 || *end != '\0' || v < INT32_MIN || v > UINT32_MAX) {
+    long long v = 0;
+    if (!tarnholdSimControlNumber(text, v) || v < INT32_MIN || v > UINT32_MAX) {
         return false;
     }
     value = static_cast<long>(v);
@@ -444,6 +439,17 @@ bool __tarnholdSimSocketAddress(const std::string &path, sockaddr_un &addr, std:
 }
 
 } // namespace
+
+bool tarnholdSimControlNumber(const std::string &text, long long &value)
+{
+    if (text.empty()) {
+        return false;
+    }
+    errno = 0;
+    char *end = nullptr;
+    value = std::strtoll(text.c_str(), &end, 0);
+    return errno == 0 && *end == '\0';
+}
 
 void tarnholdSimControlSetUnplugged(bool unplugged)
 {

@@ -121,13 +121,12 @@ gboolean __tarnholdSimI2cIoctl(UMockdevIoctlBase *, UMockdevIoctlClient *client,
 
 bool __tarnholdSimHostBusNumber(const std::string &text, long &value)
 {
-    if (text.empty()) {
+    long long v = 0;
+    if (!tarnholdSimControlNumber(text, v)) {
         return false;
     }
-    char *end = nullptr;
-    errno = 0;
-    value = std::strtol(text.c_str(), &end, 0);
-    return errno == 0 && end != nullptr && *end == '\0';
+    value = static_cast<long>(v);
+    return true;
 }
 
 bool __tarnholdSimHostBusByte(const std::string &text, uint8_t &value)

@@ -49,13 +49,7 @@ constexpr std::array<tarnholdSimUpgradeTiming, 3> TARNHOLD_SIM_UPGRADE_TIMINGS =
 
 bool __tarnholdSimUpgradeNumber(const std::string &text, long long min, long long &value)
 {
-    if (text.empty()) {
-        return false;
-    }
-    errno = 0;
-    char *end = nullptr;
-    value = std::strtoll(text.c_str(), &end, 0);
-    return errno == 0 && *end == '\0' && value >= min;
+    return tarnholdSimControlNumber(text, value) && value >= min;
 }
 
 // The bytes of the file at path, or false.
