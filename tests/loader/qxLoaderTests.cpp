@@ -389,6 +389,8 @@ TEST_F(qxLoaderOnSim, programmingStopsOnTheDriversFailuresAndGivesUpOnADriverBus
         EXPECT_EQ(steps(), took);
         EXPECT_EQ(simSleeps(), waits);
     }
+    simFailIoctl(PIC_HID_PIC32_PROGRAM_DONE, EIO, 1, 1); // the final one: the bootloader may still hold data
+    EXPECT_EQ(program(data), -1);
 
     // Busy: asked again every 50 ms, 600 times at most, then -1 with nothing handed over.
     simSetDriverBusyPolls(3);
