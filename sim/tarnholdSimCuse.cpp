@@ -34,6 +34,7 @@ constexpr int TARNHOLD_SIM_CUSE_EXIT_USAGE = 2;
 // How often the module's presence is looked at, and how long a stop waits.
 constexpr int TARNHOLD_SIM_CUSE_POLL_MS = 50;
 constexpr const char *TARNHOLD_SIM_CUSE_MODULE = "picdev"; // the model's own name for its driver
+constexpr unsigned TARNHOLD_SIM_CUSE_MINORS = 1U << 20; // MINORBITS
 constexpr std::array<int, 3> TARNHOLD_SIM_CUSE_STOP_SIGNALS = {SIGTERM, SIGINT, SIGHUP};
 
 struct tarnholdSimCuseConnection {
@@ -80,7 +81,7 @@ void __tarnholdSimCuseUsage(FILE *out)
                  "%s"
                  "  --module NAME       the kernel module the node follows (default picdev)\n"
                  "  --renumber          each time the node comes back it carries another device\n"
-                 "                      number (minor 0 and 1 in turn)\n"
+                 "                      number, one it has not had before (minor 0, 1, 2, ...)\n"
                  "  --ready-file PATH   while the node is served, PATH holds its MAJOR:MINOR\n"
                  "  --help              this text\n"
                  "\n%s%s",
@@ -245,10 +246,11 @@ bool __tarnholdSimCuseStart()
 {
     const char *devInfo[] = {cuse.devName.c_str()};
     cuse_info info{};
-    // Minor 0 and 1 in turn with a dynamic major: the node's number changes
-    // each time it comes back, as a reloaded driver's may.
+    // A new minor under a dynamic major each time it comes back, as a
+    // reloaded driver's node may: never a number it had before, so what was
+    // allowed by the number it had at some moment does not match again.
     info.dev_major = 0;
-    info.dev_minor = cuse.renumber ? cuse.served % 2 : 0;
+    info.dev_minor = cuse.renumber ? cuse.served % TARNHOLD_SIM_CUSE_MINORS : 0;
     info.dev_info_argc = 1;
     info.dev_info_argv = devInfo;
     info.flags = CUSE_UNRESTRICTED_IOCTL;
