@@ -8,6 +8,7 @@ apt-get install -y --no-install-recommends \
   libgtest-dev libgmock-dev libbenchmark-dev \
   libssl-dev libusb-dev libudev-dev \
   libumockdev-dev umockdev libglib2.0-dev \
+  libfuse3-dev fuse3 \
   srecord binutils faketime \
   clang libclang-rt-14-dev \
   util-linux procps \

@@ -11,6 +11,7 @@ trap 'rm -rf "$work"' EXIT
 fail() { echo "FAIL: $*" >&2; exit 1; }
 
 expected="usr/bin/tarnhold-sim
+usr/bin/tarnhold-sim-cuse
 usr/bin/tarnholdctl
 usr/include/tarnhold/tarnholdClient.h
 usr/include/tarnhold/usbDaemonRequest.h
@@ -19,6 +20,7 @@ usr/lib/pkgconfig/tarnhold-client.pc
 usr/lib/systemd/system/tarnhold.service
 usr/lib/tmpfiles.d/tarnhold.conf
 usr/sbin/tarnhold
+usr/share/man/man1/tarnhold-sim-cuse.1
 usr/share/man/man1/tarnhold-sim.1
 usr/share/man/man1/tarnholdctl.1
 usr/share/man/man8/tarnhold.8"
