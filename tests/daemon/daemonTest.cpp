@@ -280,9 +280,12 @@ TEST_F(daemonProcessTest, onlyItsOwnFifoIsServedAndItGetsTheGroupAndModeAtEveryS
     EXPECT_TRUE(fs::is_fifo("/tmp/target") && fs::status("/tmp/target").permissions() == fs::perms(0600));
     EXPECT_EQ(daemonHarnessReadFile("/tmp/regular"), "kept");
     // A group that cannot be given stops start-up: never a FIFO open to everyone instead.
-    for (const strings &args : {strings{"--fifo-group", "no-such-group"}, {"--fifo-group", std::string(33, 'g')}}) {
+    for (const auto &[group, line] : {std::pair{std::string("no-such-group"), std::string(USB_DAEMON_FIFO) +
+                                                                                  ": no group 'no-such-group' to give it to"},
+                                      {std::string(33, 'g'), "INVALID GROUP NAME INPUT"}}) {
         daemonHarness daemon;
-        EXPECT_EQ(daemon.runToEnd(daemonHarnessOnAppliance(APP_HEX, args)), 1) << args.back();
+        EXPECT_EQ(daemon.runToEnd(daemonHarnessOnAppliance(APP_HEX, {"--fifo-group", group})), 1) << line;
+        EXPECT_THAT(daemon.logTexts("main"), Contains(line));
     }
 }
 
