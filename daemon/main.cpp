@@ -19,6 +19,7 @@
 #include <fcntl.h>
 #include <getopt.h>
 #include <grp.h>
+#include <string_view>
 #include <sys/select.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -90,7 +91,8 @@ constexpr std::array<option, 5> MAIN_OPTIONS = {{
     {"fifo-group", required_argument, nullptr, MAIN_OPT_FILE},
     {nullptr, 0, nullptr, 0},
 }};
-constexpr int MAIN_OPTION_FIFO_GROUP = 3;
+constexpr size_t MAIN_OPTION_FIFO_GROUP = 3;
+static_assert(std::string_view(MAIN_OPTIONS[MAIN_OPTION_FIFO_GROUP].name) == "fifo-group");
 
 struct {
     // Plain descriptors, not uniqueFd: the exit handler closes them itself and
@@ -157,7 +159,7 @@ bool __mainParseOptions(int argc, char **argv)
     while ((opt = getopt_long(argc, argv, "", MAIN_OPTIONS.data(), &index)) != -1) {
         switch (opt) {
         case MAIN_OPT_FILE:
-            if (index == MAIN_OPTION_FIFO_GROUP) {
+            if (index == static_cast<int>(MAIN_OPTION_FIFO_GROUP)) {
                 __mainTakeFifoGroup(optarg);
             } else {
                 __mainTakeFileName(optarg);
@@ -222,10 +224,11 @@ int32_t __mainFifoGroupId(gid_t &gid)
         return 0;
     }
     // Start-up only: the lookup may allocate (NSS); the loop never repeats it.
-    static char buf[MAIN_GROUP_BUF_SIZE];
+    std::array<char, MAIN_GROUP_BUF_SIZE> buf;
     group entry = {};
     group *found = nullptr;
-    if (m.fifoGroupRefused || getgrnam_r(m.fifoGroup, &entry, buf, sizeof buf, &found) != 0 || found == nullptr) {
+    if (m.fifoGroupRefused || getgrnam_r(m.fifoGroup, &entry, buf.data(), buf.size(), &found) != 0 ||
+        found == nullptr) {
         evm_log(0, MAIN_SOURCE, __LINE__, "%s: no group '%s' to give it to", USB_DAEMON_FIFO,
                 m.fifoGroupRefused ? "" : m.fifoGroup);
         return -1;
