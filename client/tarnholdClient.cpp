@@ -12,6 +12,7 @@
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
+#include <grp.h>
 #include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -157,6 +158,28 @@ ssize_t __tarnholdClientWriteRecord(int fd, const usbDaemonRequest &record)
     return n;
 }
 
+// Refused at the open: who may send requests, and how one is let in.
+int __tarnholdClientDenied(const char *requestFifo)
+{
+    struct stat st = {};
+    char name[64];
+    char buf[4096];
+    group entry = {};
+    group *found = nullptr;
+    if (stat(requestFifo, &st) == 0 && getgrgid_r(st.st_gid, &entry, buf, sizeof buf, &found) != 0) {
+        found = nullptr;
+    }
+    if (found != nullptr) {
+        snprintf(name, sizeof name, "%s", found->gr_name);
+    } else {
+        snprintf(name, sizeof name, "%u", static_cast<unsigned>(st.st_gid));
+    }
+    return __tarnholdClientFail(-EACCES,
+                                "permission denied: only root and members of group %s may send requests to %s; "
+                                "an administrator grants it with: usermod -aG %s USER (then log in again)",
+                                name, requestFifo, name);
+}
+
 int __tarnholdClientSend(const usbDaemonRequest &record, const char *requestFifo, uint64_t deadline)
 {
     uniqueFd request(open(requestFifo, O_WRONLY | O_NONBLOCK | O_CLOEXEC));
@@ -167,6 +190,9 @@ int __tarnholdClientSend(const usbDaemonRequest &record, const char *requestFifo
         }
         if (err == ENOENT) {
             return __tarnholdClientFail(-ENOENT, "no daemon: %s does not exist", requestFifo);
+        }
+        if (err == EACCES) {
+            return __tarnholdClientDenied(requestFifo);
         }
         return __tarnholdClientFail(-err, "cannot open %s: %s", requestFifo, strerror(err));
     }

@@ -40,6 +40,7 @@ struct tarnholdClientParams {
 // filled in here) and waits for the reply. 0 with `record` holding the
 // reply, or a negative errno with `record` untouched:
 //   -ENOENT / -ENXIO  no daemon (no request FIFO / nobody reads it)
+//   -EACCES           not allowed to write requests (not in the FIFO's group)
 //   -ETIMEDOUT        no reply within the timeout
 //   -EPROTO           the reply FIFO closed without a whole record
 //   other             a system call failed

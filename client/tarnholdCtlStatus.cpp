@@ -15,6 +15,8 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <grp.h>
+#include <pwd.h>
 #include <string>
 #include <string_view>
 #include <sys/stat.h>
@@ -38,6 +40,7 @@ struct statusCheck {
 struct {
     std::vector<statusCheck> checks;
     tarnholdClientParams params;
+    bool denied = false; // the request FIFO refused us
 } tarnholdCtlStatusPrivateMembers;
 
 void __statusAdd(const char *name, statusState state, std::string text)
@@ -76,11 +79,67 @@ pid_t __statusDaemon()
     return pid;
 }
 
-void __statusFifo()
+// The daemon's --file (the last one it takes) and --fifo-group from its
+// command line, read as its option parse reads them: an abbreviation shared
+// by both options ("--fi") is --file.
+void __statusDaemonOptions(pid_t pid, std::string &file, std::string &group)
+{
+    std::string cmdline = __statusReadFile("/proc/" + std::to_string(pid) + "/cmdline");
+    std::vector<std::string> words;
+    for (size_t at = 0, end; at < cmdline.size(); at = end + 1) {
+        end = cmdline.find('\0', at);
+        end = end == std::string::npos ? cmdline.size() : end;
+        words.push_back(cmdline.substr(at, end - at));
+    }
+    for (size_t i = 1; i < words.size(); ++i) {
+        std::string_view word = words[i];
+        if (word == "--") {
+            break;
+        }
+        size_t eq = word.find('=');
+        std::string_view option = word.substr(0, eq);
+        bool isFile = std::string_view("--file").starts_with(option);
+        if (option.size() < 3 || !option.starts_with("--") ||
+            !(isFile || std::string_view("--fifo-group").starts_with(option))) {
+            continue;
+        }
+        std::string value = eq != std::string_view::npos ? std::string(word.substr(eq + 1))
+                            : i + 1 < words.size()      ? words[++i]
+                                                        : "";
+        if (!isFile) {
+            group = value;
+        } else if (!value.empty() && value.size() <= STATUS_DAEMON_FILE_NAME_MAX) {
+            file = value;
+        }
+    }
+}
+
+std::string __statusUserName(uid_t uid)
+{
+    char buf[4096];
+    passwd entry = {};
+    passwd *found = nullptr;
+    return getpwuid_r(uid, &entry, buf, sizeof buf, &found) == 0 && found != nullptr ? found->pw_name
+                                                                                      : std::to_string(uid);
+}
+
+std::string __statusGroupName(gid_t gid)
+{
+    char buf[4096];
+    group entry = {};
+    group *found = nullptr;
+    return getgrgid_r(gid, &entry, buf, sizeof buf, &found) == 0 && found != nullptr ? found->gr_name
+                                                                                      : std::to_string(gid);
+}
+
+// The FIFO against the daemon's policy: its own user as owner, and with
+// --fifo-group that group and mode 0620 (root and members write, nobody else
+// opens it), else its own group and 0666, open to every local account.
+void __statusFifo(pid_t pid, const std::string &fifoGroup)
 {
     const char *path = tarnholdCtlStatusPrivateMembers.params.requestFifo;
     struct stat st = {};
-    char text[160];
+    char text[256];
     if (lstat(path, &st) != 0) {
         snprintf(text, sizeof text, "%s: %s", path, strerror(errno));
         __statusAdd("fifo", statusState::FAILED, text);
@@ -88,16 +147,40 @@ void __statusFifo()
     }
     unsigned mode = st.st_mode & 07777;
     bool fifo = S_ISFIFO(st.st_mode);
-    snprintf(text, sizeof text, "%s: %s, mode %04o", path, fifo ? "FIFO" : "not a FIFO", mode);
-    // Clients of any user write into it: it must be 0666.
-    __statusAdd("fifo", fifo && mode == 0666 ? statusState::OK : statusState::FAILED,
-                std::string(text) + (fifo && mode != 0666 ? " (0666 expected)" : ""));
+    std::string owner = __statusUserName(st.st_uid) + ":" + __statusGroupName(st.st_gid);
+    snprintf(text, sizeof text, "%s: %s, owner %s, mode %04o", path, fifo ? "FIFO" : "not a FIFO", owner.c_str(), mode);
+    struct stat daemon = {};
+    if (pid <= 0 || stat(("/proc/" + std::to_string(pid)).c_str(), &daemon) != 0) {
+        __statusAdd("fifo", fifo ? statusState::OK : statusState::FAILED, text); // no daemon to hold it against
+        return;
+    }
+    gid_t gid = daemon.st_gid;
+    if (!fifoGroup.empty()) {
+        char buf[4096];
+        group entry = {};
+        group *found = nullptr;
+        if (getgrnam_r(fifoGroup.c_str(), &entry, buf, sizeof buf, &found) != 0 || found == nullptr) {
+            __statusAdd("fifo", statusState::FAILED, std::string(text) + " (group " + fifoGroup + " unknown)");
+            return;
+        }
+        gid = found->gr_gid;
+    }
+    unsigned wanted = fifoGroup.empty() ? 0666 : 0620;
+    if (fifo && st.st_uid == daemon.st_uid && st.st_gid == gid && mode == wanted) {
+        __statusAdd("fifo", statusState::OK, text);
+        return;
+    }
+    snprintf(text + strlen(text), sizeof text - strlen(text), " (FIFO, owner %s:%s, mode %04o expected)",
+             __statusUserName(daemon.st_uid).c_str(), __statusGroupName(gid).c_str(), wanted);
+    __statusAdd("fifo", statusState::FAILED, text);
 }
 
 // The whole record back, or false with `why`.
 bool __statusExchange(usbDaemonRequest &record, std::string &why)
 {
-    if (tarnholdClientExchange(record, tarnholdCtlStatusPrivateMembers.params) != 0) {
+    int rc = tarnholdClientExchange(record, tarnholdCtlStatusPrivateMembers.params);
+    if (rc != 0) {
+        tarnholdCtlStatusPrivateMembers.denied = rc == -EACCES;
         why = tarnholdClientLastError();
         return false;
     }
@@ -163,38 +246,6 @@ bool __statusPlatform(std::string &file)
     __statusAdd("platform", known ? statusState::OK : statusState::FAILED,
                 tarnholdCtlJsonString(text) + (known ? "" : " (not in the platform table)"));
     return known;
-}
-
-// The firmware file the daemon was started with: the last --file (or an
-// abbreviation of it) on its command line whose name it takes; "" when none.
-std::string __statusDaemonFile(pid_t pid)
-{
-    std::string cmdline = __statusReadFile("/proc/" + std::to_string(pid) + "/cmdline");
-    std::vector<std::string> words;
-    for (size_t at = 0, end; at < cmdline.size(); at = end + 1) {
-        end = cmdline.find('\0', at);
-        end = end == std::string::npos ? cmdline.size() : end;
-        words.push_back(cmdline.substr(at, end - at));
-    }
-    std::string chosen;
-    for (size_t i = 1; i < words.size(); ++i) {
-        std::string_view word = words[i];
-        if (word == "--") {
-            break;
-        }
-        size_t eq = word.find('=');
-        std::string_view option = word.substr(0, eq);
-        if (option.size() < 3 || !option.starts_with("--") || !std::string_view("--file").starts_with(option)) {
-            continue;
-        }
-        std::string value = eq != std::string_view::npos ? std::string(word.substr(eq + 1))
-                            : i + 1 < words.size()      ? words[++i]
-                                                        : "";
-        if (!value.empty() && value.size() <= STATUS_DAEMON_FILE_NAME_MAX) {
-            chosen = value;
-        }
-    }
-    return chosen;
 }
 
 void __statusFirmware(const std::string &file)
@@ -314,15 +365,20 @@ tarnholdCtlStatusOutcome tarnholdCtlStatus(const tarnholdClientParams &params, b
     auto &m = tarnholdCtlStatusPrivateMembers;
     m.checks.clear();
     m.params = params;
+    m.denied = false;
     pid_t pid = __statusDaemon();
-    __statusFifo();
+    std::string daemonFile;
+    std::string fifoGroup;
+    if (pid > 0) {
+        __statusDaemonOptions(pid, daemonFile, fifoGroup);
+    }
+    __statusFifo(pid, fifoGroup);
     bool answers = __statusRoundTrip();
     if (answers) {
         std::string platformFile;
         __statusPlatform(platformFile);
         // The daemon's own --file wins over the platform's, as in the daemon.
-        std::string file = pid > 0 ? __statusDaemonFile(pid) : "";
-        file = file.empty() ? platformFile : file;
+        std::string file = daemonFile.empty() ? platformFile : daemonFile;
         if (!file.empty()) {
             __statusFirmware(file);
         } else {
@@ -334,6 +390,7 @@ tarnholdCtlStatusOutcome tarnholdCtlStatus(const tarnholdClientParams &params, b
     bool allWell = std::ranges::none_of(m.checks, [](const statusCheck &c) { return c.state == statusState::FAILED; });
     __statusPrint(json, allWell);
     return allWell ? tarnholdCtlStatusOutcome::ALL_WELL
-           : answers ? tarnholdCtlStatusOutcome::SOMETHING_WRONG
-                     : tarnholdCtlStatusOutcome::NO_DAEMON;
+           : answers  ? tarnholdCtlStatusOutcome::SOMETHING_WRONG
+           : m.denied ? tarnholdCtlStatusOutcome::DENIED
+                      : tarnholdCtlStatusOutcome::NO_DAEMON;
 }

@@ -8,6 +8,7 @@ enum class tarnholdCtlStatusOutcome {
     ALL_WELL,        // every check OK or not available
     SOMETHING_WRONG, // at least one check failed
     NO_DAEMON,       // no daemon answered the round trip
+    DENIED,          // not allowed to write into the request FIFO
 };
 
 // Runs every check, prints one line per check (or one JSON object).

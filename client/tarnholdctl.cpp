@@ -10,6 +10,7 @@
 #include "viaI2c.h"
 
 #include <array>
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -30,6 +31,7 @@ enum tarnholdCtlExit : int {
     CTL_EXIT_TRANSPORT = 3,     // no daemon, no reply in time, or a failed system call
     CTL_EXIT_FIRMWARE_FILE = 4, // firmware-check: the file does not load; an upgrade file is refused
     CTL_EXIT_DIFFERS = 5,       // firmware-check: the stored firmware differs from the file
+    CTL_EXIT_DENIED = 6,        // not allowed to send requests (not root, not in the FIFO's group)
 };
 
 constexpr size_t CTL_FIRST_ARG_BYTE = QX_REPORT_PAYLOAD;
@@ -84,7 +86,7 @@ bool __ctlFillBytes(usbDaemonRequest &record, int argc, char **argv, size_t maxB
     return true;
 }
 
-// 0, or CTL_EXIT_TRANSPORT after saying why.
+// 0, or CTL_EXIT_TRANSPORT (CTL_EXIT_DENIED) after saying why.
 int __ctlExchange(const tarnholdCtlContext &ctx, usbDaemonRequest &record)
 {
     int rc = tarnholdClientExchange(record, ctx.params);
@@ -96,7 +98,7 @@ int __ctlExchange(const tarnholdCtlContext &ctx, usbDaemonRequest &record)
         printf("{\"error\":%s,\"errno\":%d,\"noDaemon\":%s}\n", tarnholdCtlJsonString(tarnholdClientLastError()).c_str(),
                -rc, tarnholdClientIsNoDaemon(rc) ? "true" : "false");
     }
-    return CTL_EXIT_TRANSPORT;
+    return rc == -EACCES ? CTL_EXIT_DENIED : CTL_EXIT_TRANSPORT;
 }
 
 int __ctlPrintReply(const tarnholdCtlContext &ctx, const usbDaemonRequest &reply, const tarnholdCtlDecoded &decoded,
@@ -524,6 +526,8 @@ int __ctlStatus(tarnholdCtlContext &ctx, int argc, char **)
         return CTL_EXIT_OK;
     case tarnholdCtlStatusOutcome::NO_DAEMON:
         return CTL_EXIT_TRANSPORT;
+    case tarnholdCtlStatusOutcome::DENIED:
+        return CTL_EXIT_DENIED;
     default:
         return CTL_EXIT_RESULT;
     }
@@ -562,7 +566,8 @@ void __ctlUsage(FILE *out)
                  "(default %s).\n\n"
                  "Exit status: 0 result 0 (firmware-check: current; status: all well), 1 non-zero result\n"
                  "(status: something is wrong), 2 usage, 3 no daemon / no reply / system error,\n"
-                 "4 firmware file does not load or upgrade file refused (nothing sent), 5 firmware differs.\n",
+                 "4 firmware file does not load or upgrade file refused (nothing sent), 5 firmware differs,\n"
+                 "6 not allowed to send requests (only root and the request FIFO's group may).\n",
             TARNHOLD_CLIENT_TIMEOUT_MS / 1000, USB_DAEMON_FIFO);
 }
 

@@ -18,6 +18,8 @@
 #include <execinfo.h>
 #include <fcntl.h>
 #include <getopt.h>
+#include <grp.h>
+#include <string_view>
 #include <sys/select.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -55,6 +57,19 @@ constexpr suseconds_t MAIN_WAIT_SLACK_US = 10;
 constexpr const char *MAIN_REPLY_NOT_FIFO = "not a FIFO";
 constexpr const char *MAIN_DAEMON_WORD = "--daemon";
 
+// Group names of 1 to 32 characters, as groupadd makes them; n - 1 taken
+// unsigned, like the firmware file name's check.
+constexpr size_t MAIN_GROUP_NAME_SIZE = 33;
+constexpr uint32_t MAIN_GROUP_NAME_MAX_MINUS_ONE = 31;
+// Without --fifo-group every local account writes requests (the protocol's
+// mode); with it only root and the group's members, who cannot read other
+// clients' records out of it.
+constexpr mode_t MAIN_FIFO_MODE_OPEN = 0666;
+constexpr mode_t MAIN_FIFO_MODE_GROUP = 0620;
+// Made anew at most this often when the path keeps being swapped under us.
+constexpr int MAIN_FIFO_TRIES = 3;
+constexpr size_t MAIN_GROUP_BUF_SIZE = 16384;
+
 constexpr char MAIN_PIPE_LINE[] = "signal_pipe_handler():: retry!\n";
 static_assert(sizeof MAIN_PIPE_LINE - 1 == 31);
 
@@ -66,12 +81,18 @@ static_assert(SIGINT == 2 && SIGHUP == 1 && SIGQUIT == 3 && SIGILL == 4 && SIGAB
 
 enum mainOption : int { MAIN_OPT_FILE = 1, MAIN_OPT_HELP, MAIN_OPT_DAEMON };
 
-constexpr std::array<option, 4> MAIN_OPTIONS = {{
+// "file" and "fifo-group" share one value on purpose: getopt_long then takes
+// a prefix of both ("--f", "--fi") as the first, --file, as before the group
+// option existed, instead of refusing it as ambiguous; the index tells them apart.
+constexpr std::array<option, 5> MAIN_OPTIONS = {{
     {"file", required_argument, nullptr, MAIN_OPT_FILE},
     {"help", no_argument, nullptr, MAIN_OPT_HELP},
     {"daemon", no_argument, nullptr, MAIN_OPT_DAEMON},
+    {"fifo-group", required_argument, nullptr, MAIN_OPT_FILE},
     {nullptr, 0, nullptr, 0},
 }};
+constexpr size_t MAIN_OPTION_FIFO_GROUP = 3;
+static_assert(std::string_view(MAIN_OPTIONS[MAIN_OPTION_FIFO_GROUP].name) == "fifo-group");
 
 struct {
     // Plain descriptors, not uniqueFd: the exit handler closes them itself and
@@ -82,6 +103,12 @@ struct {
     char fileName[MAIN_FILE_NAME_SIZE] = {};
     bool fileSelected = false;
     bool detach = false; // --daemon or an abbreviation of it was given
+    // --fifo-group: the name, whether one was given, and whether the last one
+    // given was refused (then the service does not start: it never falls
+    // back to a FIFO open to everyone when a group was asked for).
+    char fifoGroup[MAIN_GROUP_NAME_SIZE] = {};
+    bool fifoGroupGiven = false;
+    bool fifoGroupRefused = false;
     uint64_t lastTick = 0;
     usbDaemonRequest record = {};
 } mainPrivateMembers;
@@ -109,15 +136,34 @@ void __mainTakeFileName(const char *name)
     m.fileSelected = true;
 }
 
+void __mainTakeFifoGroup(const char *name)
+{
+    auto &m = mainPrivateMembers;
+    size_t n = strlen(name);
+    m.fifoGroupGiven = true;
+    m.fifoGroupRefused = static_cast<uint32_t>(n - 1) > MAIN_GROUP_NAME_MAX_MINUS_ONE;
+    if (m.fifoGroupRefused) {
+        evm_log(0, MAIN_SOURCE, __LINE__, "INVALID GROUP NAME INPUT");
+        return;
+    }
+    memcpy(m.fifoGroup, name, n);
+    m.fifoGroup[n] = '\0';
+}
+
 // False when the process is to end now (usage shown). getopt's own line
 // about a bad option comes before the usage text.
 bool __mainParseOptions(int argc, char **argv)
 {
     int opt;
-    while ((opt = getopt_long(argc, argv, "", MAIN_OPTIONS.data(), nullptr)) != -1) {
+    int index = -1;
+    while ((opt = getopt_long(argc, argv, "", MAIN_OPTIONS.data(), &index)) != -1) {
         switch (opt) {
         case MAIN_OPT_FILE:
-            __mainTakeFileName(optarg);
+            if (index == static_cast<int>(MAIN_OPTION_FIFO_GROUP)) {
+                __mainTakeFifoGroup(optarg);
+            } else {
+                __mainTakeFileName(optarg);
+            }
             break;
         case MAIN_OPT_DAEMON:
             evm_log(0, MAIN_SOURCE, __LINE__, "%s started in daemon mode", argv[0]);
@@ -158,45 +204,135 @@ int32_t __mainInstallSignals()
     return 0;
 }
 
-int32_t __mainOpenRequestFifo()
+// What was found at the request FIFO's path, in words for the log.
+const char *__mainNodeKind(mode_t mode)
+{
+    return S_ISFIFO(mode)   ? "a FIFO"
+           : S_ISLNK(mode)  ? "a symbolic link"
+           : S_ISREG(mode)  ? "a regular file"
+           : S_ISDIR(mode)  ? "a directory"
+           : S_ISSOCK(mode) ? "a socket"
+                            : "a device node";
+}
+
+// The group the request FIFO is given: --fifo-group's, else the service's own.
+int32_t __mainFifoGroupId(gid_t &gid)
 {
     auto &m = mainPrivateMembers;
-    // The FIFO must be 0666 whatever umask the daemon was started with; a
-    // chmod after creation would race with a swap of the path in /tmp.
-    mode_t oldMask = umask(0);
-    int rc = mkfifo(USB_DAEMON_FIFO, 0666);
-    int err = errno;
-    umask(oldMask);
-    if (rc != 0) {
-        if (err != EEXIST) {
+    if (!m.fifoGroupGiven) {
+        gid = getegid();
+        return 0;
+    }
+    // Start-up only: the lookup may allocate (NSS); the loop never repeats it.
+    std::array<char, MAIN_GROUP_BUF_SIZE> buf;
+    group entry = {};
+    group *found = nullptr;
+    if (m.fifoGroupRefused || getgrnam_r(m.fifoGroup, &entry, buf.data(), buf.size(), &found) != 0 ||
+        found == nullptr) {
+        evm_log(0, MAIN_SOURCE, __LINE__, "%s: no group '%s' to give it to", USB_DAEMON_FIFO,
+                m.fifoGroupRefused ? "" : m.fifoGroup);
+        return -1;
+    }
+    gid = found->gr_gid;
+    return 0;
+}
+
+// Anything at the path but the service's own FIFO is not trusted: removed, so
+// that a fresh one is made. False after saying why it could not be.
+bool __mainRemoveFound(const struct stat &st)
+{
+    evm_log(0, MAIN_SOURCE, __LINE__, "%s: found %s owned by uid %u (mode %04o), not the service's own FIFO; made anew",
+            USB_DAEMON_FIFO, __mainNodeKind(st.st_mode), static_cast<unsigned>(st.st_uid),
+            static_cast<unsigned>(st.st_mode & 07777));
+    int rc = S_ISDIR(st.st_mode) ? rmdir(USB_DAEMON_FIFO) : unlink(USB_DAEMON_FIFO);
+    if (rc != 0 && errno != ENOENT) {
+        evm_log(0, MAIN_SOURCE, __LINE__, "%s: cannot remove it: %s", USB_DAEMON_FIFO, strerror(errno));
+        return false;
+    }
+    return true;
+}
+
+// The read end of a FIFO that the service made and owns. The node is judged
+// on the descriptor (opened without following a link), so a swap of the path
+// between a look at it and the open is caught; a path that keeps changing
+// under the service ends start-up.
+int32_t __mainOpenOwnFifo(uniqueFd &reader)
+{
+    for (int tries = 0; tries < MAIN_FIFO_TRIES; ++tries) {
+        // Made closed: nobody else opens it before its group and mode are set.
+        mode_t oldMask = umask(0);
+        int rc = mkfifo(USB_DAEMON_FIFO, 0600);
+        int err = errno;
+        umask(oldMask);
+        if (rc != 0 && err != EEXIST) {
             evm_log(0, MAIN_SOURCE, __LINE__, "Error creating USB_DAEMON_FIFO: %s", strerror(err));
             return -1;
         }
-        evm_log(0, MAIN_SOURCE, __LINE__, "%s already exist, don't have to create it again!", USB_DAEMON_FIFO);
+        // Anything but a FIFO is never opened (opening a device node can have
+        // side effects), only removed.
+        struct stat st = {};
+        if (rc != 0 && lstat(USB_DAEMON_FIFO, &st) == 0 && !S_ISFIFO(st.st_mode)) {
+            if (!__mainRemoveFound(st)) {
+                return -1;
+            }
+            continue;
+        }
+        reader.reset(open(USB_DAEMON_FIFO, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
+        if (!reader.valid()) {
+            if (errno == ELOOP || errno == ENOENT) {
+                continue; // swapped for a link, or removed, meanwhile: look again
+            }
+            evm_log(0, MAIN_SOURCE, __LINE__, "open %s for reading: %s", USB_DAEMON_FIFO, strerror(errno));
+            return -1;
+        }
+        if (fstat(reader.get(), &st) != 0) {
+            evm_log(0, MAIN_SOURCE, __LINE__, "%s: %s", USB_DAEMON_FIFO, strerror(errno));
+            return -1;
+        }
+        if (S_ISFIFO(st.st_mode) && st.st_uid == geteuid()) {
+            if (rc != 0) {
+                evm_log(0, MAIN_SOURCE, __LINE__, "%s already exist, don't have to create it again!", USB_DAEMON_FIFO);
+            }
+            return 0;
+        }
+        // Another account's FIFO: its owner could shut other clients out or
+        // read their records and answer them.
+        reader.reset();
+        if (!__mainRemoveFound(st)) {
+            return -1;
+        }
     }
+    evm_log(0, MAIN_SOURCE, __LINE__, "%s is not a FIFO, giving up", USB_DAEMON_FIFO);
+    return -1;
+}
 
-    // Whatever was found at the path must be a FIFO itself, not a file, a
-    // device or a symbolic link to one.
-    struct stat st = {};
-    if (lstat(USB_DAEMON_FIFO, &st) != 0) {
-        evm_log(0, MAIN_SOURCE, __LINE__, "%s: %s", USB_DAEMON_FIFO, strerror(errno));
+int32_t __mainOpenRequestFifo()
+{
+    auto &m = mainPrivateMembers;
+    gid_t gid = 0;
+    uniqueFd reader;
+    if (__mainFifoGroupId(gid) != 0 || __mainOpenOwnFifo(reader) != 0) {
         return -1;
     }
-    if (!S_ISFIFO(st.st_mode)) {
-        evm_log(0, MAIN_SOURCE, __LINE__, "%s is not a FIFO, giving up", USB_DAEMON_FIFO);
-        return -1;
-    }
-    // A failed open stops start-up like the other failures.
-    uniqueFd reader(open(USB_DAEMON_FIFO, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
-    if (!reader.valid()) {
-        evm_log(0, MAIN_SOURCE, __LINE__, "open %s for reading: %s", USB_DAEMON_FIFO, strerror(errno));
+    // Group and mode go on the descriptor, so they hold for the FIFO served
+    // whatever the path names by now, and are set anew at every start, over a
+    // FIFO of an earlier run too (one that was left open to everyone included).
+    mode_t mode = m.fifoGroupGiven ? MAIN_FIFO_MODE_GROUP : MAIN_FIFO_MODE_OPEN;
+    if (fchown(reader.get(), static_cast<uid_t>(-1), gid) != 0 || fchmod(reader.get(), mode) != 0) {
+        evm_log(0, MAIN_SOURCE, __LINE__, "%s: cannot set its group and mode: %s", USB_DAEMON_FIFO, strerror(errno));
         return -1;
     }
     // Our own write end keeps the read end from reporting end-of-file between
-    // clients; the open does not block since the read end is open.
-    uniqueFd dummy(open(USB_DAEMON_FIFO, O_WRONLY | O_NOFOLLOW | O_CLOEXEC));
-    if (!dummy.valid()) {
-        evm_log(0, MAIN_SOURCE, __LINE__, "open %s for writing: %s", USB_DAEMON_FIFO, strerror(errno));
+    // clients. Non-blocking: the read end is open, so it never waits, and a
+    // path swapped meanwhile for a FIFO nobody reads fails instead of hanging;
+    // it must be the FIFO just opened.
+    uniqueFd dummy(open(USB_DAEMON_FIFO, O_WRONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
+    struct stat readSt = {};
+    struct stat writeSt = {};
+    if (!dummy.valid() || fstat(reader.get(), &readSt) != 0 || fstat(dummy.get(), &writeSt) != 0 ||
+        readSt.st_ino != writeSt.st_ino || readSt.st_dev != writeSt.st_dev) {
+        evm_log(0, MAIN_SOURCE, __LINE__, "open %s for writing: %s", USB_DAEMON_FIFO,
+                dummy.valid() ? "another node" : strerror(errno));
         return -1;
     }
     m.fdDaemon = reader.release();
@@ -296,6 +432,8 @@ int mainRun(int argc, char **argv)
     memset(m.fileName, 0, sizeof m.fileName);
     m.fileSelected = false;
     m.detach = false;
+    m.fifoGroupGiven = false;
+    m.fifoGroupRefused = false;
     if (!__mainParseOptions(argc, argv)) {
         return 0;
     }

@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <grp.h>
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
@@ -230,6 +231,64 @@ TEST_F(daemonProcessTest, servesCodesWithoutHandlerWithResult8OnlyReportsSigpipe
     EXPECT_TRUE(serves(daemon));
 }
 
+TEST_F(daemonProcessTest, onlyItsOwnFifoIsServedAndItGetsTheGroupAndModeAtEveryStart)
+{
+    const group *adm = getgrnam("adm");
+    ASSERT_NE(adm, nullptr);
+    const gid_t admGid = adm->gr_gid;
+    // A symbolic link's target that the daemon would take as its own FIFO and give group and mode were the link
+    // followed; a regular file seen through a second name.
+    ASSERT_EQ(mkfifo("/tmp/target", 0600), 0);
+    std::ofstream("/tmp/regular") << "kept";
+    std::string replaced = std::string(USB_DAEMON_FIFO) + ": found ";
+    struct {
+        int (*place)(); // what is at the path before the start
+        strings args;
+        std::string line;
+        gid_t gid;
+        fs::perms mode;
+    } cases[] = {
+        {[] { return 0; }, {"--fifo-group", "adm"}, "", admGid, fs::perms(0620)},
+        {[] { return mkfifo(USB_DAEMON_FIFO, 0666); }, {"--fifo-group", "adm"},
+         std::string(USB_DAEMON_FIFO) + " already exist, don't have to create it again!", admGid, fs::perms(0620)},
+        {[] { return mkfifo(USB_DAEMON_FIFO, 0) | chown(USB_DAEMON_FIFO, 65534, 65534) | chmod(USB_DAEMON_FIFO, 0666); }, {"--fifo-g=adm"},
+         replaced + "a FIFO owned by uid 65534 (mode 0666), not the service's own FIFO; made anew", admGid,
+         fs::perms(0620)},
+        {[] { return symlink("/tmp/target", USB_DAEMON_FIFO); }, {"--fifo-group", "adm"},
+         replaced + "a symbolic link owned by uid 0 (mode 0777), not the service's own FIFO; made anew", admGid,
+         fs::perms(0620)},
+        {[] { return link("/tmp/regular", USB_DAEMON_FIFO) | chmod("/tmp/regular", 0644); }, {},
+         replaced + "a regular file owned by uid 0 (mode 0644), not the service's own FIFO; made anew", 0,
+         fs::perms(0666)},
+    };
+    for (auto &c : cases) {
+        SCOPED_TRACE(c.line);
+        fs::remove(USB_DAEMON_FIFO);
+        ASSERT_EQ(c.place(), 0);
+        c.args.insert(c.args.begin(), {"--file", APP_HEX});
+        daemonHarness daemon;
+        startServing(daemon, c.args);
+        EXPECT_TRUE(serves(daemon));
+        strings lines = {APP_INPUT_LINE};
+        lines.insert(lines.end(), !c.line.empty(), c.line);
+        EXPECT_EQ(daemon.logTexts("main"), lines);
+        struct stat st = {};
+        ASSERT_EQ(lstat(USB_DAEMON_FIFO, &st), 0);
+        EXPECT_TRUE(S_ISFIFO(st.st_mode) && st.st_uid == 0 && st.st_gid == c.gid);
+        EXPECT_EQ(fs::perms(st.st_mode & 07777), c.mode);
+    }
+    EXPECT_TRUE(fs::is_fifo("/tmp/target") && fs::status("/tmp/target").permissions() == fs::perms(0600));
+    EXPECT_EQ(daemonHarnessReadFile("/tmp/regular"), "kept");
+    // A group that cannot be given stops start-up: never a FIFO open to everyone instead.
+    for (const auto &[group, line] : {std::pair{std::string("no-such-group"), std::string(USB_DAEMON_FIFO) +
+                                                                                  ": no group 'no-such-group' to give it to"},
+                                      {std::string(33, 'g'), "INVALID GROUP NAME INPUT"}}) {
+        daemonHarness daemon;
+        EXPECT_EQ(daemon.runToEnd(daemonHarnessOnAppliance(APP_HEX, {"--fifo-group", group})), 1) << line;
+        EXPECT_THAT(daemon.logTexts("main"), Contains(line));
+    }
+}
+
 TEST_F(daemonProcessTest, fileNamesOf1To294CharactersAreTakenOthersRefused)
 {
     // A real image at a path of exactly 294 characters: served, so the name reached device start-up whole.
@@ -375,7 +434,7 @@ TEST_F(daemonProcessTest, tarnholdctlExitStatusAndStatusLinesSayWhatHappened)
     EXPECT_EQ(ctl({"status"}), 0) << out;
     std::string pid = std::to_string(daemon.daemonPid());
     EXPECT_THAT(out, MatchesRegex("daemon: +OK: pid " + pid + "\n"
-                                  "fifo: +OK: /tmp/qx-usb-daemon-fifo: FIFO, mode 0666\n"
+                                  "fifo: +OK: /tmp/qx-usb-daemon-fifo: FIFO, owner root:root, mode 0666\n"
                                   "round trip: OK: [0-9.]+ ms \\(code 200 answered with 8\\)\n"
                                   "platform: +OK: \"HW=BRISKA\"\n"
                                   "firmware: +OK: slot 4 matches /tmp/app.hex \\(length [0-9]+, md5 [0-9a-f]{32}\\)\n"
@@ -384,11 +443,41 @@ TEST_F(daemonProcessTest, tarnholdctlExitStatusAndStatusLinesSayWhatHappened)
     // A FIFO other clients cannot write into is wrong, and says so.
     ASSERT_EQ(chmod(USB_DAEMON_FIFO, 0600), 0);
     EXPECT_EQ(ctl({"status"}), 1);
-    EXPECT_THAT(out, ::testing::HasSubstr("fifo:       FAILED: /tmp/qx-usb-daemon-fifo: FIFO, mode 0600 (0666 expected)\n"));
+    EXPECT_THAT(out, ::testing::HasSubstr("fifo:       FAILED: /tmp/qx-usb-daemon-fifo: FIFO, owner root:root, mode 0600 "
+                                          "(FIFO, owner root:root, mode 0666 expected)\n"));
     EXPECT_EQ(ctl({"--json", "status"}), 1);
     EXPECT_THAT(out, MatchesRegex("\\{\"ok\":false,\"checks\":\\{\"daemon\":\\{\"state\":\"OK\",.*"
                                   "\"fifo\":\\{\"state\":\"FAILED\",.*"
                                   "\"fan mode\":\\{\"state\":\"not available\",.*\\}\\}\n"));
+}
+
+TEST_F(daemonProcessTest, withAFifoGroupOnlyRootAndMembersSendRequestsAndOthersAreToldHowToGetIn)
+{
+    daemonHarness daemon;
+    startServing(daemon, {"--file", APP_HEX, "--fifo-group", "adm"});
+    auto asNobody = [](const std::string &groups, strings args) {
+        daemonHarness ctl;
+        int status = ctl.runToEnd({.wrapper = {"/usr/bin/setpriv", "--reuid=nobody", "--regid=nogroup", groups},
+                                   .binary = TARNHOLDCTL_BINARY,
+                                   .args = std::move(args)});
+        return std::pair{status, ctl.stdoutText() + ctl.stderrText()};
+    };
+    auto [status, out] = asNobody("--groups=adm", {"raw", "200"});
+    EXPECT_EQ(status, 1) << out; // a member is served: result 8
+    std::tie(status, out) = asNobody("--clear-groups", {"raw", "200"});
+    EXPECT_EQ(status, 6);
+    EXPECT_EQ(out, "tarnholdctl: permission denied: only root and members of group adm may send requests to "
+                   "/tmp/qx-usb-daemon-fifo; an administrator grants it with: usermod -aG adm USER (then log in "
+                   "again)\n");
+    EXPECT_EQ(asNobody("--clear-groups", {"status"}).first, 6);
+    // status holds the FIFO against the daemon's own --fifo-group.
+    std::tie(status, out) = daemonHarnessCtl({"status"});
+    EXPECT_EQ(status, 0) << out;
+    EXPECT_THAT(out, ::testing::HasSubstr("fifo:       OK: /tmp/qx-usb-daemon-fifo: FIFO, owner root:adm, mode 0620\n"));
+    ASSERT_EQ(chmod(USB_DAEMON_FIFO, 0666), 0);
+    std::tie(status, out) = daemonHarnessCtl({"status"});
+    EXPECT_EQ(status, 1);
+    EXPECT_THAT(out, ::testing::HasSubstr("FIFO, owner root:adm, mode 0666 (FIFO, owner root:adm, mode 0620 expected)"));
 }
 
 } // namespace

@@ -18,6 +18,7 @@ usr/include/tarnhold/usbDaemonRequest.h
 usr/lib/libtarnholdclient.a
 usr/lib/pkgconfig/tarnhold-client.pc
 usr/lib/systemd/system/tarnhold.service
+usr/lib/sysusers.d/tarnhold.conf
 usr/lib/tmpfiles.d/tarnhold.conf
 usr/sbin/tarnhold
 usr/share/man/man1/tarnhold-sim-cuse.1
@@ -41,7 +42,8 @@ if [ "$mode" = install ]; then
     # The unit as installed, its ExecStart pointed at the staged daemon, with
     # its documentation found in the staged pages.
     unit="$stage/usr/lib/systemd/system/tarnhold.service"
-    grep -qx 'ExecStart=/usr/sbin/tarnhold' "$unit" || fail "ExecStart is not /usr/sbin/tarnhold"
+    grep -qx 'ExecStart=/usr/sbin/tarnhold --fifo-group tarnhold' "$unit" || fail "ExecStart is not /usr/sbin/tarnhold --fifo-group tarnhold"
+    grep -qx 'g tarnhold -' "$stage/usr/lib/sysusers.d/tarnhold.conf" || fail "the sysusers file does not make group tarnhold"
     if grep -Eq '^(BindsTo|Requisite)=' "$unit"; then fail "the unit is bound to something"; fi
     if grep -Eq '^PrivateTmp=(yes|true)' "$unit"; then fail "the request FIFO must live in the shared /tmp"; fi
     sed "s|^ExecStart=/usr/sbin/tarnhold|ExecStart=$stage/usr/sbin/tarnhold|" "$unit" >"$work/tarnhold.service"
