@@ -78,7 +78,7 @@ qxUsbIssue __qxUsbIssueWithRetry(uint32_t request, picHidIoctlArg &arg, int &err
         if (attempt == QX_USB_ATTEMPTS) {
             return qxUsbIssue::BUSY;
         }
-        platformSys.usleep(QX_USB_RETRY_SLEEP_US);
+        platformSysSleep(QX_USB_RETRY_SLEEP_US);
     }
 }
 
@@ -254,7 +254,7 @@ void resetUsb()
     if (usbLink.fd >= 0) {
         __qxUsbCloseNode();
         platformSys.system("rmmod picdev");
-        platformSys.usleep(QX_USB_MODULE_SLEEP_US);
+        platformSysSleep(QX_USB_MODULE_SLEEP_US);
     }
     platformSys.usbInit();
     platformSys.usbFindBusses();
@@ -275,7 +275,7 @@ void resetUsb()
         }
     }
     platformSys.system("modprobe picdev");
-    platformSys.usleep(QX_USB_MODULE_SLEEP_US);
+    platformSysSleep(QX_USB_MODULE_SLEEP_US);
 }
 
 qxUsbState qxUsbGetState()

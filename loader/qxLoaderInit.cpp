@@ -3,6 +3,7 @@
 #include "qxFile.h"
 #include "qxLoader.h"
 
+#include "daemonNotify.h"
 #include "evmLog.h"
 #include "sysSeam.h"
 
@@ -57,11 +58,13 @@ int32_t qxLoaderInit(int32_t forceUpgrade)
             // A microcontroller that cannot answer a slot read is wedged
             // somewhere between application and bootloader.
             evm_log(6, QX_LOADER_LOG_SOURCE, __LINE__, "qxLoaderInit: resetting USB device!");
+            daemonNotifyStatus("Firmware record unreadable: resetting the microcontroller's USB link");
             resetUsb();
             continue;
         }
 
         if (qxLoaderVerifyApplicationCode(0) == 0 && qxLoaderIsHidApplication() == 1) {
+            daemonNotifyStatus("Firmware up to date");
             return 0;
         }
 
@@ -72,8 +75,9 @@ int32_t qxLoaderInit(int32_t forceUpgrade)
             // Slot 4 now describes the image, which is not in flash yet: until
             // it is, the slot must not match, or a switch cut short would
             // leave the old application passing the check.
+            daemonNotifyStatus("Firmware differs: sending the microcontroller to its bootloader");
             __qxLoaderStoreImageRecord(true);
-            platformSys.usleep(QX_LOADER_BEFORE_BOOTLOADER_US);
+            platformSysSleep(QX_LOADER_BEFORE_BOOTLOADER_US);
             qxLoaderGotoBootLoader();
             // A go command that went out has already closed the link through
             // the USB reset; one that could not be sent leaves it open, and
@@ -84,6 +88,7 @@ int32_t qxLoaderInit(int32_t forceUpgrade)
         }
 
         evm_log(0, QX_LOADER_LOG_SOURCE, __LINE__, "QX_TRACE_PRINTF-Upgrading HID Application.....");
+        daemonNotifyStatus("%s: erasing", QX_LOADER_UPGRADING);
         qxLoaderEraseApplication();
         // Not looked at: a broken run is caught by the next pass.
         qxLoaderProgram();

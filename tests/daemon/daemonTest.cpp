@@ -1,8 +1,12 @@
-// The daemon core: the request loop driven pass by pass on virtual time, then the real tarnhold binary (and
-// tarnholdctl against it), each of those tests in a mount namespace of its own.
+// The daemon core: the request loop driven pass by pass on virtual time, what the service manager hears on virtual
+// time, then the real tarnhold binary (and tarnholdctl against it), each of those tests in a mount namespace of its own.
+#include "../fpga/upgradeFixture.h"
 #include "daemonHarness.h"
+#include "daemonNotify.h"
 #include "logCapture.h"
 #include "main.h"
+#include "qxFile.h"
+#include "qxLoader.h"
 #include "sysSeam.h"
 #include "uniqueFd.h"
 
@@ -15,9 +19,12 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <tuple>
 #include <unistd.h>
@@ -177,6 +184,156 @@ TEST_F(mainLoopTest, wholeRecordsAreServedOnePerPassAndRepliesGoOnlyIntoAFifoTha
     EXPECT_EQ(fs::file_size(dir_ + "/regular"), 0u) << "a regular file is never written";
 }
 
+constexpr uint64_t WATCHDOG_US = 30 * S; // the unit's WatchdogSec=30
+
+// The service manager's end of NOTIFY_SOCKET, in the abstract namespace; with the process's own watchdog when asked.
+uniqueFd managerSocket(bool watchdog)
+{
+    const std::string name = "@tarnhold-notify-" + std::to_string(getpid());
+    sockaddr_un addr = {.sun_family = AF_UNIX, .sun_path = {}};
+    std::copy(name.begin() + 1, name.end(), addr.sun_path + 1);
+    uniqueFd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    EXPECT_EQ(bind(fd.get(), reinterpret_cast<sockaddr *>(&addr), socklen_t(offsetof(sockaddr_un, sun_path) + name.size())), 0);
+    setenv("NOTIFY_SOCKET", name.c_str(), 1);
+    if (watchdog) {
+        setenv("WATCHDOG_USEC", std::to_string(WATCHDOG_US).c_str(), 1);
+        setenv("WATCHDOG_PID", std::to_string(getpid()).c_str(), 1);
+    }
+    return fd;
+}
+
+// Every datagram waiting, stamped with `now`, appended to `got`.
+void managerDrain(int fd, uint64_t now, std::vector<std::pair<uint64_t, std::string>> &got)
+{
+    char text[512];
+    for (ssize_t n; (n = recv(fd, text, sizeof text, MSG_DONTWAIT)) > 0;) {
+        got.emplace_back(now, std::string(text, size_t(n)));
+    }
+}
+
+// The service manager's view of start-up, upgrades and the loop on the in-process appliance: the socket is drained
+// at every virtual sleep and wait, so each datagram carries the virtual time it was sent at.
+struct {
+    uniqueFd fd;
+    platformSysOps sim;
+    std::vector<std::pair<uint64_t, std::string>> got;
+} manager;
+
+class notifyTest : public upgradeTest {
+protected:
+    void SetUp() override
+    {
+        upgradeTest::SetUp();
+        qxUsbCleanUp(); // start-up opens the link itself
+        manager.fd = managerSocket(true);
+        manager.got.clear();
+        daemonNotifyInit();
+        manager.sim = platformSys;
+        platformSys.usleep = [](useconds_t us) { return drain(), manager.sim.usleep(us); };
+        platformSys.select = [](int n, fd_set *r, fd_set *w, fd_set *e, timeval *t) {
+            return drain(), manager.sim.select(n, r, w, e, t);
+        };
+        int fds[2];
+        ASSERT_EQ(pipe2(fds, O_NONBLOCK | O_CLOEXEC), 0);
+        requestRead_.reset(fds[0]);
+        requestWrite_.reset(fds[1]);
+        mainLoopSetRequestFd(requestRead_.get());
+    }
+    void TearDown() override
+    {
+        for (const char *name : {"NOTIFY_SOCKET", "WATCHDOG_USEC", "WATCHDOG_PID"}) {
+            unsetenv(name);
+        }
+        daemonNotifyInit();
+        manager.fd.reset();
+        upgradeTest::TearDown();
+    }
+    static void drain() { managerDrain(manager.fd.get(), simVirtualNowUs(), manager.got); }
+    // Everything but the keep-alives, in order.
+    static strings notices()
+    {
+        drain();
+        strings out;
+        for (const auto &[at, text] : manager.got) {
+            if (text != "WATCHDOG=1") {
+                out.push_back(text);
+            }
+        }
+        return out;
+    }
+    // The longest stretch of `operation` without a keep-alive; it must last longer than half the interval.
+    static uint64_t longestSilence(const std::function<void()> &operation)
+    {
+        drain();
+        manager.got.clear();
+        const uint64_t from = simVirtualNowUs();
+        operation();
+        drain();
+        EXPECT_GT(simVirtualNowUs() - from, WATCHDOG_US / 2) << "long enough to need a keep-alive";
+        std::vector<uint64_t> at = {from};
+        for (const auto &[when, text] : manager.got) {
+            if (text == "WATCHDOG=1") {
+                at.push_back(when);
+            }
+        }
+        at.push_back(simVirtualNowUs());
+        uint64_t longest = 0;
+        for (size_t i = 1; i < at.size(); ++i) {
+            longest = std::max(longest, at[i] - at[i - 1]);
+        }
+        return longest;
+    }
+    uniqueFd requestRead_, requestWrite_;
+};
+
+TEST_F(notifyTest, startUpSaysEachStepInOrderAndOnlyTheLoopReportsReady)
+{
+    ASSERT_TRUE(daemonHarnessWriteImage(file_)); // not what the appliance runs: a whole upgrade
+    ASSERT_EQ(usbMgmtInit(file_.c_str()), 0);
+    const std::string searching = "STATUS=Searching for the microcontroller";
+    const std::string upgrading = "STATUS=Upgrading the microcontroller's firmware: ";
+    const std::string blocks = std::to_string((QX_FLASH_SIZE + QX_PACKET_DATA_SIZE - 1) / QX_PACKET_DATA_SIZE);
+    // Programming takes no virtual time here: the rate limit lets only the first and the last progress line out.
+    strings expected = {"STATUS=Firmware file " + file_, searching,
+                        "STATUS=Firmware differs: sending the microcontroller to its bootloader", searching,
+                        upgrading + "erasing", upgrading + "0 of " + blocks + " blocks written",
+                        upgrading + blocks + " of " + blocks + " blocks written", searching, "STATUS=Firmware up to date"};
+    EXPECT_EQ(notices(), expected);
+    // Ready from the loop's first pass, once; an upgrade request's line gives way to the serving line after it.
+    mainLoopPass();
+    mainLoopPass();
+    expected.push_back("READY=1\nSTATUS=Serving requests");
+    EXPECT_EQ(notices(), expected);
+    EXPECT_EQ(upgradeFrom(QX_HID_CMD_CPLD_UPGRADE, std::string(TARNHOLD_TESTDATA) + "/jbc/PIXEL8x4.jbc"), 0);
+    mainLoopPass();
+    const strings all = notices();
+    const strings after(all.begin() + ssize_t(expected.size()), all.end());
+    EXPECT_EQ(after, (strings{"STATUS=CPLD upgrade in progress", "STATUS=CPLD upgrade in progress: 0 of 170 pages written",
+                              "STATUS=CPLD upgrade in progress: 170 of 170 pages written", "STATUS=Serving requests"}));
+}
+
+TEST_F(notifyTest, keepAlivesAreNeverFurtherApartThanHalfTheWatchdogIntervalDuringTheLongestOperations)
+{
+    ASSERT_TRUE(daemonHarnessWriteImage(file_));
+    simSetSlotUnreadable(QX_SLOT_FIRMWARE, 6); // a USB reset more, before the whole upgrade
+    EXPECT_LE(longestSilence([this] { EXPECT_EQ(usbMgmtInit(file_.c_str()), 0); }), WATCHDOG_US / 2) << "start-up";
+    const std::string fpga = write(bytesOf(1 << 20));
+    EXPECT_LE(longestSilence([this, fpga] { EXPECT_EQ(upgradeFrom(QX_HID_CMD_FPGA_UPGRADE, fpga), 0); }),
+              WATCHDOG_US / 2) << "FPGA";
+    simSetUpgradeFault(simUpgradeFault::READBACK_OTHER_CRC, 1); // two attempts
+    EXPECT_LE(longestSilence([this] {
+                  EXPECT_EQ(upgradeFrom(QX_HID_CMD_CPLD_UPGRADE, std::string(TARNHOLD_TESTDATA) + "/jbc/PIXEL8x4.jbc"), 0);
+              }),
+              WATCHDOG_US / 2) << "CPLD";
+    // Idle without a heartbeat, the loop still wakes for its keep-alive.
+    EXPECT_LE(longestSilence([] {
+                  for (int pass = 0; pass < 32; ++pass) {
+                      mainLoopPass();
+                  }
+              }),
+              WATCHDOG_US / 2) << "idle loop";
+}
+
 constexpr const char *PID_FILE = "/var/run/tarnhold.pid";
 constexpr const char *APP_HEX = "/tmp/app.hex";
 constexpr const char *APP_INPUT_LINE = "platform input: /tmp/app.hex";
@@ -299,6 +456,34 @@ TEST_F(daemonProcessTest, startUpFailuresStopWithStatus1)
         daemonHarness daemon;
         EXPECT_EQ(daemon.runToEnd({.args = args}), status) << args.back();
     }
+}
+
+TEST_F(daemonProcessTest, theServiceManagerHearsReadyOnlyOnceTheLoopServesAndNeverAfterAFailedStartUp)
+{
+    uniqueFd socket = managerSocket(false);
+    std::vector<std::pair<uint64_t, std::string>> got;
+    auto heard = [&socket, &got] {
+        got.clear();
+        managerDrain(socket.get(), 0, got);
+        strings texts;
+        std::ranges::transform(got, std::back_inserter(texts), &std::pair<uint64_t, std::string>::second);
+        return texts;
+    };
+    daemonHarness failed;
+    EXPECT_EQ(failed.runToEnd(daemonHarnessOnAppliance(APP_HEX, {"--file", "/tmp/no-such.hex"})), 1);
+    EXPECT_EQ(heard(), strings{"STATUS=Firmware file /tmp/no-such.hex"});
+    fs::remove(USB_DAEMON_FIFO);
+    daemonHarness daemon;
+    startServing(daemon);
+    strings all;
+    EXPECT_TRUE(daemonHarnessPoll(10000, [&] {
+        std::ranges::copy(heard(), std::back_inserter(all));
+        return !all.empty() && all.back().starts_with("READY=1");
+    }));
+    EXPECT_EQ(all, (strings{"STATUS=Firmware file /tmp/app.hex", "STATUS=Searching for the microcontroller",
+                            "STATUS=Firmware up to date", "READY=1\nSTATUS=Serving requests"}));
+    EXPECT_TRUE(serves(daemon));
+    unsetenv("NOTIFY_SOCKET");
 }
 
 TEST_F(daemonProcessTest, sigtermKeepsTheFifoOtherExitSignalsLeaveACrashLogAndRemoveIt)
