@@ -212,7 +212,7 @@ void managerDrain(int fd, uint64_t now, std::vector<std::pair<uint64_t, std::str
 }
 
 // The service manager's view of start-up, upgrades and the loop on the in-process appliance: the socket is drained
-// at every virtual sleep and wait, so each datagram carries the virtual time it was sent at.
+// at every virtual sleep, wait and driver call, so each datagram carries the virtual time it was sent at.
 struct {
     uniqueFd fd;
     platformSysOps sim;
@@ -232,6 +232,10 @@ protected:
         platformSys.usleep = [](useconds_t us) { return drain(), manager.sim.usleep(us); };
         platformSys.select = [](int n, fd_set *r, fd_set *w, fd_set *e, timeval *t) {
             return drain(), manager.sim.select(n, r, w, e, t);
+        };
+        // At every driver call too: a socket left full would block the sender.
+        platformSys.ioctl = [](int fd, unsigned long request, void *arg) {
+            return drain(), manager.sim.ioctl(fd, request, arg);
         };
         int fds[2];
         ASSERT_EQ(pipe2(fds, O_NONBLOCK | O_CLOEXEC), 0);
