@@ -217,6 +217,7 @@ struct {
     uniqueFd fd;
     platformSysOps sim;
     std::vector<std::pair<uint64_t, std::string>> got;
+    int nodeMissing; // opens of the device node that fail yet: a device search that takes its time
 } manager;
 
 class notifyTest : public upgradeTest {
@@ -232,6 +233,14 @@ protected:
         platformSys.usleep = [](useconds_t us) { return drain(), manager.sim.usleep(us); };
         platformSys.select = [](int n, fd_set *r, fd_set *w, fd_set *e, timeval *t) {
             return drain(), manager.sim.select(n, r, w, e, t);
+        };
+        manager.nodeMissing = 0;
+        platformSys.open = [](const char *path, int flags, mode_t mode) {
+            if (strcmp(path, QX_USB_DEVICE_PATH) == 0 && manager.nodeMissing > 0 && manager.nodeMissing--) {
+                errno = ENOENT;
+                return -1;
+            }
+            return manager.sim.open(path, flags, mode);
         };
         // At every driver call too: a socket left full would block the sender.
         platformSys.ioctl = [](int fd, unsigned long request, void *arg) {
@@ -320,6 +329,7 @@ TEST_F(notifyTest, keepAlivesAreNeverFurtherApartThanHalfTheWatchdogIntervalDuri
 {
     ASSERT_TRUE(daemonHarnessWriteImage(file_));
     simSetSlotUnreadable(QX_SLOT_FIRMWARE, 6); // a USB reset more, before the whole upgrade
+    manager.nodeMissing = 12;                  // and a search with its own reset, found after 9 s of waits
     EXPECT_LE(longestSilence([this] { EXPECT_EQ(usbMgmtInit(file_.c_str()), 0); }), WATCHDOG_US / 2) << "start-up";
     const std::string fpga = write(bytesOf(1 << 20));
     EXPECT_LE(longestSilence([this, fpga] { EXPECT_EQ(upgradeFrom(QX_HID_CMD_FPGA_UPGRADE, fpga), 0); }),
