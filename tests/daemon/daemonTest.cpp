@@ -1,5 +1,6 @@
 // The daemon core: the request loop driven pass by pass on virtual time, what the service manager hears on virtual
-// time, then the real tarnhold binary (and tarnholdctl against it), each of those tests in a mount namespace of its own.
+// time, then the real tarnhold binary (and tarnholdctl against it), each of those tests in a mount namespace of its
+// own.
 #include "../fpga/upgradeFixture.h"
 #include "daemonHarness.h"
 #include "daemonNotify.h"
@@ -22,6 +23,8 @@
 #include <functional>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
+#include <ranges>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -185,6 +188,7 @@ TEST_F(mainLoopTest, wholeRecordsAreServedOnePerPassAndRepliesGoOnlyIntoAFifoTha
 }
 
 constexpr uint64_t WATCHDOG_US = 30 * S; // the unit's WatchdogSec=30
+using stamped = std::vector<std::pair<uint64_t, std::string>>;
 
 // The service manager's end of NOTIFY_SOCKET, in the abstract namespace; with the process's own watchdog when asked.
 uniqueFd managerSocket(bool watchdog)
@@ -193,31 +197,32 @@ uniqueFd managerSocket(bool watchdog)
     sockaddr_un addr = {.sun_family = AF_UNIX, .sun_path = {}};
     std::copy(name.begin() + 1, name.end(), addr.sun_path + 1);
     uniqueFd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    EXPECT_EQ(bind(fd.get(), reinterpret_cast<sockaddr *>(&addr), socklen_t(offsetof(sockaddr_un, sun_path) + name.size())), 0);
+    EXPECT_EQ(bind(fd.get(), reinterpret_cast<sockaddr *>(&addr), socklen_t(sizeof(sa_family_t) + name.size())), 0);
     setenv("NOTIFY_SOCKET", name.c_str(), 1);
-    if (watchdog) {
-        setenv("WATCHDOG_USEC", std::to_string(WATCHDOG_US).c_str(), 1);
-        setenv("WATCHDOG_PID", std::to_string(getpid()).c_str(), 1);
-    }
+    setenv("WATCHDOG_USEC", watchdog ? std::to_string(WATCHDOG_US).c_str() : "0", 1);
     return fd;
 }
 
-// Every datagram waiting, stamped with `now`, appended to `got`.
-void managerDrain(int fd, uint64_t now, std::vector<std::pair<uint64_t, std::string>> &got)
+// Every datagram waiting, stamped with `now`, into `got`; the texts but keep-alives of all got so far.
+strings managerDrain(int fd, uint64_t now, stamped &got)
 {
     char text[512];
     for (ssize_t n; (n = recv(fd, text, sizeof text, MSG_DONTWAIT)) > 0;) {
         got.emplace_back(now, std::string(text, size_t(n)));
     }
+    strings notices;
+    std::ranges::copy_if(got | std::views::values, std::back_inserter(notices),
+                         [](const std::string &t) { return t != "WATCHDOG=1"; });
+    return notices;
 }
 
 // The service manager's view of start-up, upgrades and the loop on the in-process appliance: the socket is drained
-// at every virtual sleep, wait and driver call, so each datagram carries the virtual time it was sent at.
+// at every virtual sleep, wait and driver call (a full socket would block the sender), so each datagram carries the
+// virtual time it was sent at.
 struct {
     uniqueFd fd;
     platformSysOps sim;
-    std::vector<std::pair<uint64_t, std::string>> got;
-    int nodeMissing; // opens of the device node that fail yet: a device search that takes its time
+    stamped got;
 } manager;
 
 class notifyTest : public upgradeTest {
@@ -234,69 +239,34 @@ protected:
         platformSys.select = [](int n, fd_set *r, fd_set *w, fd_set *e, timeval *t) {
             return drain(), manager.sim.select(n, r, w, e, t);
         };
-        manager.nodeMissing = 0;
-        platformSys.open = [](const char *path, int flags, mode_t mode) {
-            if (strcmp(path, QX_USB_DEVICE_PATH) == 0 && manager.nodeMissing > 0 && manager.nodeMissing--) {
-                errno = ENOENT;
-                return -1;
-            }
-            return manager.sim.open(path, flags, mode);
-        };
-        // At every driver call too: a socket left full would block the sender.
-        platformSys.ioctl = [](int fd, unsigned long request, void *arg) {
-            return drain(), manager.sim.ioctl(fd, request, arg);
-        };
-        int fds[2];
-        ASSERT_EQ(pipe2(fds, O_NONBLOCK | O_CLOEXEC), 0);
-        requestRead_.reset(fds[0]);
-        requestWrite_.reset(fds[1]);
-        mainLoopSetRequestFd(requestRead_.get());
+        platformSys.ioctl = [](int fd, unsigned long rq, void *arg) { return drain(), manager.sim.ioctl(fd, rq, arg); };
+        mainLoopSetRequestFd(idle_.get());
     }
     void TearDown() override
     {
-        for (const char *name : {"NOTIFY_SOCKET", "WATCHDOG_USEC", "WATCHDOG_PID"}) {
-            unsetenv(name);
-        }
+        unsetenv("NOTIFY_SOCKET");
         daemonNotifyInit();
         manager.fd.reset();
         upgradeTest::TearDown();
     }
-    static void drain() { managerDrain(manager.fd.get(), simVirtualNowUs(), manager.got); }
-    // Everything but the keep-alives, in order.
-    static strings notices()
-    {
-        drain();
-        strings out;
-        for (const auto &[at, text] : manager.got) {
-            if (text != "WATCHDOG=1") {
-                out.push_back(text);
-            }
-        }
-        return out;
-    }
+    static strings drain() { return managerDrain(manager.fd.get(), simVirtualNowUs(), manager.got); }
     // The longest stretch of `operation` without a keep-alive; it must last longer than half the interval.
-    static uint64_t longestSilence(const std::function<void()> &operation)
+    static uint64_t longestSilence(const std::function<int32_t()> &operation)
     {
         drain();
         manager.got.clear();
         const uint64_t from = simVirtualNowUs();
-        operation();
+        EXPECT_EQ(operation(), 0);
         drain();
         EXPECT_GT(simVirtualNowUs() - from, WATCHDOG_US / 2) << "long enough to need a keep-alive";
-        std::vector<uint64_t> at = {from};
-        for (const auto &[when, text] : manager.got) {
-            if (text == "WATCHDOG=1") {
-                at.push_back(when);
-            }
+        uint64_t last = from, longest = 0;
+        for (const auto &[at, text] : manager.got) {
+            longest = text == "WATCHDOG=1" ? std::max(longest, at - std::exchange(last, at)) : longest;
         }
-        at.push_back(simVirtualNowUs());
-        uint64_t longest = 0;
-        for (size_t i = 1; i < at.size(); ++i) {
-            longest = std::max(longest, at[i] - at[i - 1]);
-        }
-        return longest;
+        return std::max(longest, simVirtualNowUs() - last);
     }
-    uniqueFd requestRead_, requestWrite_;
+    const std::string jbc_ = std::string(TARNHOLD_TESTDATA) + "/jbc/PIXEL8x4.jbc";
+    uniqueFd idle_{eventfd(0, EFD_CLOEXEC)}; // a request descriptor that never becomes readable
 };
 
 TEST_F(notifyTest, startUpSaysEachStepInOrderAndOnlyTheLoopReportsReady)
@@ -310,42 +280,43 @@ TEST_F(notifyTest, startUpSaysEachStepInOrderAndOnlyTheLoopReportsReady)
     strings expected = {"STATUS=Firmware file " + file_, searching,
                         "STATUS=Firmware differs: sending the microcontroller to its bootloader", searching,
                         upgrading + "erasing", upgrading + "0 of " + blocks + " blocks written",
-                        upgrading + blocks + " of " + blocks + " blocks written", searching, "STATUS=Firmware up to date"};
-    EXPECT_EQ(notices(), expected);
+                        upgrading + blocks + " of " + blocks + " blocks written", searching,
+                        "STATUS=Firmware up to date"};
+    EXPECT_EQ(drain(), expected);
     // Ready from the loop's first pass, once; an upgrade request's line gives way to the serving line after it.
     mainLoopPass();
     mainLoopPass();
-    expected.push_back("READY=1\nSTATUS=Serving requests");
-    EXPECT_EQ(notices(), expected);
-    EXPECT_EQ(upgradeFrom(QX_HID_CMD_CPLD_UPGRADE, std::string(TARNHOLD_TESTDATA) + "/jbc/PIXEL8x4.jbc"), 0);
+    EXPECT_EQ(upgradeFrom(QX_HID_CMD_CPLD_UPGRADE, jbc_), 0);
     mainLoopPass();
-    const strings all = notices();
-    const strings after(all.begin() + ssize_t(expected.size()), all.end());
-    EXPECT_EQ(after, (strings{"STATUS=CPLD upgrade in progress", "STATUS=CPLD upgrade in progress: 0 of 170 pages written",
-                              "STATUS=CPLD upgrade in progress: 170 of 170 pages written", "STATUS=Serving requests"}));
+    const std::string cpld = "STATUS=CPLD upgrade in progress";
+    expected.insert(expected.end(), {"READY=1\nSTATUS=Serving requests", cpld, cpld + ": 0 of 170 pages written",
+                                     cpld + ": 170 of 170 pages written", "STATUS=Serving requests"});
+    EXPECT_EQ(drain(), expected);
 }
 
 TEST_F(notifyTest, keepAlivesAreNeverFurtherApartThanHalfTheWatchdogIntervalDuringTheLongestOperations)
 {
     ASSERT_TRUE(daemonHarnessWriteImage(file_));
-    simSetSlotUnreadable(QX_SLOT_FIRMWARE, 6); // a USB reset more, before the whole upgrade
-    manager.nodeMissing = 12;                  // and a search with its own reset, found after 9 s of waits
-    EXPECT_LE(longestSilence([this] { EXPECT_EQ(usbMgmtInit(file_.c_str()), 0); }), WATCHDOG_US / 2) << "start-up";
-    const std::string fpga = write(bytesOf(1 << 20));
-    EXPECT_LE(longestSilence([this, fpga] { EXPECT_EQ(upgradeFrom(QX_HID_CMD_FPGA_UPGRADE, fpga), 0); }),
-              WATCHDOG_US / 2) << "FPGA";
-    simSetUpgradeFault(simUpgradeFault::READBACK_OTHER_CRC, 1); // two attempts
-    EXPECT_LE(longestSilence([this] {
-                  EXPECT_EQ(upgradeFrom(QX_HID_CMD_CPLD_UPGRADE, std::string(TARNHOLD_TESTDATA) + "/jbc/PIXEL8x4.jbc"), 0);
-              }),
-              WATCHDOG_US / 2) << "CPLD";
-    // Idle without a heartbeat, the loop still wakes for its keep-alive.
-    EXPECT_LE(longestSilence([] {
-                  for (int pass = 0; pass < 32; ++pass) {
-                      mainLoopPass();
-                  }
-              }),
-              WATCHDOG_US / 2) << "idle loop";
+    const std::pair<const char *, std::function<int32_t()>> operations[] = {
+        {"start-up: two resets for slot 4, then a whole upgrade", [this] {
+             simSetSlotUnreadable(QX_SLOT_FIRMWARE, 12);
+             return usbMgmtInit(file_.c_str());
+         }},
+        {"FPGA", [this] { return upgradeFrom(QX_HID_CMD_FPGA_UPGRADE, write(bytesOf(1 << 20))); }},
+        {"CPLD, two attempts", [this] {
+             simSetUpgradeFault(simUpgradeFault::READBACK_OTHER_CRC, 1);
+             return upgradeFrom(QX_HID_CMD_CPLD_UPGRADE, jbc_);
+         }},
+        {"the loop idle without a heartbeat", [] {
+             for (int pass = 0; pass < 32; ++pass) {
+                 mainLoopPass();
+             }
+             return 0;
+         }},
+    };
+    for (const auto &[what, operation] : operations) {
+        EXPECT_LE(longestSilence(operation), WATCHDOG_US / 2) << what;
+    }
 }
 
 constexpr const char *PID_FILE = "/var/run/tarnhold.pid";
@@ -475,27 +446,18 @@ TEST_F(daemonProcessTest, startUpFailuresStopWithStatus1)
 TEST_F(daemonProcessTest, theServiceManagerHearsReadyOnlyOnceTheLoopServesAndNeverAfterAFailedStartUp)
 {
     uniqueFd socket = managerSocket(false);
-    std::vector<std::pair<uint64_t, std::string>> got;
-    auto heard = [&socket, &got] {
-        got.clear();
-        managerDrain(socket.get(), 0, got);
-        strings texts;
-        std::ranges::transform(got, std::back_inserter(texts), &std::pair<uint64_t, std::string>::second);
-        return texts;
-    };
+    stamped got;
     daemonHarness failed;
     EXPECT_EQ(failed.runToEnd(daemonHarnessOnAppliance(APP_HEX, {"--file", "/tmp/no-such.hex"})), 1);
-    EXPECT_EQ(heard(), strings{"STATUS=Firmware file /tmp/no-such.hex"});
+    EXPECT_EQ(managerDrain(socket.get(), 0, got), strings{"STATUS=Firmware file /tmp/no-such.hex"});
+    got.clear();
     fs::remove(USB_DAEMON_FIFO);
     daemonHarness daemon;
     startServing(daemon);
-    strings all;
-    EXPECT_TRUE(daemonHarnessPoll(10000, [&] {
-        std::ranges::copy(heard(), std::back_inserter(all));
-        return !all.empty() && all.back().starts_with("READY=1");
-    }));
-    EXPECT_EQ(all, (strings{"STATUS=Firmware file /tmp/app.hex", "STATUS=Searching for the microcontroller",
-                            "STATUS=Firmware up to date", "READY=1\nSTATUS=Serving requests"}));
+    EXPECT_TRUE(daemonHarnessPoll(10000, [&] { return managerDrain(socket.get(), 0, got).size() == 4; }));
+    EXPECT_EQ(managerDrain(socket.get(), 0, got),
+              (strings{"STATUS=Firmware file /tmp/app.hex", "STATUS=Searching for the microcontroller",
+                       "STATUS=Firmware up to date", "READY=1\nSTATUS=Serving requests"}));
     EXPECT_TRUE(serves(daemon));
     unsetenv("NOTIFY_SOCKET");
 }
