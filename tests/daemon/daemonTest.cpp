@@ -288,9 +288,14 @@ TEST_F(notifyTest, startUpSaysEachStepInOrderAndOnlyTheLoopReportsReady)
     mainLoopPass();
     EXPECT_EQ(upgradeFrom(QX_HID_CMD_CPLD_UPGRADE, jbc_), 0);
     mainLoopPass();
+    qxUsbCleanUp(); // said while it lasts
+    mainLoopPass();
+    EXPECT_EQ(qxUsbInit(), 0);
     const std::string cpld = "STATUS=CPLD upgrade in progress";
     expected.insert(expected.end(), {"READY=1\nSTATUS=Serving requests", cpld, cpld + ": 0 of 170 pages written",
-                                     cpld + ": 170 of 170 pages written", "STATUS=Serving requests"});
+                                     cpld + ": 170 of 170 pages written", "STATUS=Serving requests",
+                                     "STATUS=Serving requests; link to the microcontroller closed",
+                                     "STATUS=Serving requests"});
     EXPECT_EQ(drain(), expected);
 }
 
