@@ -232,7 +232,7 @@ int32_t qxLoaderProgram()
     bool gap = false;
     // Blocks of packetDataSize bytes over the whole flash, blank ones counted
     // as written: erased flash already holds them.
-    const uint32_t blocks = (QX_FLASH_SIZE + packetDataSize - 1) / packetDataSize;
+    const uint32_t blocks = packetDataSize != 0 ? (QX_FLASH_SIZE + packetDataSize - 1) / packetDataSize : 0;
     uint32_t block = 0;
     while (address <= QX_FLASH_LAST) {
         daemonNotifyWatchdog();
