@@ -1,5 +1,6 @@
-// tarnholdctl status: pid file and process, request FIFO, a round trip, the
-// platform text, slot 4 against the firmware file, the CPLD record, fan mode.
+// tarnholdctl status: pid file and process, the service's state in systemd,
+// request FIFO, a round trip, the platform text, slot 4 against the firmware
+// file, the CPLD record, fan mode.
 #include "tarnholdCtlStatus.h"
 
 #include "qxLoader.h"
@@ -28,6 +29,10 @@ constexpr const char *STATUS_PID_FILE = "/var/run/tarnhold.pid";
 constexpr const char *STATUS_PROCESS_NAME = "tarnhold";
 constexpr uint8_t STATUS_PROBE_CODE = 200;       // no handler: answered with 8 and nothing sent to the device
 constexpr size_t STATUS_DAEMON_FILE_NAME_MAX = 294; // longest --file name the daemon takes
+// Present only when systemd is the running init: otherwise nothing is said about it.
+constexpr const char *STATUS_SYSTEMD_RUNNING = "/run/systemd/system";
+constexpr const char *STATUS_SYSTEMD_SHOW =
+    "systemctl show -p ActiveState,SubState,StatusText tarnhold.service 2>/dev/null";
 
 enum class statusState { OK, UNAVAILABLE, FAILED };
 
@@ -77,6 +82,47 @@ pid_t __statusDaemon()
     }
     __statusAdd("daemon", statusState::OK, "pid " + std::to_string(pid));
     return pid;
+}
+
+// The unit's state and the status line the service last sent, as systemctl
+// status shows them: "active (running): Serving requests".
+void __statusSystemd()
+{
+    struct stat st = {};
+    if (stat(STATUS_SYSTEMD_RUNNING, &st) != 0) {
+        return;
+    }
+    std::string active, sub, text;
+    FILE *show = popen(STATUS_SYSTEMD_SHOW, "r");
+    if (show == nullptr) {
+        __statusAdd("systemd", statusState::FAILED, std::string("systemctl: ") + strerror(errno));
+        return;
+    }
+    std::array<char, 512> line = {};
+    while (fgets(line.data(), static_cast<int>(line.size()), show) != nullptr) {
+        std::string_view l(line.data());
+        if (l.ends_with('\n')) {
+            l.remove_suffix(1);
+        }
+        const size_t eq = l.find('=');
+        if (eq == std::string_view::npos) {
+            continue;
+        }
+        const std::string_view key = l.substr(0, eq);
+        std::string &field = key == "ActiveState" ? active : key == "SubState" ? sub : text;
+        if (key == "ActiveState" || key == "SubState" || key == "StatusText") {
+            field = l.substr(eq + 1);
+        }
+    }
+    pclose(show);
+    if (active.empty()) {
+        __statusAdd("systemd", statusState::FAILED, "systemctl does not know tarnhold.service");
+        return;
+    }
+    // Starting counts as well: the status line says how far the start-up upgrade is.
+    const bool well = active == "active" || active == "activating";
+    __statusAdd("systemd", well ? statusState::OK : statusState::FAILED,
+                active + " (" + sub + ")" + (text.empty() ? "" : ": " + text));
 }
 
 // The daemon's --file (the last one it takes) and --fifo-group from its
@@ -367,6 +413,7 @@ tarnholdCtlStatusOutcome tarnholdCtlStatus(const tarnholdClientParams &params, b
     m.params = params;
     m.denied = false;
     pid_t pid = __statusDaemon();
+    __statusSystemd();
     std::string daemonFile;
     std::string fifoGroup;
     if (pid > 0) {

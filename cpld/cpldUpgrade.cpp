@@ -46,6 +46,7 @@ constexpr usbMgmtUploadRules CPLD_UPLOAD = {
     .chunkRequest = PIC_HID_PROGRAM_CPLD,
     .roomPollUs = 1000000,
     .roomPolls = 30,
+    .progress = "CPLD upgrade in progress",
 };
 static_assert(CPLD_DATA_SIZE / CPLD_PAGE_SIZE == 200);
 // The longest stamp (a four-digit year) and its NUL stay inside the report.
@@ -91,7 +92,7 @@ int32_t cpldWaitForReport(const qxUsbBlock &cmd, qxUsbBlock &resp)
 int32_t __cpldReadBack(useconds_t waitUs, uint32_t state)
 {
     if (waitUs != 0) {
-        platformSys.usleep(waitUs);
+        platformSysSleep(waitUs);
     }
     qxUsbBlock cmd{};
     qxUsbBlock resp{};
@@ -163,11 +164,11 @@ int32_t cpldProgramInfo(int32_t clear)
     // The outcome rests on the confirming report alone.
     qxUsbCmd(block.data());
 
-    platformSys.usleep(CPLD_RECORD_WAIT_US);
+    platformSysSleep(CPLD_RECORD_WAIT_US);
     block.fill(0);
     qxUsbGetReport(block.data());
     for (int reread = 0; reread < CPLD_RECORD_REREADS && block[QX_REPORT_SEQ] != seq; ++reread) {
-        platformSys.usleep(CPLD_RECORD_REREAD_US);
+        platformSysSleep(CPLD_RECORD_REREAD_US);
         block.fill(0);
         qxUsbGetReport(block.data());
     }

@@ -3,6 +3,7 @@
 #include "main.h"
 
 #include "daemonLib.h"
+#include "daemonNotify.h"
 #include "evmLog.h"
 #include "scsiCtrl.h"
 #include "sysSeam.h"
@@ -434,6 +435,7 @@ int mainRun(int argc, char **argv)
     m.detach = false;
     m.fifoGroupGiven = false;
     m.fifoGroupRefused = false;
+    daemonNotifyInit();
     if (!__mainParseOptions(argc, argv)) {
         return 0;
     }
@@ -475,8 +477,14 @@ void mainLoopPass()
     FD_ZERO(&readSet);
     FD_SET(m.fdDaemon, &readSet);
 
+    // Ready once the loop is about to wait for its first request; after an
+    // upgrade request the serving line comes back.
+    daemonNotifyServing();
+    daemonNotifyWatchdog();
+
     // Asked afresh on every pass: the heartbeat may come and go.
     uint32_t interval = mainHeartbeat.intervalSec();
+    const uint64_t sliceUs = daemonNotifyWatchdogSliceUs();
     if (interval != 0) {
         timeval timeout = {.tv_sec = static_cast<time_t>(interval), .tv_usec = MAIN_WAIT_SLACK_US};
         platformSys.select(m.fdDaemon + 1, &readSet, nullptr, nullptr, &timeout);
@@ -486,6 +494,12 @@ void mainLoopPass()
             mainHeartbeat.beep();
             m.lastTick = now;
         }
+    } else if (sliceUs != 0) {
+        // Without a heartbeat the wait has no timeout of its own; under a
+        // watchdog an idle loop must still wake to send its keep-alive.
+        timeval timeout = {.tv_sec = static_cast<time_t>(sliceUs / 1000000u),
+                           .tv_usec = static_cast<suseconds_t>(sliceUs % 1000000u)};
+        platformSys.select(m.fdDaemon + 1, &readSet, nullptr, nullptr, &timeout);
     } else {
         platformSys.select(m.fdDaemon + 1, &readSet, nullptr, nullptr, nullptr);
     }

@@ -46,6 +46,7 @@ constexpr usbMgmtUploadRules FPGA_UPLOAD = {
     .chunkRequest = PIC_HID_PROGRAM_FPGA,
     .roomPollUs = 50000,
     .roomPolls = 600,
+    .progress = "FPGA upgrade in progress",
 };
 
 struct {
@@ -72,7 +73,7 @@ bool __fpgaIsStatus(const qxUsbBlock &report, uint8_t seq, uint32_t state)
 // After the status query or the clean-up command: one report, tested for `state`.
 bool __fpgaReadStatus(qxUsbBlock &resp, uint8_t seq, uint32_t state)
 {
-    platformSys.usleep(FPGA_REPORT_WAIT_US);
+    platformSysSleep(FPGA_REPORT_WAIT_US);
     // Cleared first, so a failed read cannot leave an old report behind.
     resp.fill(0);
     qxUsbGetReport(resp.data());
@@ -129,7 +130,7 @@ int32_t fpgaUpgradeEraseFpga()
         evm_log(0, FPGA_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-PIC_HID_ERASE_FPGA rc: %d", rc);
         return rc;
     }
-    platformSys.usleep(FPGA_ERASE_WAIT_US);
+    platformSysSleep(FPGA_ERASE_WAIT_US);
     for (int query = 0; query < FPGA_ERASE_QUERIES; ++query) {
         const uint8_t seq = qxUsbGetNextSeqNumber();
         rc = __fpgaSend(PIC_HID_ERASE_FPGA_STATUS, seq, resp);
@@ -141,7 +142,7 @@ int32_t fpgaUpgradeEraseFpga()
             return 0;
         }
         evm_log(0, FPGA_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-PIC_HID_ERASE_FPGA rc: %d", 0);
-        platformSys.usleep(FPGA_ERASE_QUERY_PAUSE_US);
+        platformSysSleep(FPGA_ERASE_QUERY_PAUSE_US);
     }
     return -1;
 }
@@ -156,7 +157,7 @@ int32_t fpgaUpgradeCleanUp()
 {
     qxUsbBlock resp{};
     for (int attempt = 0; attempt < FPGA_CLEAN_UP_TRIES; ++attempt) {
-        platformSys.usleep(FPGA_CLEAN_UP_WAIT_US);
+        platformSysSleep(FPGA_CLEAN_UP_WAIT_US);
         const uint8_t seq = qxUsbGetNextSeqNumber();
         const int32_t rc = __fpgaSend(PIC_HID_PROGRAM_CLEAN_UP, seq, resp);
         if (rc != 0) {

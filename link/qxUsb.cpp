@@ -3,6 +3,7 @@
 // the node after errors and resets the USB device after a GOTO command.
 #include "qxUsb.h"
 
+#include "daemonNotify.h"
 #include "evmLog.h"
 #include "leBytes.h"
 #include "sysSeam.h"
@@ -78,7 +79,7 @@ qxUsbIssue __qxUsbIssueWithRetry(uint32_t request, picHidIoctlArg &arg, int &err
         if (attempt == QX_USB_ATTEMPTS) {
             return qxUsbIssue::BUSY;
         }
-        platformSys.usleep(QX_USB_RETRY_SLEEP_US);
+        platformSysSleep(QX_USB_RETRY_SLEEP_US);
     }
 }
 
@@ -90,6 +91,8 @@ void __qxUsbCloseNode()
         platformSys.close(usbLink.fd);
     }
     usbLink.fd = -1;
+    // Said in the status line for as long as it lasts; nothing goes out before ready.
+    daemonNotifySetLinkClosed(true);
 }
 
 // A counted failure: the caller has logged it; re-open after EBADF or too many.
@@ -136,9 +139,11 @@ int32_t qxUsbInit()
     if (fd < 0) {
         const int err = errno;
         evm_log(6, QX_USB_LOG_SOURCE, __LINE__, "qxUsbInit: Failed to open '%s' - '%s'", path, std::strerror(err));
+        daemonNotifySetLinkClosed(true);
         return 1;
     }
     usbLink.fd = fd;
+    daemonNotifySetLinkClosed(false);
     static_assert(sizeof QX_USB_DEVICE_PATH_TEXT <= sizeof usbLink.devPath);
     std::memcpy(usbLink.devPath, QX_USB_DEVICE_PATH_TEXT.data(), sizeof QX_USB_DEVICE_PATH_TEXT);
     evm_log(1, QX_USB_LOG_SOURCE, __LINE__, "qxUsbInit: Open '%s' success; fd=%d", path, fd);
@@ -254,7 +259,7 @@ void resetUsb()
     if (usbLink.fd >= 0) {
         __qxUsbCloseNode();
         platformSys.system("rmmod picdev");
-        platformSys.usleep(QX_USB_MODULE_SLEEP_US);
+        platformSysSleep(QX_USB_MODULE_SLEEP_US);
     }
     platformSys.usbInit();
     platformSys.usbFindBusses();
@@ -275,7 +280,7 @@ void resetUsb()
         }
     }
     platformSys.system("modprobe picdev");
-    platformSys.usleep(QX_USB_MODULE_SLEEP_US);
+    platformSysSleep(QX_USB_MODULE_SLEEP_US);
 }
 
 qxUsbState qxUsbGetState()

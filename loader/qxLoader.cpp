@@ -66,7 +66,7 @@ int32_t __qxLoaderAwaitReply(uint8_t *block, uint8_t seq)
     int32_t rc = 0;
     for (int read = 0; read < QX_LOADER_REPLY_READS; ++read) {
         if (read > 0) {
-            platformSys.usleep(QX_LOADER_REPLY_WAIT_US);
+            platformSysSleep(QX_LOADER_REPLY_WAIT_US);
         }
         memset(block, 0, QX_BLOCK_SIZE);
         rc = qxUsbGetReport(block);

@@ -8,6 +8,8 @@
 #include <cstdint>
 
 constexpr const char *QX_LOADER_LOG_SOURCE = "qxLoader";
+// The status line's words while the start-up upgrade programs the microcontroller.
+constexpr const char *QX_LOADER_UPGRADING = "Upgrading the microcontroller's firmware";
 
 constexpr uint8_t QX_PRODUCT_ID_APPLICATION = 17;
 constexpr uint8_t QX_PRODUCT_ID_BOOTLOADER = 18;

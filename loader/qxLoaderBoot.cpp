@@ -3,6 +3,7 @@
 #include "qxFile.h"
 #include "qxLoader.h"
 
+#include "daemonNotify.h"
 #include "evmLog.h"
 #include "leBytes.h"
 #include "sysSeam.h"
@@ -98,7 +99,7 @@ bool __qxLoaderWaitForDriver()
         if (acked) {
             return true;
         }
-        platformSys.usleep(QX_PROGRAM_POLL_WAIT_US);
+        platformSysSleep(QX_PROGRAM_POLL_WAIT_US);
     }
     evm_log(0, QX_LOADER_LOG_SOURCE, __LINE__,
             "QX_TRACE_FILE-PIC_HID_PIC32_IS_URB_AVAILABLE: driver still busy after %u polls, giving up",
@@ -125,6 +126,7 @@ bool __qxLoaderIsBlank(const uint8_t *data, size_t len)
 int32_t __qxLoaderFindUsbDev()
 {
     evm_log(1, QX_LOADER_LOG_SOURCE, __LINE__, "__qxLoaderFindUsbDev: starting");
+    daemonNotifyStatus("Searching for the microcontroller");
     useconds_t wait = QX_LOADER_SEARCH_FIRST_WAIT_US;
     uint32_t count = 0;
 
@@ -136,7 +138,7 @@ int32_t __qxLoaderFindUsbDev()
         if (count > QX_LOADER_SEARCH_GIVE_UP) {
             return rc;
         }
-        platformSys.usleep(wait);
+        platformSysSleep(wait);
         if (wait <= QX_LOADER_SEARCH_LONGEST_GROWING_US) {
             wait *= 10;
         } else {
@@ -199,7 +201,7 @@ void qxLoaderEraseApplication()
 {
     __qxLoaderSendBare(ERASE_DEVICE);
     // The bootloader answers nothing while it erases.
-    platformSys.usleep(QX_LOADER_ERASE_WAIT_US);
+    platformSysSleep(QX_LOADER_ERASE_WAIT_US);
 }
 
 int32_t qxLoaderProgram()
@@ -223,7 +225,13 @@ int32_t qxLoaderProgram()
     uint32_t address = QX_FLASH_START;
     uint32_t remaining = QX_FLASH_SIZE;
     bool gap = false;
+    // Blocks of packetDataSize bytes over the whole flash, blank ones counted
+    // as written: erased flash already holds them.
+    const uint32_t blocks = packetDataSize != 0 ? (QX_FLASH_SIZE + packetDataSize - 1) / packetDataSize : 0;
+    uint32_t block = 0;
     while (address <= QX_FLASH_LAST) {
+        daemonNotifyWatchdog();
+        daemonNotifyProgress(QX_LOADER_UPGRADING, "blocks", block++, blocks);
         // The driver is asked before every chunk, blank ones too: the
         // previous report may still be on its way.
         // A driver that fails or stays busy leaves the image incomplete:
@@ -266,6 +274,7 @@ int32_t qxLoaderProgram()
         remaining -= n;
     }
 
+    daemonNotifyProgress(QX_LOADER_UPGRADING, "blocks", blocks, blocks);
     // Ends the last run: the bootloader writes what it still buffers only
     // on this, so without it the image is not known to be complete.
     rc = __qxLoaderHandOver(PIC_HID_PIC32_PROGRAM_DONE, complete);
@@ -273,6 +282,6 @@ int32_t qxLoaderProgram()
         evm_log(0, QX_LOADER_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-***ERROR*** PIC_HID_PIC32_PROGRAM_DONE rc: %d", rc);
         return -1;
     }
-    platformSys.usleep(QX_LOADER_PROGRAM_END_WAIT_US);
+    platformSysSleep(QX_LOADER_PROGRAM_END_WAIT_US);
     return 0;
 }

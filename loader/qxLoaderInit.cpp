@@ -3,6 +3,7 @@
 #include "qxFile.h"
 #include "qxLoader.h"
 
+#include "daemonNotify.h"
 #include "evmLog.h"
 #include "sysSeam.h"
 
@@ -63,11 +64,13 @@ int32_t qxLoaderInit(int32_t forceUpgrade)
             // A microcontroller that cannot answer a slot read is wedged
             // somewhere between application and bootloader.
             evm_log(6, QX_LOADER_LOG_SOURCE, __LINE__, "qxLoaderInit: resetting USB device!");
+            daemonNotifyStatus("Firmware record unreadable: resetting the microcontroller's USB link");
             resetUsb();
             continue;
         }
 
         if (qxLoaderVerifyApplicationCode(0) == 0 && qxLoaderIsHidApplication() == 1) {
+            daemonNotifyStatus("Firmware up to date");
             return 0;
         }
 
@@ -78,7 +81,8 @@ int32_t qxLoaderInit(int32_t forceUpgrade)
         __qxLoaderStoreImageRecord(true);
 
         if (qxLoaderIsHidBootloader() == 0) {
-            platformSys.usleep(QX_LOADER_BEFORE_BOOTLOADER_US);
+            daemonNotifyStatus("Firmware differs: sending the microcontroller to its bootloader");
+            platformSysSleep(QX_LOADER_BEFORE_BOOTLOADER_US);
             qxLoaderGotoBootLoader();
             // A go command that went out has already closed the link through
             // the USB reset; one that could not be sent leaves it open, and
@@ -89,6 +93,7 @@ int32_t qxLoaderInit(int32_t forceUpgrade)
         }
 
         evm_log(0, QX_LOADER_LOG_SOURCE, __LINE__, "QX_TRACE_PRINTF-Upgrading HID Application.....");
+        daemonNotifyStatus("%s: erasing", QX_LOADER_UPGRADING);
         qxLoaderEraseApplication();
         rc = qxLoaderProgram();
         forceUpgrade = 0;
@@ -100,7 +105,7 @@ int32_t qxLoaderInit(int32_t forceUpgrade)
                     "programming again in %u s",
                     rc, static_cast<unsigned>(retryWait / 1000000));
             qxUsbCleanUp();
-            platformSys.usleep(retryWait);
+            platformSysSleep(retryWait);
             retryWait = std::min(retryWait * 2, QX_LOADER_RETRY_MAX_US);
             continue;
         }

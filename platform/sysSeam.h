@@ -22,6 +22,7 @@ struct platformSysOps {
     int (*system)(const char *command);
     int (*select)(int nfds, fd_set *readfds, fd_set *writefds, fd_set *exceptfds, struct timeval *timeout);
     uint64_t (*msSince1970)();
+    uint64_t (*monotonicUs)(); // never jumps: rate limits and keep-alives
 
     // libusb 0.1, for the microcontroller's USB port reset.
     void (*usbInit)();
@@ -38,3 +39,9 @@ extern platformSysOps platformSys;
 
 // The real bindings, for restoring the table or delegating to it.
 extern const platformSysOps PLATFORM_SYS_LIBC;
+
+// Every wait of the service: platformSys.usleep, with the watchdog's
+// keep-alive before and after. While a watchdog watches the process, a wait
+// longer than its slice is made of slices with a keep-alive between them, so
+// that only a call that does not return (a hung driver) stops the keep-alives.
+int platformSysSleep(useconds_t us);

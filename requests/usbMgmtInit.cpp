@@ -2,6 +2,7 @@
 // bring the microcontroller to it before the first request is served.
 #include "usbMgmt.h"
 
+#include "daemonNotify.h"
 #include "evmLog.h"
 #include "qxFile.h"
 #include "qxLoader.h"
@@ -47,7 +48,7 @@ int32_t usbMgmtInit(const char *fileName)
             if (rc == 0) {
                 break;
             }
-            platformSys.usleep(USB_MGMT_CLIENT_FILE_WAIT_US);
+            platformSysSleep(USB_MGMT_CLIENT_FILE_WAIT_US);
         }
         // The loader's start-up opens the link afresh.
         qxUsbCleanUp();
@@ -58,6 +59,7 @@ int32_t usbMgmtInit(const char *fileName)
         evm_log(1, USB_MGMT_INIT_LOG_SOURCE, __LINE__, "usbMgmtInit: found filename='%s'", name.data());
     }
 
+    daemonNotifyStatus("Firmware file %s", name.data());
     int32_t rc = qxFileInit(name.data());
     if (rc != 0) {
         evm_log(0, USB_MGMT_INIT_LOG_SOURCE, __LINE__, "QX_TRACE_USBMGMT-%s file Error", name.data());

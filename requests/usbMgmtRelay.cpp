@@ -26,7 +26,7 @@ int32_t netUsbFuncGeneric(qxUsbBlock &cmd, qxUsbBlock &resp)
     for (useconds_t wait : USB_MGMT_RELAY_WAITS_US) {
         // Cleared before every read, so a failed read leaves zeros, not a stale report.
         resp.fill(0);
-        platformSys.usleep(wait);
+        platformSysSleep(wait);
         rc = qxUsbGetReport(resp.data());
         if (resp[QX_REPORT_SEQ] == cmd[QX_REPORT_SEQ]) {
             break;

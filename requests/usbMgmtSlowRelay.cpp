@@ -38,12 +38,12 @@ int32_t __usbMgmtSlowRelay(const usbMgmtReportWait &wait, qxUsbBlock &cmd, qxUsb
 int32_t usbMgmtAwaitReport(const usbMgmtReportWait &wait, const qxUsbBlock &cmd, qxUsbBlock &resp)
 {
     resp.fill(0);
-    platformSys.usleep(wait.firstUs);
+    platformSysSleep(wait.firstUs);
     int32_t rc = qxUsbGetReport(resp.data());
     useconds_t pause = wait.pauseUs;
     // A failing read does not end the wait; only the last one's result counts.
     for (uint32_t read = 0; read < wait.furtherReads && resp[QX_REPORT_SEQ] != cmd[QX_REPORT_SEQ]; ++read) {
-        platformSys.usleep(pause);
+        platformSysSleep(pause);
         if (wait.doubling) {
             pause *= 2;
         }

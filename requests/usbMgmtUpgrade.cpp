@@ -3,6 +3,7 @@
 #include "usbMgmt.h"
 
 #include "cpldUpgrade.h"
+#include "daemonNotify.h"
 #include "fpgaUpgrade.h"
 #include "sysSeam.h"
 
@@ -12,18 +13,21 @@ constexpr useconds_t USB_MGMT_CPLD_RETRY_PAUSE_US = 1000000;
 
 } // namespace
 
+// The loop puts the serving line back once the request has ended.
 int32_t netUsbFuncFpgaUpgrade(qxUsbBlock &cmd, qxUsbBlock &)
 {
+    daemonNotifyStatus("FPGA upgrade in progress");
     return fpgaUpgradeStart(cmd);
 }
 
 int32_t netUsbFuncCpldUpgrade(qxUsbBlock &cmd, qxUsbBlock &resp)
 {
+    daemonNotifyStatus("CPLD upgrade in progress");
     if (cpldUpgradeStart(cmd, resp) == 0) {
         return 0;
     }
     // One more attempt from the file load on; its result is final.
-    platformSys.usleep(USB_MGMT_CPLD_RETRY_PAUSE_US);
+    platformSysSleep(USB_MGMT_CPLD_RETRY_PAUSE_US);
     return cpldUpgradeStart(cmd, resp);
 }
 

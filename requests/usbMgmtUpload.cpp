@@ -1,6 +1,7 @@
 // The file loads and page hand-over shared by the FPGA and CPLD upgrades.
 #include "usbMgmtUpload.h"
 
+#include "daemonNotify.h"
 #include "evmLog.h"
 #include "leBytes.h"
 #include "sysSeam.h"
@@ -34,7 +35,7 @@ int32_t __usbMgmtUploadWaitForRoom(const usbMgmtUploadRules &rules)
             query.report[QX_REPORT_SEQ] == (seq ^ PIC_HID_ACK_SEQ_XOR) && query.report[QX_REPORT_STATUS] == 0) {
             return 0;
         }
-        platformSys.usleep(rules.roomPollUs);
+        platformSysSleep(rules.roomPollUs);
     }
     // The driver frees room within milliseconds of a chunk going out; one that
     // stays full for 30 s has stopped moving, so the upgrade gives up instead
@@ -107,6 +108,9 @@ int32_t usbMgmtUploadPages(const usbMgmtUploadRules &rules, const uint8_t *data,
 {
     uint32_t next = 0;
     while (next < pages) {
+        // A driver with room at every query never lets the upgrade sleep.
+        daemonNotifyWatchdog();
+        daemonNotifyProgress(rules.progress, "pages", next, pages);
         int32_t rc = __usbMgmtUploadWaitForRoom(rules);
         if (rc != 0) {
             return rc;
@@ -125,5 +129,6 @@ int32_t usbMgmtUploadPages(const usbMgmtUploadRules &rules, const uint8_t *data,
         }
         next += count;
     }
+    daemonNotifyProgress(rules.progress, "pages", pages, pages);
     return 0;
 }

@@ -30,6 +30,7 @@ struct usbMgmtUploadRules {
     uint32_t chunkRequest;   // PIC_HID_PROGRAM_FPGA or PIC_HID_PROGRAM_CPLD
     useconds_t roomPollUs;   // pause between capacity queries without room
     uint32_t roomPolls;      // capacity queries before the driver counts as stuck
+    const char *progress;    // the status line's words while the pages go out
 };
 
 // An IO command for `request` (byte 1 `seq`, 0 where none is taken).

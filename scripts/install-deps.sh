@@ -12,4 +12,4 @@ apt-get install -y --no-install-recommends \
   srecord binutils faketime \
   clang libclang-rt-14-dev \
   util-linux procps \
-  systemd groff-base man-db dpkg-dev file python3
+  systemd libsystemd-dev groff-base man-db dpkg-dev file python3

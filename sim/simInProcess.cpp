@@ -299,6 +299,7 @@ constexpr platformSysOps SIM_IN_PROCESS_OPS = {
     .system = __simInProcessSystem,
     .select = __simInProcessSelect,
     .msSince1970 = __simInProcessMsSince1970,
+    .monotonicUs = __simInProcessNowUs,
     .usbInit = __simInProcessUsbInit,
     .usbFindBusses = __simInProcessUsbFindBusses,
     .usbFindDevices = __simInProcessUsbFindDevices,

@@ -1,8 +1,13 @@
-// The daemon core: the request loop driven pass by pass on virtual time, then the real tarnhold binary (and
-// tarnholdctl against it), each of those tests in a mount namespace of its own.
+// The daemon core: the request loop driven pass by pass on virtual time, what the service manager hears on virtual
+// time, then the real tarnhold binary (and tarnholdctl against it), each of those tests in a mount namespace of its
+// own.
+#include "../fpga/upgradeFixture.h"
 #include "daemonHarness.h"
+#include "daemonNotify.h"
 #include "logCapture.h"
 #include "main.h"
+#include "qxFile.h"
+#include "qxLoader.h"
 #include "sysSeam.h"
 #include "uniqueFd.h"
 
@@ -16,9 +21,14 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
+#include <ranges>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <tuple>
 #include <unistd.h>
@@ -176,6 +186,143 @@ TEST_F(mainLoopTest, wholeRecordsAreServedOnePerPassAndRepliesGoOnlyIntoAFifoTha
     }
     EXPECT_EQ(pending(reply.get()), int(2 * sizeof(usbDaemonRequest)));
     EXPECT_EQ(fs::file_size(dir_ + "/regular"), 0u) << "a regular file is never written";
+}
+
+constexpr uint64_t WATCHDOG_US = 30 * S; // the unit's WatchdogSec=30
+using stamped = std::vector<std::pair<uint64_t, std::string>>;
+
+// The service manager's end of NOTIFY_SOCKET, in the abstract namespace; with the process's own watchdog when asked.
+uniqueFd managerSocket(bool watchdog)
+{
+    const std::string name = "@tarnhold-notify-" + std::to_string(getpid());
+    sockaddr_un addr = {.sun_family = AF_UNIX, .sun_path = {}};
+    std::copy(name.begin() + 1, name.end(), addr.sun_path + 1);
+    uniqueFd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    EXPECT_EQ(bind(fd.get(), reinterpret_cast<sockaddr *>(&addr), socklen_t(sizeof(sa_family_t) + name.size())), 0);
+    setenv("NOTIFY_SOCKET", name.c_str(), 1);
+    setenv("WATCHDOG_USEC", watchdog ? std::to_string(WATCHDOG_US).c_str() : "0", 1);
+    return fd;
+}
+
+// Every datagram waiting, stamped with `now`, into `got`; the texts but keep-alives of all got so far.
+strings managerDrain(int fd, uint64_t now, stamped &got)
+{
+    char text[512];
+    for (ssize_t n; (n = recv(fd, text, sizeof text, MSG_DONTWAIT)) > 0;) {
+        got.emplace_back(now, std::string(text, size_t(n)));
+    }
+    strings notices;
+    std::ranges::copy_if(got | std::views::values, std::back_inserter(notices),
+                         [](const std::string &t) { return t != "WATCHDOG=1"; });
+    return notices;
+}
+
+// The service manager's view of start-up, upgrades and the loop on the in-process appliance: the socket is drained
+// at every virtual sleep, wait and driver call (a full socket would block the sender), so each datagram carries the
+// virtual time it was sent at.
+struct {
+    uniqueFd fd;
+    platformSysOps sim;
+    stamped got;
+} manager;
+
+class notifyTest : public upgradeTest {
+protected:
+    void SetUp() override
+    {
+        upgradeTest::SetUp();
+        qxUsbCleanUp(); // start-up opens the link itself
+        manager.fd = managerSocket(true);
+        manager.got.clear();
+        daemonNotifyInit();
+        manager.sim = platformSys;
+        platformSys.usleep = [](useconds_t us) { return drain(), manager.sim.usleep(us); };
+        platformSys.select = [](int n, fd_set *r, fd_set *w, fd_set *e, timeval *t) {
+            return drain(), manager.sim.select(n, r, w, e, t);
+        };
+        platformSys.ioctl = [](int fd, unsigned long rq, void *arg) { return drain(), manager.sim.ioctl(fd, rq, arg); };
+        mainLoopSetRequestFd(idle_.get());
+    }
+    void TearDown() override
+    {
+        unsetenv("NOTIFY_SOCKET");
+        daemonNotifyInit();
+        manager.fd.reset();
+        upgradeTest::TearDown();
+    }
+    static strings drain() { return managerDrain(manager.fd.get(), simVirtualNowUs(), manager.got); }
+    // The longest stretch of `operation` without a keep-alive; it must last longer than half the interval.
+    static uint64_t longestSilence(const std::function<int32_t()> &operation)
+    {
+        drain();
+        manager.got.clear();
+        const uint64_t from = simVirtualNowUs();
+        EXPECT_EQ(operation(), 0);
+        drain();
+        EXPECT_GT(simVirtualNowUs() - from, WATCHDOG_US / 2) << "long enough to need a keep-alive";
+        uint64_t last = from, longest = 0;
+        for (const auto &[at, text] : manager.got) {
+            longest = text == "WATCHDOG=1" ? std::max(longest, at - std::exchange(last, at)) : longest;
+        }
+        return std::max(longest, simVirtualNowUs() - last);
+    }
+    const std::string jbc_ = std::string(TARNHOLD_TESTDATA) + "/jbc/PIXEL8x4.jbc";
+    uniqueFd idle_{eventfd(0, EFD_CLOEXEC)}; // a request descriptor that never becomes readable
+};
+
+TEST_F(notifyTest, startUpSaysEachStepInOrderAndOnlyTheLoopReportsReady)
+{
+    ASSERT_TRUE(daemonHarnessWriteImage(file_)); // not what the appliance runs: a whole upgrade
+    ASSERT_EQ(usbMgmtInit(file_.c_str()), 0);
+    const std::string searching = "STATUS=Searching for the microcontroller";
+    const std::string upgrading = "STATUS=Upgrading the microcontroller's firmware: ";
+    const std::string blocks = std::to_string((QX_FLASH_SIZE + QX_PACKET_DATA_SIZE - 1) / QX_PACKET_DATA_SIZE);
+    // Programming takes no virtual time here: the rate limit lets only the first and the last progress line out.
+    strings expected = {"STATUS=Firmware file " + file_, searching,
+                        "STATUS=Firmware differs: sending the microcontroller to its bootloader", searching,
+                        upgrading + "erasing", upgrading + "0 of " + blocks + " blocks written",
+                        upgrading + blocks + " of " + blocks + " blocks written", searching,
+                        "STATUS=Firmware up to date"};
+    EXPECT_EQ(drain(), expected);
+    // Ready from the loop's first pass, once; an upgrade request's line gives way to the serving line after it.
+    mainLoopPass();
+    mainLoopPass();
+    EXPECT_EQ(upgradeFrom(QX_HID_CMD_CPLD_UPGRADE, jbc_), 0);
+    mainLoopPass();
+    qxUsbCleanUp(); // said while it lasts
+    mainLoopPass();
+    EXPECT_EQ(qxUsbInit(), 0);
+    const std::string cpld = "STATUS=CPLD upgrade in progress";
+    expected.insert(expected.end(), {"READY=1\nSTATUS=Serving requests", cpld, cpld + ": 0 of 170 pages written",
+                                     cpld + ": 170 of 170 pages written", "STATUS=Serving requests",
+                                     "STATUS=Serving requests; link to the microcontroller closed",
+                                     "STATUS=Serving requests"});
+    EXPECT_EQ(drain(), expected);
+}
+
+TEST_F(notifyTest, keepAlivesAreNeverFurtherApartThanHalfTheWatchdogIntervalDuringTheLongestOperations)
+{
+    ASSERT_TRUE(daemonHarnessWriteImage(file_));
+    const std::pair<const char *, std::function<int32_t()>> operations[] = {
+        {"start-up: two resets for slot 4, then a whole upgrade", [this] {
+             simSetSlotUnreadable(QX_SLOT_FIRMWARE, 12);
+             return usbMgmtInit(file_.c_str());
+         }},
+        {"FPGA", [this] { return upgradeFrom(QX_HID_CMD_FPGA_UPGRADE, write(bytesOf(1 << 20))); }},
+        {"CPLD, two attempts", [this] {
+             simSetUpgradeFault(simUpgradeFault::READBACK_OTHER_CRC, 1);
+             return upgradeFrom(QX_HID_CMD_CPLD_UPGRADE, jbc_);
+         }},
+        {"the loop idle without a heartbeat", [] {
+             for (int pass = 0; pass < 32; ++pass) {
+                 mainLoopPass();
+             }
+             return 0;
+         }},
+    };
+    for (const auto &[what, operation] : operations) {
+        EXPECT_LE(longestSilence(operation), WATCHDOG_US / 2) << what;
+    }
 }
 
 constexpr const char *PID_FILE = "/var/run/tarnhold.pid";
@@ -358,6 +505,25 @@ TEST_F(daemonProcessTest, startUpFailuresStopWithStatus1)
         daemonHarness daemon;
         EXPECT_EQ(daemon.runToEnd({.args = args}), status) << args.back();
     }
+}
+
+TEST_F(daemonProcessTest, theServiceManagerHearsReadyOnlyOnceTheLoopServesAndNeverAfterAFailedStartUp)
+{
+    uniqueFd socket = managerSocket(false);
+    stamped got;
+    daemonHarness failed;
+    EXPECT_EQ(failed.runToEnd(daemonHarnessOnAppliance(APP_HEX, {"--file", "/tmp/no-such.hex"})), 1);
+    EXPECT_EQ(managerDrain(socket.get(), 0, got), strings{"STATUS=Firmware file /tmp/no-such.hex"});
+    got.clear();
+    fs::remove(USB_DAEMON_FIFO);
+    daemonHarness daemon;
+    startServing(daemon);
+    EXPECT_TRUE(daemonHarnessPoll(10000, [&] { return managerDrain(socket.get(), 0, got).size() == 4; }));
+    EXPECT_EQ(managerDrain(socket.get(), 0, got),
+              (strings{"STATUS=Firmware file /tmp/app.hex", "STATUS=Searching for the microcontroller",
+                       "STATUS=Firmware up to date", "READY=1\nSTATUS=Serving requests"}));
+    EXPECT_TRUE(serves(daemon));
+    unsetenv("NOTIFY_SOCKET");
 }
 
 TEST_F(daemonProcessTest, sigtermKeepsTheFifoOtherExitSignalsLeaveACrashLogAndRemoveIt)

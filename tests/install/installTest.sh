@@ -46,6 +46,9 @@ if [ "$mode" = install ]; then
     grep -qx 'g tarnhold -' "$stage/usr/lib/sysusers.d/tarnhold.conf" || fail "the sysusers file does not make group tarnhold"
     if grep -Eq '^(BindsTo|Requisite)=' "$unit"; then fail "the unit is bound to something"; fi
     if grep -Eq '^PrivateTmp=(yes|true)' "$unit"; then fail "the request FIFO must live in the shared /tmp"; fi
+    # Ready only when it serves, and restarted when its keep-alives stop.
+    for line in Type=notify NotifyAccess=main; do grep -qx "$line" "$unit" || fail "the unit lacks $line"; done
+    grep -Eqx 'WatchdogSec=[1-9][0-9]*' "$unit" || fail "the unit has no watchdog"
     sed "s|^ExecStart=/usr/sbin/tarnhold|ExecStart=$stage/usr/sbin/tarnhold|" "$unit" >"$work/tarnhold.service"
     out=$(MANPATH="$stage/usr/share/man" systemd-analyze verify "$work/tarnhold.service" 2>&1) || fail "verify: $out"
     [ -z "$out" ] || fail "verify: $out"
