@@ -23,6 +23,7 @@ uint64_t __sysMsSince1970()
 
 const platformSysOps PLATFORM_SYS_LIBC = {
     .open = __sysOpen,
+    .access = ::access,
     .close = ::close,
     .ioctl = __sysIoctl,
     .read = ::read,

@@ -175,6 +175,7 @@ int __simFail(uint32_t request, int err)
 
 int simDriverOpenHandle()
 {
+    __simOffBusTick();
     if (!model.nodePresent) {
         __simRecord(simEventKind::OPEN_FAILED, 0, 0, 0, 0, ENOENT);
         return -ENOENT;
@@ -200,6 +201,7 @@ void simDriverCloseHandle(int handle)
 
 int simDriverIoctlHandle(int handle, uint32_t request, void *arg, const simMemReader &mem)
 {
+    __simOffBusTick();
     const simHandle *h = __simFindHandle(handle);
     if (h == nullptr) {
         return __simFail(request, EBADF);
@@ -288,7 +290,9 @@ void simModuleLoad()
         __simSwitchMode(simMode::BOOTLOADER);
     }
     __simApplyPendingSwitch();
-    model.nodePresent = true;
+    // A board off the bus has no device for the driver to bind to.
+    __simOffBusTick();
+    model.nodePresent = !model.offBus;
 }
 
 void simUsbReset()
