@@ -104,27 +104,6 @@ TEST_F(qxUsbLinkTest, fifteenthCountedFailureOrADeadDescriptorReopensTheNode)
                                        "4 qxUsbCmd: device not open", NO_NODE));
 }
 
-// The request boundary's heal: nothing while open; a missing node tried at most once a second; a node that came
-// back since the last try opened at once.
-TEST_F(qxUsbLinkTest, healOpensAClosedLinkOnceASecondOrAtOnceWhenTheNodeCameBack)
-{
-    EXPECT_EQ(qxUsbHeal(), 0);
-    EXPECT_THAT(simKinds(), IsEmpty());
-    qxUsbCleanUp();
-    simSetNodePresent(false);
-    simAdvanceUs(5'000'000); // whatever an earlier test left, this try is due
-    log.clear();
-    std::vector<int32_t> results;
-    for (uint64_t stepUs : {0, 999'000, 1'000, 500'000}) {
-        simAdvanceUs(stepUs);
-        simSetNodePresent(stepUs == 500'000);
-        results.push_back(qxUsbHeal());
-    }
-    EXPECT_EQ(results, (std::vector<int32_t>{-1, -1, -1, 0}));
-    EXPECT_THAT(log.leveled(), ElementsAre(NO_NODE, NO_NODE, "1 qxUsbInit: Open '/dev/corvanta_hid_backdoor' success; fd=" +
-                                                                 std::to_string(qxUsbGetState().fd)));
-}
-
 TEST_F(qxUsbLinkTest, gotoResetsTheUsbDeviceBetweenUnloadAndLoadAndLeavesTheLinkClosed)
 {
     report64 r{QX_HID_CMD_GOTO_BOOTLOADER, 0x42};
