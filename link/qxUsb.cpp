@@ -62,7 +62,7 @@ struct {
     uint32_t errCnt = 0;
     // The request boundary's own tries to open a closed link (qxUsbHeal).
     bool healTried = false;
-    bool healSawNode = false; // the node was there at the last try
+    bool healSawNode = false; // the node was there at the last open, the link's own re-opens included
     uint64_t healLastMs = 0;
 } qxUsbPrivateMembers;
 
@@ -154,9 +154,11 @@ int32_t qxUsbInit()
     if (fd < 0) {
         const int err = errno;
         evm_log(6, QX_USB_LOG_SOURCE, __LINE__, "qxUsbInit: Failed to open '%s' - '%s'", path, std::strerror(err));
+        usbLink.healSawNode = err != ENOENT;
         return 1;
     }
     usbLink.fd = fd;
+    usbLink.healSawNode = true;
     static_assert(sizeof QX_USB_DEVICE_PATH_TEXT <= sizeof usbLink.devPath);
     std::memcpy(usbLink.devPath, QX_USB_DEVICE_PATH_TEXT.data(), sizeof QX_USB_DEVICE_PATH_TEXT);
     evm_log(1, QX_USB_LOG_SOURCE, __LINE__, "qxUsbInit: Open '%s' success; fd=%d", path, fd);
@@ -313,7 +315,6 @@ int32_t qxUsbHeal()
         return -1;
     }
     usbLink.healTried = true;
-    usbLink.healSawNode = present;
     usbLink.healLastMs = now;
     return qxUsbInit() == 0 ? 0 : -1;
 }
