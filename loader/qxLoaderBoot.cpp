@@ -78,37 +78,32 @@ int32_t __qxLoaderHandOver(uint32_t request, const qxUsbBlock &block)
     return qxUsbCmd(io.data());
 }
 
-enum class qxLoaderDriverWait : uint8_t {
-    READY,    // the driver can take the next report
-    FAILED,   // the availability request itself failed
-    TIMED_OUT // the driver stayed busy
-};
-
-// Waits until the driver can take another report.
+// Waits until the driver can take another report; false when the
+// availability request fails or the driver stays busy.
 //
 // The driver acknowledges as soon as its one outstanding report has gone out,
 // which takes a few milliseconds on a healthy link. A driver still busy after
 // 600 polls x 50 ms = 30 s, far beyond its worst case for one report, is not
 // going to recover: rather than hold the start-up for ever, programming is
 // abandoned and the start-up upgrade's next pass decides again.
-qxLoaderDriverWait __qxLoaderWaitForDriver()
+bool __qxLoaderWaitForDriver()
 {
     for (uint32_t poll = 0; poll < QX_PROGRAM_POLL_MAX; ++poll) {
         bool acked = false;
         int32_t rc = __qxLoaderRawIo(PIC_HID_PIC32_IS_URB_AVAILABLE, acked);
         if (rc != 0) {
             evm_log(0, QX_LOADER_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-PIC_HID_PIC32_IS_URB_AVAILABLE rc: %d", rc);
-            return qxLoaderDriverWait::FAILED;
+            return false;
         }
         if (acked) {
-            return qxLoaderDriverWait::READY;
+            return true;
         }
         platformSys.usleep(QX_PROGRAM_POLL_WAIT_US);
     }
     evm_log(0, QX_LOADER_LOG_SOURCE, __LINE__,
             "QX_TRACE_FILE-PIC_HID_PIC32_IS_URB_AVAILABLE: driver still busy after %u polls, giving up",
             static_cast<unsigned>(QX_PROGRAM_POLL_MAX));
-    return qxLoaderDriverWait::TIMED_OUT;
+    return false;
 }
 
 void __qxLoaderSendBare(uint8_t code)
@@ -231,12 +226,10 @@ int32_t qxLoaderProgram()
     while (address <= QX_FLASH_LAST) {
         // The driver is asked before every chunk, blank ones too: the
         // previous report may still be on its way.
-        const qxLoaderDriverWait ready = __qxLoaderWaitForDriver();
-        if (ready == qxLoaderDriverWait::TIMED_OUT) {
+        // A driver that fails or stays busy leaves the image incomplete:
+        // that is a failed run, whatever got through before.
+        if (!__qxLoaderWaitForDriver()) {
             return -1;
-        }
-        if (ready == qxLoaderDriverWait::FAILED) {
-            break;
         }
 
         program.fill(0);
@@ -273,8 +266,13 @@ int32_t qxLoaderProgram()
         remaining -= n;
     }
 
-    // Ends the last run; a failure here leaves the next pass to find out.
-    __qxLoaderHandOver(PIC_HID_PIC32_PROGRAM_DONE, complete);
+    // Ends the last run: the bootloader writes what it still buffers only
+    // on this, so without it the image is not known to be complete.
+    rc = __qxLoaderHandOver(PIC_HID_PIC32_PROGRAM_DONE, complete);
+    if (rc != 0) {
+        evm_log(0, QX_LOADER_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-***ERROR*** PIC_HID_PIC32_PROGRAM_DONE rc: %d", rc);
+        return -1;
+    }
     platformSys.usleep(QX_LOADER_PROGRAM_END_WAIT_US);
     return 0;
 }

@@ -6,12 +6,17 @@
 #include "evmLog.h"
 #include "sysSeam.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace {
 
 constexpr useconds_t QX_LOADER_BEFORE_BOOTLOADER_US = 2000000;
 constexpr size_t QX_LOADER_INVALIDATED_BYTES = 10;
+// After a failed programming run the bootloader is tried again after 1 s,
+// 2 s, 4 s ... and then once a minute: a dead bus must not spin the start-up.
+constexpr useconds_t QX_LOADER_RETRY_FIRST_US = 1000000;
+constexpr useconds_t QX_LOADER_RETRY_MAX_US = 60000000;
 
 // Slot 4 must answer before anything is decided: two rounds of three tries.
 bool __qxLoaderProbeFirmwareRecord()
@@ -41,7 +46,8 @@ int32_t qxLoaderInit(int32_t forceUpgrade)
 {
     // Every change of the microcontroller's state ends in a fresh pass. The
     // passes have no bound, so they loop here and keep nothing from one pass
-    // to the next.
+    // to the next but the wait before programming again after a failure.
+    useconds_t retryWait = QX_LOADER_RETRY_FIRST_US;
     for (;;) {
         evm_log(1, QX_LOADER_LOG_SOURCE, __LINE__, "qxLoaderInit: forceUpgrade=%d", forceUpgrade);
 
@@ -65,14 +71,13 @@ int32_t qxLoaderInit(int32_t forceUpgrade)
             return 0;
         }
 
-        // Slot 4 is made to describe the image before the application goes.
-        qxLoaderVerifyApplicationCode(1);
+        // Nothing may claim the image before it is in flash: from here until
+        // programming has succeeded slot 4 holds the invalidated record, so a
+        // run cut short anywhere (a kill, a power loss) fails the next
+        // start's first check and the upgrade is taken up again.
+        __qxLoaderStoreImageRecord(true);
 
         if (qxLoaderIsHidBootloader() == 0) {
-            // Slot 4 now describes the image, which is not in flash yet: until
-            // it is, the slot must not match, or a switch cut short would
-            // leave the old application passing the check.
-            __qxLoaderStoreImageRecord(true);
             platformSys.usleep(QX_LOADER_BEFORE_BOOTLOADER_US);
             qxLoaderGotoBootLoader();
             // A go command that went out has already closed the link through
@@ -85,11 +90,23 @@ int32_t qxLoaderInit(int32_t forceUpgrade)
 
         evm_log(0, QX_LOADER_LOG_SOURCE, __LINE__, "QX_TRACE_PRINTF-Upgrading HID Application.....");
         qxLoaderEraseApplication();
-        // Not looked at: a broken run is caught by the next pass.
-        qxLoaderProgram();
+        rc = qxLoaderProgram();
+        forceUpgrade = 0;
+        if (rc != 0) {
+            // The bootloader is the one state every fault can be repaired
+            // from: stay in it, and program again after a growing wait.
+            evm_log(0, QX_LOADER_LOG_SOURCE, __LINE__,
+                    "QX_TRACE_PRINTF-Upgrading HID Application failed (rc: %d), staying in the bootloader, "
+                    "programming again in %u s",
+                    rc, static_cast<unsigned>(retryWait / 1000000));
+            qxUsbCleanUp();
+            platformSys.usleep(retryWait);
+            retryWait = std::min(retryWait * 2, QX_LOADER_RETRY_MAX_US);
+            continue;
+        }
+        retryWait = QX_LOADER_RETRY_FIRST_US;
         __qxLoaderStoreImageRecord(false);
         qxLoaderGotoApplication();
         qxUsbCleanUp();
-        forceUpgrade = 0;
     }
 }

@@ -126,6 +126,24 @@ void __simOffBusTick()
     __simRecord(simEventKind::BACK_ON_BUS, static_cast<uint8_t>(model.mode));
 }
 
+void __simBoundaryDone()
+{
+    if (model.stopServiceSteps <= 0 || --model.stopServiceSteps > 0) {
+        return;
+    }
+    model.stopServiceSteps = -1;
+    model.serviceStopped = true;
+    __simRecord(simEventKind::SERVICE_STOPPED);
+    // The killed process's descriptors close: what the driver still held for
+    // it and the replies it waited for are gone with them.
+    model.queue.clear();
+    if (model.stopServicePowerLoss) {
+        __simLosePower();
+    } else {
+        __simStaleHandles();
+    }
+}
+
 // ---- Replies ---------------------------------------------------------------
 
 void __simQueueReply(simReport reply)
@@ -189,6 +207,10 @@ void simReset()
     model.bootloaderNoAck = false;
     model.driverBusyPolls = 0;
     model.powerLossSteps = -1;
+    model.bootloaderStartsWrittenApp = false;
+    model.stopServiceSteps = -1;
+    model.stopServicePowerLoss = false;
+    model.serviceStopped = false;
     model.panel = simPanel{};
     model.fileTransfer = simFileTransfer{};
     model.events.clear();
@@ -323,10 +345,10 @@ const simFileTransfer &simLastFileTransfer()
 
 // ---- Fault injection -------------------------------------------------------
 
-void simFailIoctl(uint32_t request, int err, int count)
+void simFailIoctl(uint32_t request, int err, int count, int after)
 {
     if (count > 0 && err > 0) {
-        model.ioctlFaults.push_back({request, err, count});
+        model.ioctlFaults.push_back({request, err, count, std::max(after, 0)});
     }
 }
 
@@ -370,6 +392,28 @@ void simPowerLossAfter(int steps)
         model.powerLossSteps = -1;
         __simLosePower();
     }
+}
+
+void simSetBootloaderStartsWrittenApp(bool on)
+{
+    model.bootloaderStartsWrittenApp = on;
+}
+
+void simStopServiceAfter(int steps, bool powerLoss)
+{
+    model.stopServiceSteps = steps > 0 ? steps : -1;
+    model.stopServicePowerLoss = powerLoss;
+}
+
+void simRestartService()
+{
+    model.serviceStopped = false;
+    model.stopServiceSteps = -1;
+}
+
+bool simServiceStopped()
+{
+    return model.serviceStopped;
 }
 
 // ---- Observation -----------------------------------------------------------

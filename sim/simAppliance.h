@@ -89,8 +89,10 @@ bool simLoadState(const std::string &path);
 
 // ---- Fault injection ---------------------------------------------------------
 
-// The next `count` ioctls carrying `request` (0 = any request) fail with err.
-void simFailIoctl(uint32_t request, int err, int count);
+// The next `count` ioctls carrying `request` (0 = any request) fail with err,
+// once `after` more of them have gone through (a run of refused programming
+// blocks in the middle of an upgrade: PIC_HID_PIC32_PROGRAM, EIO, N, K - 1).
+void simFailIoctl(uint32_t request, int err, int count, int after = 0);
 
 enum class simReplyFault : uint8_t {
     NONE,
@@ -122,6 +124,22 @@ void simSetReplyDelayUs(uint8_t code, uint64_t us);
 // the node disappears and the microcontroller comes back in the bootloader on
 // the next module load, with flash as far as it got.
 void simPowerLossAfter(int steps);
+
+// After a power loss the bootloader starts the application when its reset
+// vector (the first word of the flash range) is written, however much of it
+// was programmed, as common PIC32 HID bootloaders do. Off: it stays in the
+// bootloader, as this appliance's does.
+void simSetBootloaderStartsWrittenApp(bool on);
+
+// The service is stopped (killed) after `steps` more upgrade boundaries: slot
+// writes, go commands, module unloads and loads, USB resets, erases,
+// programmed blocks and completions. From then on nothing it does reaches the
+// appliance: its descriptors are dead, opens fail, its module commands and
+// resets do nothing. With powerLoss the microcontroller loses power at the
+// same moment. simRestartService() lets a fresh start of the service in.
+void simStopServiceAfter(int steps, bool powerLoss);
+void simRestartService();
+bool simServiceStopped();
 
 // The board drops off the bus for `forUs` of the model's clock (a watchdog
 // bite, a brown-out): descriptors opened before fail with ENODEV for good, the
@@ -156,6 +174,7 @@ enum class simEventKind : uint8_t {
     PAGES_READ,    // the driver read what it took by address (address, len), sending it on
     PAGES_UNREADABLE, // ... and could not read it: the caller's memory changed or went away
     CPLD_RUN_DONE, // the CPLD run completed: slot 9's state word became 0
+    SERVICE_STOPPED, // the service was stopped at an upgrade boundary
     OFF_BUS,       // the board dropped off the bus (len = how long, in µs)
     BACK_ON_BUS,   // ... and came back (code = the simMode it started in)
 };

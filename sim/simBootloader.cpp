@@ -27,6 +27,7 @@ void __simBootloaderStepDone()
         model.powerLossSteps = -1;
         __simLosePower();
     }
+    __simBoundaryDone();
 }
 
 void __simBootloaderErase()
@@ -99,11 +100,13 @@ void __simBootloaderReceive(const uint8_t *req)
         __simRecord(simEventKind::GOTO_APPLICATION);
         model.pendingSwitch = true;
         model.pendingMode = simMode::APPLICATION;
+        __simBoundaryDone();
         break;
     case QX_HID_CMD_GOTO_BOOTLOADER:
         __simRecord(simEventKind::GOTO_BOOTLOADER);
         model.pendingSwitch = true;
         model.pendingMode = simMode::BOOTLOADER;
+        __simBoundaryDone();
         break;
     case QX_HID_CMD_GET_INFO:
         reply[QX_REPORT_PAYLOAD] = SIM_PRODUCT_ID_BOOTLOADER;

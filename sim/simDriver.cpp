@@ -14,11 +14,18 @@ namespace {
 
 auto &model = simAppliancePrivateMembers;
 
+// The application's reset vector: the first word of the flash range.
+constexpr size_t SIM_RESET_VECTOR_SIZE = 4;
+
 // The injected failure for this request, or 0.
 int __simInjectedFault(uint32_t request)
 {
     for (auto it = model.ioctlFaults.begin(); it != model.ioctlFaults.end(); ++it) {
         if (it->request != 0 && it->request != request) {
+            continue;
+        }
+        if (it->after > 0) {
+            --it->after;
             continue;
         }
         const int err = it->err;
@@ -176,7 +183,7 @@ int __simFail(uint32_t request, int err)
 int simDriverOpenHandle()
 {
     __simOffBusTick();
-    if (!model.nodePresent) {
+    if (!model.nodePresent || model.serviceStopped) {
         __simRecord(simEventKind::OPEN_FAILED, 0, 0, 0, 0, ENOENT);
         return -ENOENT;
     }
@@ -271,32 +278,47 @@ int simDriverIoctl(uint32_t request, void *arg, const simMemReader &mem)
     return simDriverIoctlHandle(model.implicitHandle, request, arg, mem);
 }
 
+// Module commands and resets of a stopped service never run.
 void simModuleUnload()
 {
+    if (model.serviceStopped) {
+        return;
+    }
     __simRecord(simEventKind::RMMOD);
     model.nodePresent = false;
     model.queue.clear();
     model.lastReport.fill(0);
     __simStaleHandles();
+    __simBoundaryDone();
 }
 
 void simModuleLoad()
 {
+    if (model.serviceStopped) {
+        return;
+    }
     __simRecord(simEventKind::MODPROBE);
     if (model.powerLost) {
-        // Power is back: the microcontroller starts in its bootloader.
+        // Power is back: the microcontroller starts in its bootloader, which
+        // may start an application whose reset vector is written.
         model.powerLost = false;
         model.pendingSwitch = false;
-        __simSwitchMode(simMode::BOOTLOADER);
+        const bool vector = !std::all_of(model.flash.begin(), model.flash.begin() + SIM_RESET_VECTOR_SIZE,
+                                         [](uint8_t b) { return b == 0xFF; });
+        __simSwitchMode(model.bootloaderStartsWrittenApp && vector ? simMode::APPLICATION : simMode::BOOTLOADER);
     }
     __simApplyPendingSwitch();
     // A board off the bus has no device for the driver to bind to.
     __simOffBusTick();
     model.nodePresent = !model.offBus;
+    __simBoundaryDone();
 }
 
 void simUsbReset()
 {
+    if (model.serviceStopped) {
+        return;
+    }
     __simRecord(simEventKind::USB_RESET);
     if (model.powerLost) {
         return;
@@ -305,5 +327,6 @@ void simUsbReset()
     __simApplyPendingSwitch();
     model.queue.clear();
     __simStaleHandles();
+    __simBoundaryDone();
 }
 

@@ -36,6 +36,7 @@ bool __simAppGotoApplication(const uint8_t *, simReport &)
     __simRecord(simEventKind::GOTO_APPLICATION);
     model.pendingSwitch = true;
     model.pendingMode = simMode::APPLICATION;
+    __simBoundaryDone();
     return false;
 }
 
@@ -44,6 +45,7 @@ bool __simAppGotoBootloader(const uint8_t *, simReport &)
     __simRecord(simEventKind::GOTO_BOOTLOADER);
     model.pendingSwitch = true;
     model.pendingMode = simMode::BOOTLOADER;
+    __simBoundaryDone();
     return false;
 }
 
@@ -251,7 +253,8 @@ bool __simSetFlashVal(const uint8_t *req, simReport &reply)
     s.len = len;
     std::memcpy(s.data, &req[QX_SLOT_BYTE_DATA], len);
     model.slots[slot] = s;
-    return __simUpgradeRecordWriteAnswered(slot);
+    __simBoundaryDone();
+    return !model.serviceStopped && __simUpgradeRecordWriteAnswered(slot);
 }
 
 void __simApplicationReceive(const uint8_t *req)

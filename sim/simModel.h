@@ -31,6 +31,7 @@ struct simIoctlFault {
     uint32_t request; // 0: any
     int err;
     int count;
+    int after; // matching requests still let through before the first failure
 };
 
 struct simHandle {
@@ -111,6 +112,14 @@ struct simApplianceMembers {
     bool bootloaderNoAck = false;
     int driverBusyPolls = 0;
     int powerLossSteps = -1;
+    // After a power loss the bootloader starts an application whose reset
+    // vector is written, complete or not.
+    bool bootloaderStartsWrittenApp = false;
+    // The service stops after this many more upgrade boundaries (-1: never);
+    // while it is stopped nothing from the host reaches the appliance.
+    int stopServiceSteps = -1;
+    bool stopServicePowerLoss = false;
+    bool serviceStopped = false;
 
     simPanel panel;
     simFileTransfer fileTransfer;
@@ -135,6 +144,9 @@ void __simSwitchMode(simMode mode);
 void __simOffBusTick();
 void __simApplyPendingSwitch();
 void __simLosePower();
+// One upgrade boundary passed: a slot write, a go command, a module unload or
+// load, a USB reset, an erase, a programmed block, a completion.
+void __simBoundaryDone();
 void __simQueueReply(simReport reply);
 simReport __simReplyHeader(const uint8_t *req);
 

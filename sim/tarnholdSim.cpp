@@ -6,6 +6,7 @@
 
 #include <glib.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -172,7 +173,9 @@ bool __tarnholdSimSetUpModel(const tarnholdSimOptions &o)
         if (!simLoadState(o.stateFile)) {
             return __tarnholdSimFail("cannot load the state file " + o.stateFile);
         }
-        // Power-on: the appliance boots with picdev loaded.
+        // Power-on: the appliance boots with picdev loaded, its bootloader
+        // starting an application whose reset vector is written if asked to.
+        simSetBootloaderStartsWrittenApp(std::ranges::count(o.faults, "bootloader-starts-app") > 0);
         simModuleLoad();
     }
     if (!o.platform.empty()) {

@@ -123,12 +123,15 @@ void __tarnholdSimCheckPowerLoss()
         bed.eventsSeen = 0;
     }
     bool lost = false;
+    bool stopped = false; // the service is killed at an upgrade boundary
     for (size_t i = bed.eventsSeen; i < events.size(); ++i) {
         lost = lost || events[i].kind == simEventKind::POWER_LOST;
+        stopped = stopped || events[i].kind == simEventKind::SERVICE_STOPPED;
     }
     bed.eventsSeen = events.size();
     const pid_t host = bed.hostPid.load();
-    if (lost && tarnholdSimControlHostPowerLossArmed() && host > 0 && !bed.hostPowerLost.exchange(true)) {
+    if ((stopped || (lost && tarnholdSimControlHostPowerLossArmed())) && host > 0 &&
+        !bed.hostPowerLost.exchange(true)) {
         kill(host, SIGKILL);
     }
 }

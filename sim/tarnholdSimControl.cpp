@@ -61,11 +61,11 @@ struct {
 
 auto &control = tarnholdSimControlPrivateMembers;
 
-constexpr std::array<const char *, 24> TARNHOLD_SIM_EVENT_NAMES = {
+constexpr std::array<const char *, 25> TARNHOLD_SIM_EVENT_NAMES = {
     "OPEN",     "OPEN_FAILED",      "CLOSE",           "SEND",      "GET_REPORT", "DRIVER",       "PROGRAM",
     "PROGRAM_DROPPED", "COMPLETE", "ERASE", "GOTO_APPLICATION", "GOTO_BOOTLOADER", "USB_RESET", "RMMOD",
     "MODPROBE", "FILE_TRANSFER",    "IOCTL_FAILED",    "POWER_LOST", "MODE_SWITCH", "PAGES_READ",
-    "PAGES_UNREADABLE", "CPLD_RUN_DONE", "OFF_BUS", "BACK_ON_BUS",
+    "PAGES_UNREADABLE", "CPLD_RUN_DONE", "SERVICE_STOPPED", "OFF_BUS", "BACK_ON_BUS",
 };
 static_assert(static_cast<size_t>(simEventKind::BACK_ON_BUS) + 1 == TARNHOLD_SIM_EVENT_NAMES.size());
 
@@ -175,14 +175,15 @@ bool __tarnholdSimFault(const std::vector<std::string> &f, std::string &error)
     long a = 0;
     long b = 0;
     long c = 1;
-    if (name == "ioctl" && (args == 2 || args == 3)) {
+    if (name == "ioctl" && args >= 2 && args <= 4) {
+        long after = 0;
         if (!__tarnholdSimLookup(TARNHOLD_SIM_REQUEST_NAMES, f[1], a, true) ||
             !__tarnholdSimLookup(TARNHOLD_SIM_ERRNO_NAMES, f[2], b, true) ||
-            (args == 3 && !__tarnholdSimNumber(f[3], c))) {
-            error = "ioctl:REQUEST:ERRNO[:COUNT] expected";
+            (args >= 3 && !__tarnholdSimNumber(f[3], c)) || (args == 4 && !__tarnholdSimNumber(f[4], after))) {
+            error = "ioctl:REQUEST:ERRNO[:COUNT[:AFTER]] expected";
             return false;
         }
-        simFailIoctl(static_cast<uint32_t>(a), static_cast<int>(b), static_cast<int>(c));
+        simFailIoctl(static_cast<uint32_t>(a), static_cast<int>(b), static_cast<int>(c), static_cast<int>(after));
         return true;
     }
     if (name == "reply" && (args == 1 || args == 2)) {
@@ -210,6 +211,14 @@ bool __tarnholdSimFault(const std::vector<std::string> &f, std::string &error)
     }
     if (name == "bootloader-no-ack" && args == 0) {
         simSetBootloaderNoAck(true);
+        return true;
+    }
+    if (name == "bootloader-starts-app" && args == 0) {
+        simSetBootloaderStartsWrittenApp(true);
+        return true;
+    }
+    if (name == "stop-service" && (args == 1 || (args == 2 && f[2] == "power-loss")) && __tarnholdSimNumber(f[1], a)) {
+        simStopServiceAfter(static_cast<int>(a), args == 2);
         return true;
     }
     if (name == "driver-busy" && args == 1 && __tarnholdSimNumber(f[1], a)) {
@@ -619,7 +628,9 @@ const char *tarnholdSimControlUsage()
            "  save FILE                        save the model state\n"
            "  ping\n"
            "Faults (FAULT for --fault and 'fault'):\n"
-           "  ioctl:REQUEST:ERRNO[:COUNT]      REQUEST any|send|get-report|file-transfer|program|\n"
+           "  ioctl:REQUEST:ERRNO[:COUNT[:AFTER]]\n"
+           "                                   fail COUNT requests once AFTER more went through;\n"
+           "                                   REQUEST any|send|get-report|file-transfer|program|\n"
            "                                   program-done|pic32-available|pic32-setup|available|\n"
            "                                   fpga-setup|erase-fpga|erase-fpga-status|program-fpga|\n"
            "                                   clean-up|cpld-setup|erase-cpld|program-cpld|cpld-run|NUMBER,\n"
@@ -630,6 +641,12 @@ const char *tarnholdSimControlUsage()
            "  slot-unreadable:SLOT[:COUNT]     COUNT -1: always\n"
            "  bootloader-no-ack                set-up and availability never acknowledged\n"
            "  driver-busy:POLLS                the next POLLS availability polls answer busy\n"
+           "  bootloader-starts-app            after a power loss the bootloader starts an\n"
+           "                                   application whose reset vector is written\n"
+           "  stop-service:STEPS[:power-loss]  the child is killed after STEPS more upgrade\n"
+           "                                   boundaries (slot writes, go commands, module\n"
+           "                                   commands, USB resets, erase, blocks, completions),\n"
+           "                                   the microcontroller losing power with it if asked\n"
            "  power-loss:STEPS                 the microcontroller loses power after STEPS more\n"
            "                                   bootloader steps; the next module load brings it\n"
            "                                   back in its bootloader\n"

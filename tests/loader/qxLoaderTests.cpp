@@ -32,6 +32,7 @@ const std::string UPGRADING = "QX_TRACE_PRINTF-Upgrading HID Application.....";
 const std::string RESETTING = "qxLoaderInit: resetting USB device!";
 const std::string VERIFIED = "qxLoaderVerifyApplicationCode: Verification Success!";
 const std::string NOT_VERIFIED = "qxLoaderVerifyApplicationCode: Verification Failed!";
+const std::string RETRYING = UPGRADING.substr(0, 41) + " failed (rc: -1), staying in the bootloader, programming again in ";
 
 // Between the loader and the simulated node: a node gone for good (no module load brings it back), the reports
 // handed over for sending, and a hook that fails a request (an errno, before it is issued) or changes its answer.
@@ -144,6 +145,24 @@ protected:
         return rc;
     }
     static bool flashHoldsImage() { return std::equal(simFlash().begin(), simFlash().end(), qxFileGetData()); }
+    bool installed() const // flash, slot 4 and the running firmware
+    {
+        const simSlot s = simGetSlot(QX_SLOT_FIRMWARE);
+        return flashHoldsImage() && s.word0 == static_cast<uint32_t>(imageLen) && s.len == 16 &&
+               std::equal(md5.begin(), md5.begin() + 16, s.data) && simGetMode() == simMode::APPLICATION;
+    }
+    // Nothing claims the image before it is in flash: each slot 4 write of its digest must find it there.
+    void guardClaims()
+    {
+        wire.hook = [this](uint32_t request, picHidIoctlArg &arg, bool answered) {
+            const uint8_t *r = arg.report;
+            if (answered && request == PIC_HID_SEND_REPORT && r[QX_REPORT_CODE] == QX_HID_CMD_SET_FLASH_VAL &&
+                r[QX_SLOT_BYTE_SLOT] == QX_SLOT_FIRMWARE && std::equal(md5.begin(), md5.begin() + 16, &r[13])) {
+                EXPECT_TRUE(flashHoldsImage()) << "slot 4 claims an image the flash does not hold";
+            }
+            return 0;
+        };
+    }
 
     int32_t imageLen = 0;
     std::array<uint8_t, QX_FILE_DIGEST_SIZE> md5{};
@@ -358,7 +377,7 @@ TEST_F(qxLoaderOnSim, programmingStopsOnTheDriversFailuresAndGivesUpOnADriverBus
     // The request failing, the line then logged, the result, what the bootloader took, the waits.
     const std::tuple<uint32_t, const char *, int32_t, std::vector<step>, std::vector<uint64_t>> cases[] = {
         {PIC_HID_PIC32_UPGRADE_SETUP, "PIC_HID_PIC32_UPGRADE_SETUP rc: -1", -1, {}, {}},
-        {PIC_HID_PIC32_IS_URB_AVAILABLE, "PIC_HID_PIC32_IS_URB_AVAILABLE rc: -1", 0, {COMPLETE}, {2000000}}, // the end
+        {PIC_HID_PIC32_IS_URB_AVAILABLE, "PIC_HID_PIC32_IS_URB_AVAILABLE rc: -1", -1, {}, {}}, // the image incomplete
         {PIC_HID_PIC32_PROGRAM, "***ERROR*** PIC_HID_PIC32_PROGRAM rc: -1", -1, {}, {}}, // no final COMPLETE
         {PIC_HID_PIC32_PROGRAM_DONE, "***ERROR*** PIC_HID_PIC32_PROGRAM_DONE rc: -1", -1, {step{0x1D010000, 56}}, {}},
     };
@@ -370,6 +389,8 @@ TEST_F(qxLoaderOnSim, programmingStopsOnTheDriversFailuresAndGivesUpOnADriverBus
         EXPECT_EQ(steps(), took);
         EXPECT_EQ(simSleeps(), waits);
     }
+    simFailIoctl(PIC_HID_PIC32_PROGRAM_DONE, EIO, 1, 1); // the final one: the bootloader may still hold data
+    EXPECT_EQ(program(data), -1);
 
     // Busy: asked again every 50 ms, 600 times at most, then -1 with nothing handed over.
     simSetDriverBusyPolls(3);
@@ -390,14 +411,14 @@ TEST_F(qxLoaderOnSim, startUpGoesRoundPassesUntilTheRightApplicationAnswersAndIn
     enum startState { OTHER, BOOTLOADER, UNREADABLE, GOTO_REFUSED, INFO_UNUSABLE };
     // what, the appliance at the start, forceUpgrade, the passes, slot 4 reads and writes
     const std::tuple<const char *, startState, int, std::vector<std::string>, size_t, size_t> cases[] = {
-        {"the bootloader, slot 4 matching: programmed at once", BOOTLOADER, 0, {PASS_0, UPGRADING, PASS_0}, 5, 1},
+        {"the bootloader, slot 4 matching: programmed at once", BOOTLOADER, 0, {PASS_0, UPGRADING, PASS_0}, 4, 2},
         {"slot 4 unreadable: a reset, the same forceUpgrade", UNREADABLE, 1, {PASS_1, RESETTING, PASS_1}, 8, 0},
-        {"go-to-bootloader refused: again", GOTO_REFUSED, 0, {PASS_0, PASS_0, PASS_0, UPGRADING, PASS_0}, 11, 6},
+        {"go-to-bootloader refused: again", GOTO_REFUSED, 0, {PASS_0, PASS_0, PASS_0, UPGRADING, PASS_0}, 8, 4},
         // Slot 4 matches but the application's GET_INFO answers with an error: not taken as running, so slot 4 is
         // invalidated and the image programmed again rather than trusting a record the firmware cannot confirm.
         {"slot 4 matching, GET_INFO unusable: programmed again", INFO_UNUSABLE, 0, {PASS_0, PASS_0, UPGRADING, PASS_0},
-         8, 3},
-        {"another application: three passes", OTHER, 0, {PASS_0, PASS_0, UPGRADING, PASS_0}, 8, 4},
+         6, 3},
+        {"another application: three passes", OTHER, 0, {PASS_0, PASS_0, UPGRADING, PASS_0}, 6, 3},
     };
     for (const auto &[what, state, force, passes, reads, writes] : cases) {
         SCOPED_TRACE(what);
@@ -441,7 +462,8 @@ TEST_F(qxLoaderOnSim, startUpGoesRoundPassesUntilTheRightApplicationAnswersAndIn
             EXPECT_THAT(simCommands(), ElementsAre("rmmod picdev", "modprobe picdev"));
         }
     }
-    // The last case, another application: slot 4 invalidated before the go-to-bootloader, the image's digest after.
+    // The last case, another application: slot 4 invalidated before the go-to-bootloader and again before the erase,
+    // the image's digest only once programming has succeeded.
     std::vector<bytes> digests;
     for (const report64 &r : wire.sends) {
         if (r[QX_REPORT_CODE] == QX_HID_CMD_SET_FLASH_VAL) {
@@ -450,7 +472,7 @@ TEST_F(qxLoaderOnSim, startUpGoesRoundPassesUntilTheRightApplicationAnswersAndIn
     }
     bytes ours(md5.begin(), md5.begin() + 16), invalidated = ours;
     std::fill_n(invalidated.begin(), 10, 0xFF);
-    EXPECT_THAT(digests, ElementsAre(ours, invalidated, ours, ours));
+    EXPECT_THAT(digests, ElementsAre(invalidated, invalidated, ours));
     // 2 s before the go-to-bootloader and after each module reload, 3 s after the erase, 2 s at the end.
     EXPECT_THAT(simSleeps(), ElementsAre(2000000u, 2000000u, 2000000u, 3000000u, 2000000u, 2000000u, 2000000u));
     const auto go = std::ranges::find_if(simEvents(), [](const simEvent &e) {
@@ -459,6 +481,81 @@ TEST_F(qxLoaderOnSim, startUpGoesRoundPassesUntilTheRightApplicationAnswersAndIn
     ASSERT_TRUE(go != simEvents().begin() && go != simEvents().end());
     EXPECT_EQ(go->atUs - (go - 1)->atUs, 2000000u);
     EXPECT_EQ(log.levelOf(UPGRADING), 0);
+}
+
+// Programming that fails never ends in slot 4's claim or a go-to-application: the bootloader stays, and the pass
+// starts over after 1, 2, 4 ... 60 s (announced in the log, made right after the failed run's 3 s erase wait).
+TEST_F(qxLoaderOnSim, failedProgrammingStaysInTheBootloaderAndProgramsAgainAfterGrowingWaits)
+{
+    const std::tuple<const char *, std::function<void()>, std::vector<uint64_t>> cases[] = { // what, fault, waits (s)
+        {"a USB hiccup: 20 blocks of 377 refused from block 150",
+         [] { simFailIoctl(PIC_HID_PIC32_PROGRAM, EIO, 20, 149); },
+         {1, 2, 4, 8, 16, 32, 60, 60, 60, 60, 60, 60, 60, 60, 60, 60, 60, 60, 60, 60}},
+        {"availability failing once", [] { simFailIoctl(PIC_HID_PIC32_IS_URB_AVAILABLE, EIO, 1, 99); }, {1}},
+        {"power lost mid-programming, the bootloader then starting what is written", [] {
+             simSetBootloaderStartsWrittenApp(true);
+             simPowerLossAfter(100);
+         }, {1}},
+    };
+    for (const auto &[what, fault, waits] : cases) {
+        SCOPED_TRACE(what);
+        TearDown();
+        SetUp();
+        qxUsbCleanUp();
+        loadImage(imageWith(0, 377 * CHUNK));
+        guardClaims();
+        fault();
+        EXPECT_EQ(qxLoaderInit(0), 0);
+        EXPECT_TRUE(installed());
+        std::vector<std::string> announced, expected;
+        std::vector<uint64_t> afterErase, expectedAfterErase;
+        std::ranges::copy_if(log.texts(), std::back_inserter(announced),
+                             [](const std::string &t) { return t.starts_with(RETRYING); });
+        for (const uint64_t s : waits) {
+            expected.push_back(RETRYING + std::to_string(s) + " s");
+            expectedAfterErase.push_back(s * 1000000);
+        }
+        expectedAfterErase.push_back(2000000); // the successful run's end
+        for (size_t i = 1; i < simSleeps().size(); ++i) {
+            if (simSleeps()[i - 1] == 3000000) {
+                afterErase.push_back(simSleeps()[i]);
+            }
+        }
+        EXPECT_EQ(announced, expected);
+        EXPECT_EQ(afterErase, expectedAfterErase);
+    }
+}
+
+// The service killed at each boundary of an upgrade (each slot write, go command, module unload and load, USB
+// reset, the erase, each block, the completion; alone, or with the appliance losing power and its bootloader then
+// starting whatever is written), then started again: the image ends in flash, claimed by slot 4, and running.
+TEST_F(qxLoaderOnSim, startUpKilledAtAnyBoundaryAndStartedAgainEndsWithTheImageInstalled)
+{
+    int boundaries = 0;
+    for (int at = 1; boundaries == 0; ++at) {
+        for (const bool powerLoss : {false, true}) {
+            SCOPED_TRACE(testing::Message() << "killed at boundary " << at << (powerLoss ? ", power lost" : ""));
+            TearDown();
+            SetUp();
+            qxUsbCleanUp();
+            loadImage(imageWith(0, 3 * CHUNK));
+            guardClaims();
+            simSetBootloaderStartsWrittenApp(powerLoss);
+            simStopServiceAfter(at, powerLoss);
+            const int32_t rc = qxLoaderInit(0);
+            if (!simServiceStopped()) {
+                EXPECT_EQ(rc, 0);
+                boundaries = at - 1;
+                break;
+            }
+            EXPECT_EQ(rc, 1) << "the dead service's search gives up";
+            simRestartService();
+            qxUsbCleanUp(); // a fresh process holds nothing open
+            EXPECT_EQ(qxLoaderInit(0), 0);
+            EXPECT_TRUE(installed());
+        }
+    }
+    EXPECT_EQ(boundaries, 16);
 }
 
 } // namespace

@@ -199,6 +199,36 @@ TEST_F(simModelTest, injectedFaultsHitOnlyWhatTheyName)
     EXPECT_EQ(read()[1], 6);
 }
 
+TEST_F(simModelTest, refusalsAfterSomeRequestsAStoppedServiceAndABootloaderStartingWhatIsWritten)
+{
+    simSetMode(simMode::BOOTLOADER);
+    simFailIoctl(PIC_HID_PIC32_PROGRAM, EIO, 2, 1); // the second and third block refused
+    EXPECT_EQ(std::tuple(program(0), program(56), program(56), program(56)), std::tuple(0, EIO, EIO, 0));
+    // Stopped at the next boundary, a slot write: it lands, then nothing of the service's reaches the appliance.
+    read(); // the last block goes out
+    simStopServiceAfter(1, false);
+    ASSERT_EQ(send({QX_HID_CMD_SET_FLASH_VAL, 2, 0, 3, 7}), 0);
+    EXPECT_TRUE(simServiceStopped() && simGetSlot(3).word0 == 7);
+    EXPECT_EQ(send({QX_HID_CMD_GET_INFO, 3}), ENODEV);
+    EXPECT_LT(platformSys.open(QX_USB_DEVICE_PATH, O_RDWR, 0), 0);
+    simModuleUnload();
+    EXPECT_TRUE(simNodePresent());
+    simRestartService();
+    platformSys.close(fd);
+    fd = platformSys.open(QX_USB_DEVICE_PATH, O_RDWR, 0);
+    EXPECT_EQ(send({QX_HID_CMD_GET_INFO, 4}), 0);
+    // Power back: the bootloader starts the application only when asked to and its reset vector is written.
+    for (const auto &[starts, vector, mode] : {std::tuple(false, 0x00, simMode::BOOTLOADER),
+                                              std::tuple(true, 0xFF, simMode::BOOTLOADER),
+                                              std::tuple(true, 0x00, simMode::APPLICATION)}) {
+        simSetBootloaderStartsWrittenApp(starts);
+        std::fill_n(simFlash().begin(), 4, vector);
+        simPowerLossAfter(0);
+        simModuleLoad();
+        EXPECT_EQ(simGetMode(), mode) << starts << vector;
+    }
+}
+
 TEST_F(simModelTest, driverReadsChunkPagesWhenItSendsThemOnNotInTheChunksIoctl)
 {
     std::vector<uint8_t> pages(CHUNK, 0x11);
