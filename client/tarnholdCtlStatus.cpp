@@ -262,6 +262,16 @@ bool __statusSlot(const char *check, uint8_t slot, tarnholdCtlSlot &value)
         __statusAdd(check, statusState::FAILED, why);
         return false;
     }
+    if (record.result == -1) {
+        // The link's own failure: in words, with the lines the journal holds.
+        __statusAdd(check, statusState::FAILED,
+                    "the service cannot reach the microcontroller (slot " + std::to_string(slot) +
+                        " read gave result -1). Look in the journal (journalctl -u tarnhold) for \"qxUsbCmd: device "
+                        "not open\", \"qxUsbInit: Failed to open '" + QX_USB_DEVICE_PATH +
+                        "'\" (the board is off the bus: the service tries the node about once a second and serves "
+                        "again once it is back) or \"ioctl(...) failed\" lines (the board answers with errors)");
+        return false;
+    }
     if (record.result != USB_DAEMON_RESULT_OK) {
         __statusAdd(check, statusState::FAILED, "slot " + std::to_string(slot) + " read gave result " +
                                                     std::to_string(record.result) + " (" +

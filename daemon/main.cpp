@@ -5,6 +5,7 @@
 #include "daemonLib.h"
 #include "daemonNotify.h"
 #include "evmLog.h"
+#include "qxUsb.h"
 #include "scsiCtrl.h"
 #include "sysSeam.h"
 #include "uniqueFd.h"
@@ -511,6 +512,12 @@ void mainLoopPass()
     ssize_t n = read(m.fdDaemon, &m.record, sizeof m.record);
     if (n != static_cast<ssize_t>(sizeof m.record)) {
         return;
+    }
+    // A link closed at run time (the board dropped off the bus, a re-open that
+    // found no node) heals here, between requests, never inside one; only a
+    // request for the microcontroller tries, so host-held ones stay as they are.
+    if (usbMgmtUsesLink(m.record.cmd[QX_REPORT_CODE])) {
+        qxUsbHeal();
     }
     m.record.result = usbMgmtCmd(m.record.cmd, m.record.resp);
     __mainReply();

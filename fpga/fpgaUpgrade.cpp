@@ -12,6 +12,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <sys/mman.h>
+#include <unistd.h>
 
 namespace {
 
@@ -51,7 +53,8 @@ constexpr usbMgmtUploadRules FPGA_UPLOAD = {
 
 struct {
     int32_t upgradeSize = 0;
-    uint8_t data[FPGA_DATA_SIZE] = {};
+    // On a page boundary, so that every page of it can be handed back.
+    alignas(4096) uint8_t data[FPGA_DATA_SIZE] = {};
 } fpgaUpgradePrivateMembers;
 
 auto &fpgaImage = fpgaUpgradePrivateMembers;
@@ -95,6 +98,54 @@ int32_t __fpgaUpgradeSizeOf(size_t size)
     return static_cast<int32_t>(end);
 }
 
+// Hands the buffer's pages back once an upgrade has ended, so that one upgrade
+// does not keep up to 16 MiB resident for the rest of the service's life; they
+// read as zeros until the next load writes them. The driver has taken every
+// chunk by then: each one handed over is followed by another request on the
+// same descriptor (the next capacity query or the clean-up) or by its close.
+// Whole pages inside the buffer only: a page shared with other data stays.
+void __fpgaReleaseData()
+{
+    const auto page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+    const auto begin = reinterpret_cast<uintptr_t>(fpgaImage.data);
+    const uintptr_t first = (begin + page - 1) & ~(page - 1);
+    const uintptr_t last = (begin + sizeof fpgaImage.data) & ~(page - 1);
+    if (last > first) {
+        madvise(reinterpret_cast<void *>(first), last - first, MADV_DONTNEED);
+    }
+}
+
+int32_t __fpgaUpgradeRun(const char *path)
+{
+    int32_t rc = fpgaUpgradeFileInit(path);
+    if (rc != 0) {
+        return rc;
+    }
+    evm_log(0, FPGA_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-_this->upgradeSize: %dk", fpgaImage.upgradeSize / 1024);
+
+    rc = fpgaUpgradeEraseFpga();
+    if (rc != 0) {
+        evm_log(0, FPGA_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-Error erasing FPGA!!!!!");
+        return rc;
+    }
+    evm_log(0, FPGA_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-*****FPGA ERASE DONE*****");
+
+    rc = fpgaProgramConfig();
+    if (rc != 0) {
+        evm_log(0, FPGA_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-Error programming the configurator!!!!!");
+        return rc;
+    }
+    evm_log(0, FPGA_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-*****FPGA PROGRAM DONE*****");
+
+    rc = fpgaUpgradeCleanUp();
+    if (rc != 0) {
+        evm_log(0, FPGA_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-Error GPGA Upgrade Clean Up!!!!!");
+    } else {
+        evm_log(0, FPGA_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-*****FPGA PROGRAM SUCCEFUL!!!!!!!!!!!!*****");
+    }
+    return rc;
+}
+
 } // namespace
 
 int32_t fpgaUpgradeFileInit(const char *path)
@@ -112,7 +163,11 @@ int32_t fpgaUpgradeFileInit(const char *path)
         evm_log(0, FPGA_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-fread error rc: %d", static_cast<int>(got));
         return -1;
     }
-    std::fill(&fpgaImage.data[size], std::end(fpgaImage.data), FPGA_FILL);
+    // 0xFF only as far as anything reads: the size walk looks at blocks that
+    // start inside the file, and the driver at no more than the walk found.
+    // Filling to the buffer's end would make all 16 MiB resident.
+    const size_t readEnd = (static_cast<size_t>(size) + FPGA_BLOCK_SIZE - 1) / FPGA_BLOCK_SIZE * FPGA_BLOCK_SIZE;
+    std::fill(&fpgaImage.data[size], &fpgaImage.data[readEnd], FPGA_FILL);
     fpgaImage.upgradeSize = __fpgaUpgradeSizeOf(static_cast<size_t>(size));
     return 0;
 }
@@ -183,32 +238,8 @@ int32_t fpgaUpgradeStart(const qxUsbBlock &cmd)
                 static_cast<int>(QX_BLOCK_SIZE - FPGA_PATH - 1));
         return -1;
     }
-    int32_t rc = fpgaUpgradeFileInit(path);
-    if (rc != 0) {
-        return rc;
-    }
-    evm_log(0, FPGA_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-_this->upgradeSize: %dk", fpgaImage.upgradeSize / 1024);
-
-    rc = fpgaUpgradeEraseFpga();
-    if (rc != 0) {
-        evm_log(0, FPGA_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-Error erasing FPGA!!!!!");
-        return rc;
-    }
-    evm_log(0, FPGA_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-*****FPGA ERASE DONE*****");
-
-    rc = fpgaProgramConfig();
-    if (rc != 0) {
-        evm_log(0, FPGA_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-Error programming the configurator!!!!!");
-        return rc;
-    }
-    evm_log(0, FPGA_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-*****FPGA PROGRAM DONE*****");
-
-    rc = fpgaUpgradeCleanUp();
-    if (rc != 0) {
-        evm_log(0, FPGA_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-Error GPGA Upgrade Clean Up!!!!!");
-    } else {
-        evm_log(0, FPGA_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-*****FPGA PROGRAM SUCCEFUL!!!!!!!!!!!!*****");
-    }
+    const int32_t rc = __fpgaUpgradeRun(path);
+    __fpgaReleaseData();
     return rc;
 }
 

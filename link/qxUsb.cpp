@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <unistd.h>
 
 namespace {
 
@@ -22,6 +23,9 @@ constexpr int QX_USB_ATTEMPTS = 3;               // first try and two retries wh
 constexpr useconds_t QX_USB_RETRY_SLEEP_US = 100000;
 constexpr uint32_t QX_USB_REOPEN_ERR_CNT = 15;
 constexpr useconds_t QX_USB_MODULE_SLEEP_US = 2000000;
+// A closed link tries a missing node again at most this often, so that a client
+// polling a board that is off the bus does not become an open per request.
+constexpr uint64_t QX_USB_HEAL_INTERVAL_MS = 1000;
 constexpr uint32_t QX_USB_PIC_USB_ID = (uint32_t{QX_USB_PRODUCT_ID} << 16) | QX_USB_VENDOR_ID;
 static_assert(QX_USB_PIC_USB_ID == 0x003C04D8);
 
@@ -57,6 +61,10 @@ struct {
     uint8_t seqNum = 1;
     char devPath[QX_USB_DEV_PATH_SIZE] = {};
     uint32_t errCnt = 0;
+    // The request boundary's own tries to open a closed link (qxUsbHeal).
+    bool healTried = false;
+    bool healSawNode = false; // the node was there at the last open, the link's own re-opens included
+    uint64_t healLastMs = 0;
 } qxUsbPrivateMembers;
 
 auto &usbLink = qxUsbPrivateMembers;
@@ -95,11 +103,21 @@ void __qxUsbCloseNode()
     daemonNotifySetLinkClosed(true);
 }
 
-// A counted failure: the caller has logged it; re-open after EBADF or too many.
+// Errors after which no call on this descriptor can succeed again: a closed
+// descriptor, a USB device that has gone (what a USB driver gives once its
+// board dropped off the bus) and a character device served from user space
+// whose server has gone (what the kernel gives for a CUSE node then).
+bool __qxUsbDescriptorDead(int err)
+{
+    return err == EBADF || err == ENODEV || err == ENOTCONN;
+}
+
+// A counted failure: the caller has logged it; re-open at once after a dead
+// descriptor, and after too many failures in a row otherwise.
 void __qxUsbCountFailure(int err, const char *operation)
 {
     ++usbLink.errCnt;
-    if (err == EBADF || usbLink.errCnt >= QX_USB_REOPEN_ERR_CNT) {
+    if (__qxUsbDescriptorDead(err) || usbLink.errCnt >= QX_USB_REOPEN_ERR_CNT) {
         evm_log(1, QX_USB_LOG_SOURCE, __LINE__, "%s: re-opening device file (errCnt=%d)", operation,
                 static_cast<int>(usbLink.errCnt));
         __qxUsbCloseNode();
@@ -139,10 +157,12 @@ int32_t qxUsbInit()
     if (fd < 0) {
         const int err = errno;
         evm_log(6, QX_USB_LOG_SOURCE, __LINE__, "qxUsbInit: Failed to open '%s' - '%s'", path, std::strerror(err));
+        usbLink.healSawNode = err != ENOENT;
         daemonNotifySetLinkClosed(true);
         return 1;
     }
     usbLink.fd = fd;
+    usbLink.healSawNode = true;
     daemonNotifySetLinkClosed(false);
     static_assert(sizeof QX_USB_DEVICE_PATH_TEXT <= sizeof usbLink.devPath);
     std::memcpy(usbLink.devPath, QX_USB_DEVICE_PATH_TEXT.data(), sizeof QX_USB_DEVICE_PATH_TEXT);
@@ -281,6 +301,27 @@ void resetUsb()
     }
     platformSys.system("modprobe picdev");
     platformSysSleep(QX_USB_MODULE_SLEEP_US);
+}
+
+int32_t qxUsbHeal()
+{
+    if (usbLink.fd >= 0) {
+        return 0;
+    }
+    // Service time is the wall clock the loop already reads; one set back
+    // makes the next try due at once rather than a long way off.
+    const uint64_t now = platformSys.msSince1970();
+    const bool due = !usbLink.healTried || now < usbLink.healLastMs ||
+                     now - usbLink.healLastMs >= QX_USB_HEAL_INTERVAL_MS;
+    // Looking costs no open and no log line: a node that came back since
+    // the last try is opened by the very next request.
+    const bool present = platformSys.access(QX_USB_DEVICE_PATH, F_OK) == 0;
+    if (!due && !(present && !usbLink.healSawNode)) {
+        return -1;
+    }
+    usbLink.healTried = true;
+    usbLink.healLastMs = now;
+    return qxUsbInit() == 0 ? 0 : -1;
 }
 
 qxUsbState qxUsbGetState()

@@ -168,6 +168,10 @@ int32_t qxUsbGetReport(uint8_t *report);
 int32_t qxUsbRawIoctCmd(picHidIoctlArg *block);
 uint8_t qxUsbGetNextSeqNumber();
 void resetUsb();
+// Called at the request boundary: a closed link tries to open the node again
+// (qxUsbInit), at once when the node has appeared since the last try, else at
+// most once a second of service time. 0 when the link is open afterwards.
+int32_t qxUsbHeal();
 
 // Read-only view of the link state, for diagnostics and tests.
 struct qxUsbState {

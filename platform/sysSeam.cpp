@@ -33,6 +33,7 @@ uint64_t __sysMonotonicUs()
 
 const platformSysOps PLATFORM_SYS_LIBC = {
     .open = __sysOpen,
+    .access = ::access,
     .close = ::close,
     .ioctl = __sysIoctl,
     .read = ::read,

@@ -13,6 +13,8 @@
 
 struct platformSysOps {
     int (*open)(const char *path, int flags, mode_t mode);
+    // Whether the device node is there at all, without opening it.
+    int (*access)(const char *path, int mode);
     int (*close)(int fd);
     int (*ioctl)(int fd, unsigned long request, void *arg);
     ssize_t (*read)(int fd, void *buf, size_t len);

@@ -55,6 +55,23 @@ int32_t usbMgmtCmd(qxUsbBlock &cmd, qxUsbBlock &resp)
     return networkUsbFuncTable[code](cmd, resp);
 }
 
+bool usbMgmtUsesLink(uint8_t code)
+{
+    if (code >= USB_MGMT_TABLE_SIZE) {
+        return false;
+    }
+    const usbMgmtHandler handler = networkUsbFuncTable[code];
+    for (usbMgmtHandler hostHeld :
+         {netUsbFuncUnknown, netUsbFuncSetXmlDaemonDetect, netUsbFuncGetXmlDaemonDetect, netUsbFuncForceDriveBayShutDown,
+          netUsbFuncResumeDrvBayOperation, netUsbFuncGetForceShutDownInd, netUsbFuncGetOptionBayFanSpeed,
+          netUsbFuncSetOptionBayFanSpeed}) {
+        if (handler == hostHeld) {
+            return false;
+        }
+    }
+    return true;
+}
+
 int32_t netUsbFuncUnknown(qxUsbBlock &, qxUsbBlock &)
 {
     evm_log(0, USB_MGMT_LOG_SOURCE, __LINE__, "QX_TRACE_USB-ERROR: UNKNOWN USB FUNCTION!");

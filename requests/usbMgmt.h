@@ -17,6 +17,9 @@ constexpr size_t USB_MGMT_BAY_COUNT = 23;
 
 // Dispatches one request by cmd[0]; codes above 63 give 8 untouched.
 int32_t usbMgmtCmd(qxUsbBlock &cmd, qxUsbBlock &resp);
+// Whether a request of this code reaches the microcontroller; those answered
+// in the service (drive-bay tables, fans, unknown codes) never need the link.
+bool usbMgmtUsesLink(uint8_t code);
 
 // Device management start-up: settles the firmware file, loads it and brings
 // the microcontroller to it. 0 with the link open for the request loop.

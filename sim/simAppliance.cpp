@@ -108,6 +108,24 @@ void __simLosePower()
     __simStaleHandles();
 }
 
+void __simOffBusTick()
+{
+    if (!model.offBus || model.nowUs() < model.offBusUntilUs) {
+        return;
+    }
+    model.offBus = false;
+    // A power-on: nothing of the old run survives but flash and the slots.
+    model.powerLost = false;
+    model.pendingSwitch = false;
+    model.programRunOpen = false;
+    model.queue.clear();
+    model.lastReport.fill(0);
+    model.panel = simPanel{};
+    model.mode = __simFlashBlank() ? simMode::BOOTLOADER : simMode::APPLICATION;
+    model.nodePresent = true;
+    __simRecord(simEventKind::BACK_ON_BUS, static_cast<uint8_t>(model.mode));
+}
+
 void __simBoundaryDone()
 {
     if (model.stopServiceSteps <= 0 || --model.stopServiceSteps > 0) {
@@ -168,6 +186,8 @@ void simReset()
     model.pendingMode = simMode::APPLICATION;
     model.nodePresent = true;
     model.powerLost = false;
+    model.offBus = false;
+    model.offBusUntilUs = 0;
     model.generation = 0;
     model.nextHandle = 0;
     model.implicitHandle = -1;
@@ -229,7 +249,24 @@ void simSetNodePresent(bool present)
 
 bool simNodePresent()
 {
+    __simOffBusTick();
     return model.nodePresent;
+}
+
+void simDropOffBus(uint64_t forUs)
+{
+    __simRecord(simEventKind::OFF_BUS, 0, 0, 0, 0, static_cast<uint32_t>(forUs));
+    model.offBus = true;
+    model.offBusUntilUs = model.nowUs() + forUs;
+    model.nodePresent = false;
+    model.queue.clear();
+    __simStaleHandles();
+}
+
+bool simOffBus()
+{
+    __simOffBusTick();
+    return model.offBus;
 }
 
 void simSetPlatformText(const std::string &text)

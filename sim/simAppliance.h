@@ -142,6 +142,14 @@ void simStopServiceAfter(int steps, bool powerLoss);
 void simRestartService();
 bool simServiceStopped();
 
+// The board drops off the bus for `forUs` of the model's clock (a watchdog
+// bite, a brown-out): descriptors opened before fail with ENODEV for good, the
+// node and the USB device go at once and come back when the time is up, the
+// microcontroller restarted as after a power-on (in its application; in its
+// bootloader when flash is blank) with what it held in RAM cleared.
+void simDropOffBus(uint64_t forUs);
+bool simOffBus();
+
 // ---- Observation -----------------------------------------------------------
 
 enum class simEventKind : uint8_t {
@@ -168,6 +176,8 @@ enum class simEventKind : uint8_t {
     PAGES_UNREADABLE, // ... and could not read it: the caller's memory changed or went away
     CPLD_RUN_DONE, // the CPLD run completed: slot 9's state word became 0
     SERVICE_STOPPED, // the service was stopped at an upgrade boundary
+    OFF_BUS,       // the board dropped off the bus (len = how long, in µs)
+    BACK_ON_BUS,   // ... and came back (code = the simMode it started in)
 };
 
 struct simEvent {

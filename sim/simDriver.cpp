@@ -182,6 +182,7 @@ int __simFail(uint32_t request, int err)
 
 int simDriverOpenHandle()
 {
+    __simOffBusTick();
     if (!model.nodePresent || model.serviceStopped) {
         __simRecord(simEventKind::OPEN_FAILED, 0, 0, 0, 0, ENOENT);
         return -ENOENT;
@@ -207,6 +208,7 @@ void simDriverCloseHandle(int handle)
 
 int simDriverIoctlHandle(int handle, uint32_t request, void *arg, const simMemReader &mem)
 {
+    __simOffBusTick();
     const simHandle *h = __simFindHandle(handle);
     if (h == nullptr) {
         return __simFail(request, EBADF);
@@ -306,7 +308,9 @@ void simModuleLoad()
         __simSwitchMode(model.bootloaderStartsWrittenApp && vector ? simMode::APPLICATION : simMode::BOOTLOADER);
     }
     __simApplyPendingSwitch();
-    model.nodePresent = true;
+    // A board off the bus has no device for the driver to bind to.
+    __simOffBusTick();
+    model.nodePresent = !model.offBus;
     __simBoundaryDone();
 }
 

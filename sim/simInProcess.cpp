@@ -79,6 +79,18 @@ int __simInProcessHandleOf(int fd)
     return __simInProcessIsSimFd(fd) ? inProcess.handles[static_cast<size_t>(fd - SIM_FD_BASE)] : -1;
 }
 
+int __simInProcessAccess(const char *path, int mode)
+{
+    if (std::strcmp(path, QX_USB_DEVICE_PATH) != 0) {
+        return PLATFORM_SYS_LIBC.access(path, mode);
+    }
+    if (!simNodePresent()) {
+        errno = ENOENT;
+        return -1;
+    }
+    return 0;
+}
+
 int __simInProcessOpen(const char *path, int flags, mode_t mode)
 {
     if (std::strcmp(path, SIM_I2C_BUS_PATH) == 0) {
@@ -290,6 +302,7 @@ void __simInProcessBuildBus()
 
 constexpr platformSysOps SIM_IN_PROCESS_OPS = {
     .open = __simInProcessOpen,
+    .access = __simInProcessAccess,
     .close = __simInProcessClose,
     .ioctl = __simInProcessIoctl,
     .read = __simInProcessRead,

@@ -68,6 +68,8 @@ struct simApplianceMembers {
     simMode pendingMode = simMode::APPLICATION;
     bool nodePresent = true;
     bool powerLost = false;  // the next module load brings the bootloader back
+    bool offBus = false;     // the board dropped off the bus until offBusUntilUs
+    uint64_t offBusUntilUs = 0;
     uint32_t generation = 0; // bumped whenever open handles go stale
     int nextHandle = 0;
     int implicitHandle = -1;
@@ -137,6 +139,9 @@ void __simRecord(simEventKind kind, uint8_t code = 0, uint8_t seq = 0, uint32_t 
 // Open handles stop working: the device or its driver went away.
 void __simStaleHandles();
 void __simSwitchMode(simMode mode);
+// A board off the bus comes back once its time is up; every entry point that
+// sees the node asks first.
+void __simOffBusTick();
 void __simApplyPendingSwitch();
 void __simLosePower();
 // One upgrade boundary passed: a slot write, a go command, a module unload or

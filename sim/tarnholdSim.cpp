@@ -260,6 +260,8 @@ gboolean __tarnholdSimSweepTimer(gpointer)
 {
     std::lock_guard<std::mutex> lock(tarnholdSimModelLock());
     tarnholdSimBedSweep();
+    // A board off the bus comes back on the clock, with nobody asking.
+    tarnholdSimBedSync();
     return G_SOURCE_CONTINUE;
 }
 

@@ -351,7 +351,7 @@ void tarnholdSimBedSync()
         return;
     }
     __tarnholdSimSetFile(bed.hidPath, simNodePresent(), bed.hidFile, nullptr, 0);
-    __tarnholdSimSetFile(bed.usbPath, !tarnholdSimControlUnplugged(), bed.usbFile, TARNHOLD_SIM_USB_DESCRIPTORS.data(),
+    __tarnholdSimSetFile(bed.usbPath, !tarnholdSimControlUnplugged() && !simOffBus(), bed.usbFile, TARNHOLD_SIM_USB_DESCRIPTORS.data(),
                          TARNHOLD_SIM_USB_DESCRIPTORS.size());
 }
 

@@ -40,13 +40,13 @@ struct {
 
 auto &control = tarnholdSimControlPrivateMembers;
 
-constexpr std::array<const char *, 23> TARNHOLD_SIM_EVENT_NAMES = {
+constexpr std::array<const char *, 25> TARNHOLD_SIM_EVENT_NAMES = {
     "OPEN",     "OPEN_FAILED",      "CLOSE",           "SEND",      "GET_REPORT", "DRIVER",       "PROGRAM",
     "PROGRAM_DROPPED", "COMPLETE", "ERASE", "GOTO_APPLICATION", "GOTO_BOOTLOADER", "USB_RESET", "RMMOD",
     "MODPROBE", "FILE_TRANSFER",    "IOCTL_FAILED",    "POWER_LOST", "MODE_SWITCH", "PAGES_READ",
-    "PAGES_UNREADABLE", "CPLD_RUN_DONE", "SERVICE_STOPPED",
+    "PAGES_UNREADABLE", "CPLD_RUN_DONE", "SERVICE_STOPPED", "OFF_BUS", "BACK_ON_BUS",
 };
-static_assert(static_cast<size_t>(simEventKind::SERVICE_STOPPED) + 1 == TARNHOLD_SIM_EVENT_NAMES.size());
+static_assert(static_cast<size_t>(simEventKind::BACK_ON_BUS) + 1 == TARNHOLD_SIM_EVENT_NAMES.size());
 
 struct tarnholdSimNamedValue {
     const char *name;
@@ -212,6 +212,10 @@ bool __tarnholdSimFault(const std::vector<std::string> &f, std::string &error)
     if ((name == "power-loss" || name == "host-power-loss") && args == 1 && __tarnholdSimNumber(f[1], a)) {
         simPowerLossAfter(static_cast<int>(a));
         control.hostPowerLoss = name == "host-power-loss";
+        return true;
+    }
+    if (name == "off-bus" && args == 1 && __tarnholdSimNumber(f[1], a) && a >= 0) {
+        simDropOffBus(static_cast<uint64_t>(a));
         return true;
     }
     for (const tarnholdSimPart &part : __tarnholdSimParts()) {
@@ -584,5 +588,9 @@ const char *tarnholdSimControlUsage()
            "                                   bootloader steps; the next module load brings it\n"
            "                                   back in its bootloader\n"
            "  host-power-loss:STEPS            the same for the whole appliance: the child is\n"
-           "                                   killed at that moment (exit status 137)\n";
+           "                                   killed at that moment (exit status 137)\n"
+           "  off-bus:MICROSECONDS             the board drops off the bus now, for that long: open\n"
+           "                                   descriptors fail with ENODEV for good, the node and\n"
+           "                                   the USB device go and come back, the application\n"
+           "                                   restarted\n";
 }

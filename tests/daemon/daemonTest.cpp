@@ -8,6 +8,7 @@
 #include "main.h"
 #include "qxFile.h"
 #include "qxLoader.h"
+#include "simFixture.h"
 #include "sysSeam.h"
 #include "uniqueFd.h"
 
@@ -328,6 +329,84 @@ TEST_F(notifyTest, keepAlivesAreNeverFurtherApartThanHalfTheWatchdogIntervalDuri
 constexpr const char *PID_FILE = "/var/run/tarnhold.pid";
 constexpr const char *APP_HEX = "/tmp/app.hex";
 constexpr const char *APP_INPUT_LINE = "platform input: /tmp/app.hex";
+
+// The loop on the in-process appliance: a client polling every 5 ms while the board drops off the bus.
+class mainLoopOnSim : public simLinkTest {
+protected:
+    void SetUp() override
+    {
+        simLinkTest::SetUp();
+        int fds[2];
+        ASSERT_EQ(pipe2(fds, O_NONBLOCK | O_CLOEXEC), 0);
+        requestRead_.reset(fds[0]);
+        requestWrite_.reset(fds[1]);
+        mainLoopSetRequestFd(requestRead_.get());
+        ASSERT_NE(mkdtemp(dir_.data()), nullptr);
+        ASSERT_EQ(mkfifo((dir_ + "/reply").c_str(), 0600), 0);
+        replyRead_.reset(open((dir_ + "/reply").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    }
+    void TearDown() override
+    {
+        simLinkTest::TearDown();
+        fs::remove_all(dir_);
+    }
+    int32_t poll(uint8_t code)
+    {
+        simAdvanceUs(5'000);
+        usbDaemonRequest r = {};
+        memcpy(r.clientFifo, (dir_ + "/reply").c_str(), dir_.size() + 7);
+        r.cmd[0] = code;
+        EXPECT_EQ(write(requestWrite_.get(), &r, sizeof r), ssize_t(sizeof r));
+        mainLoopPass();
+        EXPECT_EQ(read(replyRead_.get(), &r, sizeof r), ssize_t(sizeof r));
+        return r.result;
+    }
+    std::vector<int32_t> polls(int count)
+    {
+        std::vector<int32_t> results;
+        std::generate_n(std::back_inserter(results), count, [&] { return poll(QX_HID_CMD_GET_ALL_DRV_STATUS); });
+        return results;
+    }
+    uniqueFd requestRead_, requestWrite_, replyRead_;
+    std::string dir_ = "/tmp/mainLoopOnSim.XXXXXX";
+};
+
+TEST_F(mainLoopOnSim, aShortAbsenceIsServedAgainAtTheLatestByTheSecondRequestAfterTheReturn)
+{
+    // Nothing asked while away: the first request finds the old descriptor dead and re-opens, the next is served.
+    simDropOffBus(1'000'000);
+    simAdvanceUs(1'000'000);
+    EXPECT_EQ(polls(2), (std::vector<int32_t>{-1, 0}));
+    // Three requests while away: the node, once back, opens before the next one.
+    simDropOffBus(1'000'000);
+    forget();
+    EXPECT_EQ(polls(3), (std::vector<int32_t>{-1, -1, -1}));
+    simAdvanceUs(1'000'000);
+    EXPECT_EQ(polls(2), (std::vector<int32_t>{0, 0}));
+    const std::string noNode = "6 qxUsbInit: Failed to open '/dev/corvanta_hid_backdoor' - 'No such file or directory'";
+    const std::string failed = "0 QX_TRACE_USB-*** usb cmd (19) failed ***(-1)";
+    EXPECT_THAT(log.leveled(), ElementsAre("6 qxUsbCmd: ioctl(1079527424) failed - 'No such device'",
+                                           "1 qxUsbCmd: re-opening device file (errCnt=1)", noNode, failed, noNode,
+                                           "4 qxUsbCmd: device not open", failed, "4 qxUsbCmd: device not open",
+                                           failed,
+                                           "1 qxUsbInit: Open '/dev/corvanta_hid_backdoor' success; fd=" +
+                                               std::to_string(qxUsbGetState().fd)));
+}
+
+TEST_F(mainLoopOnSim, aLongAbsenceTriesTheNodeAboutOnceASecondAndHostHeldRequestsStayAnswered)
+{
+    simDropOffBus(10'000'000);
+    std::vector<int32_t> relayed, hostHeld;
+    for (int i = 0; i < 1000; ++i) { // 10 s
+        relayed.push_back(poll(QX_HID_CMD_GET_ALL_DRV_STATUS));
+        hostHeld.push_back(poll(QX_HID_CMD_GET_FORCE_SHUT_DOWN_IND));
+    }
+    EXPECT_EQ(relayed, std::vector<int32_t>(1000, -1));
+    EXPECT_EQ(hostHeld, std::vector<int32_t>(1000, 0));
+    // The re-open after ENODEV, then one try in each second.
+    EXPECT_EQ(std::ranges::count(simKinds(), simEventKind::OPEN_FAILED), 11);
+    EXPECT_EQ(polls(2), (std::vector<int32_t>{0, 0}));
+}
 
 class daemonProcessTest : public ::testing::Test {
 protected:

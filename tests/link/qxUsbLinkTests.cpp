@@ -53,7 +53,7 @@ TEST_F(qxUsbLinkTest, busyDriverGetsThreeAttempts100msApartWithoutCounting)
     EXPECT_TRUE(allAre(in, 0xA5));
 }
 
-TEST_F(qxUsbLinkTest, fifteenthCountedFailureOrAnyEbadfReopensTheNode)
+TEST_F(qxUsbLinkTest, fifteenthCountedFailureOrADeadDescriptorReopensTheNode)
 {
     report64 r{QX_HID_CMD_SET_LEDS, 0x42}, in{};
     // Sends and reads count together; fourteen leave the node open.
@@ -71,6 +71,17 @@ TEST_F(qxUsbLinkTest, fifteenthCountedFailureOrAnyEbadfReopensTheNode)
                                        "1 qxUsbInit: Open '/dev/corvanta_hid_backdoor' success; fd=" +
                                            std::to_string(qxUsbGetState().fd)));
     EXPECT_THAT(simKinds(), ElementsAre(simEventKind::IOCTL_FAILED, simEventKind::CLOSE, simEventKind::OPEN));
+
+    // A descriptor whose device has gone (ENODEV; ENOTCONN from a node served from user space) re-opens at once.
+    for (int err : {ENODEV, ENOTCONN}) {
+        simFailIoctl(PIC_HID_SEND_REPORT, EIO, 1);
+        EXPECT_EQ(qxUsbCmd(r.data()), -1);
+        simFailIoctl(PIC_HID_GET_REPORT, err, 1);
+        forget();
+        EXPECT_EQ(qxUsbGetReport(in.data()), -1);
+        EXPECT_EQ(log.leveled().at(1), "1 qxUsbGetReport: re-opening device file (errCnt=2)") << err;
+        EXPECT_THAT(simKinds(), ElementsAre(simEventKind::IOCTL_FAILED, simEventKind::CLOSE, simEventKind::OPEN));
+    }
 
     // Clean-up closes once and keeps the count (started again from 0 at the re-open); EBADF re-opens at once,
     // whatever the count.

@@ -69,4 +69,24 @@ TEST(tarnholdSystemUpgrade, powerLostWhileProgrammingIsRepairedByTheNextStartEve
     EXPECT_TRUE(stateHoldsTheImage());
 }
 
+// The board drops off the bus: the relay fails and the re-open finds no node; tarnholdctl status says so in
+// words; once the node is back (the testbed's node removed and made again) the next request is served.
+TEST(tarnholdSystemLink, aBoardOffTheBusIsReportedInWordsAndServedAgainByTheFirstRequestOnceBack)
+{
+    ASSERT_TRUE(systemPrepare());
+    daemonHarness daemon;
+    ASSERT_TRUE(systemServe(daemon, {"--faketime", SYSTEM_FAST}));
+    EXPECT_EQ(systemRequest(daemon, 9).result, 0);
+    ASSERT_TRUE(systemControl("fault off-bus:600000000"));
+    EXPECT_EQ(systemRequest(daemon, 9).result, -1);
+    const auto [status, out] = daemonHarnessCtl({"status"});
+    EXPECT_EQ(status, 1);
+    EXPECT_THAT(out, ::testing::HasSubstr("platform:   FAILED: the service cannot reach the microcontroller (slot 10 "
+                                          "read gave result -1)")) << out;
+    ASSERT_TRUE(systemControl("fault off-bus:0")); // dropped again and back at once
+    EXPECT_EQ(systemRequest(daemon, 9).result, 0);
+    EXPECT_EQ(daemon.exitStatus(SIGTERM, SYSTEM_STARTUP_MS), 0);
+    EXPECT_THAT(daemon.logTexts("qxUsb"), Contains("qxUsbCmd: re-opening device file (errCnt=1)"));
+}
+
 } // namespace
