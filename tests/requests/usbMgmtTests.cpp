@@ -275,17 +275,45 @@ TEST_F(usbMgmtTest, slowRelaysWait2sThenReadUpTo21Or30TimesMore)
     EXPECT_THAT(log.leveled("usbMgmt"), ElementsAre("0 QX_TRACE_USB-***usb cmd failed***"));
 }
 
-// What the driver reads from the buffer is pinned by the system test of the start-up pattern.
-TEST_F(usbMgmtTest, fileTransferCapsTheLengthAt8MiBAndHandsTheTestBufferByAddress)
+// A failed read does not end the wait, but the last read's failure is its result.
+TEST_F(usbMgmtTest, reportWaitsOfTheSlowRelaysAndTheCpldKeepEachReadsResult)
 {
-    const std::pair<uint32_t, uint32_t> lengths[] = {{0x900000, 0x800000}, {0x800000, 0x800000}, {4096, 4096}};
+    static int failRead, reads;
+    static int (*model)(int, unsigned long, void *) = nullptr;
+    model = platformSys.ioctl;
+    platformSys.ioctl = [](int fd, unsigned long request, void *arg) {
+        if (request == PIC_HID_GET_REPORT && ++reads == failRead) {
+            errno = EIO;
+            return -1;
+        }
+        return model(fd, request, arg);
+    };
+    for (auto [code, most] : {std::pair<uint8_t, int>{QX_HID_CMD_SHUTDOWN, 22}, {QX_HID_CMD_TRAY_TEST, 31},
+                              {QX_HID_CMD_CPLD_INFO, 7}}) {
+        reads = 0, failRead = 1;
+        EXPECT_EQ(request(code), 0) << int(code) << ": the first read failed, the second answered";
+        EXPECT_EQ(reads, 2);
+        simSetReplyFault(simReplyFault::WRONG_SEQ, 1);
+        reads = 0, failRead = most;
+        EXPECT_EQ(request(code), -1) << int(code) << ": the last read failed";
+        EXPECT_EQ(reads, most);
+    }
+}
+
+// What the driver reads from the buffer is pinned by the system test of the start-up pattern.
+TEST_F(usbMgmtTest, fileTransferCapsTheUnsignedLengthAt8MiBAndHandsTheTestBufferByAddress)
+{
+    const std::pair<uint32_t, uint32_t> lengths[] = {
+        {0x900000, 0x800000}, {0xFFFFFFFF, 0x800000}, {0x80000000, 0x800000}, {0x800000, 0x800000}, {4096, 4096}};
     for (auto [asked, len] : lengths) {
         cmd = cmdFor(QX_HID_CMD_FILE_TRANSFER_TEST, "");
         lePut32(&cmd[3], asked);
         resp.fill(0xEE);
+        const auto seq = static_cast<uint8_t>(qxUsbGetState().seqNum + 1);
         EXPECT_EQ(usbMgmtCmd(cmd, resp), 0);
         EXPECT_TRUE(allAre(resp, 0xEE));
         const report64 sentReport = reports(PIC_HID_FILE_TRANSFER_TEST, QX_HID_CMD_FILE_TRANSFER_TEST).back();
+        EXPECT_EQ(sentReport[QX_REPORT_SEQ], seq) << "a fresh number";
         EXPECT_EQ(leGet32(&sentReport[3]), len);
         EXPECT_EQ(leGet64(&sentReport[7]), reinterpret_cast<uintptr_t>(__testingTmmmmpBuf));
         EXPECT_TRUE(simLastFileTransfer().readOk && simLastFileTransfer().len == len);
