@@ -181,22 +181,7 @@ TEST_F(cpldUpgradeTest, recordWriteWaits1sThenUpTo3Times10msAndCarriesSizeAndCrc
     EXPECT_EQ(lines().back(), "QX_TRACE_FILE-***CRC ERROR*** expected_crc: 0x1234, actual_crc: 0x0000");
 }
 
-TEST_F(cpldUpgradeTest, infoWaits2sThenDoublesFrom200msUpToSixMoreReads)
-{
-    qxUsbBlock infoCmd{};
-    infoCmd[QX_REPORT_CODE] = QX_HID_CMD_CPLD_INFO;
-    for (auto [fault, rc] : {std::pair{simReplyFault::WRONG_SEQ, 0}, std::pair{simReplyFault::WRONG_CODE_SEQ, 1}}) {
-        simSetReplyFault(fault, 1);
-        forget();
-        EXPECT_EQ(usbMgmtCmd(infoCmd, resp), rc);
-        EXPECT_THAT(simSleeps(), ElementsAre(2 * S, 200 * MS, 400 * MS, 800 * MS, 1600 * MS, 3200 * MS, 6400 * MS));
-    }
-    simFailIoctl(PIC_HID_SEND_REPORT, EIO, 1);
-    forget();
-    EXPECT_EQ(upgradeFrom(QX_HID_CMD_CPLD_INFO, ""), -1);
-    EXPECT_THAT(lines(), ElementsAre("QX_TRACE_USB-***usb cmd failed***"));
-}
-
+// The info request's report wait is pinned with the slow relays' by the device management tests.
 TEST_F(cpldUpgradeTest, eachFailingStepEndsWithItsLineAndFromTheReadBackOnClearsTheRecord)
 {
     const std::string path = write(jbc(1500));
