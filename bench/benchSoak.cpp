@@ -43,7 +43,7 @@
 #include <vector>
 
 #ifdef __SANITIZE_ADDRESS__
-#include <sanitizer/allocator_interface.h>
+extern "C" size_t __sanitizer_get_current_allocated_bytes(); // the sanitizer's runtime; its header is not installed
 #endif
 
 namespace {
@@ -290,7 +290,7 @@ int32_t __soakPic32Upgrade()
     simClearSleeps();
     simClearCommands();
     int32_t len = 0;
-    uint8_t md5[16];
+    uint8_t md5[QX_FILE_DIGEST_SIZE];
     qxFileGetMd5AndLen(&len, md5);
     if (rc == 0 && !std::equal(qxFileGetData(), qxFileGetData() + len, simFlash().begin())) {
         __soakFail("microcontroller flash differs from the firmware file");
@@ -458,7 +458,7 @@ void __soakSetUp()
         __soakFail("set-up");
     }
     int32_t len = 0;
-    uint8_t md5[16];
+    uint8_t md5[QX_FILE_DIGEST_SIZE];
     qxFileGetMd5AndLen(&len, md5);
     soak.otherApp.assign(qxFileGetData(), qxFileGetData() + len);
     simInstallApplication({qxFileGetData(), static_cast<size_t>(len)}, static_cast<uint32_t>(len));
