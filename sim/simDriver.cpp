@@ -149,9 +149,12 @@ int __simDriverAck(uint32_t request, picHidIoctlArg *arg)
     }
     const uint8_t seq = arg->report[QX_REPORT_SEQ];
     if (ack) {
+        // A faulty answer looks like room in all but the one byte.
+        const bool ownSeq = !pic32 && __simUpgradeFaultHits(simUpgradeFault::CAPACITY_OWN_SEQ);
+        const bool busy = !pic32 && !ownSeq && __simUpgradeFaultHits(simUpgradeFault::CAPACITY_STATUS_BUSY);
         arg->report[QX_REPORT_CODE] = pic32 ? PIC_HID_ACK_PIC32 : PIC_HID_ACK_URB;
-        arg->report[QX_REPORT_SEQ] = static_cast<uint8_t>(seq ^ PIC_HID_ACK_SEQ_XOR);
-        arg->report[QX_REPORT_STATUS] = 0;
+        arg->report[QX_REPORT_SEQ] = ownSeq ? seq : static_cast<uint8_t>(seq ^ PIC_HID_ACK_SEQ_XOR);
+        arg->report[QX_REPORT_STATUS] = busy ? 1 : 0;
     } else {
         // Not ready: the block keeps its code and number, with a busy status.
         arg->report[QX_REPORT_STATUS] = 1;

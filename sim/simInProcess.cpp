@@ -365,6 +365,11 @@ void simClearSleeps()
     inProcess.sleeps.clear();
 }
 
+void simClearCommands()
+{
+    inProcess.commands.clear();
+}
+
 const std::vector<std::string> &simCommands()
 {
     return inProcess.commands;

@@ -20,6 +20,8 @@ void simClearSleeps();
 
 // Every shell command the code under test ran, in order.
 const std::vector<std::string> &simCommands();
+// Empties it, keeping its room, so a long run stays flat.
+void simClearCommands();
 
 // The wall clock the seam reports at virtual time 0, in ms since 1970.
 constexpr uint64_t SIM_WALL_CLOCK_START_MS = 1700000000000ull;

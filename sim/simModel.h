@@ -57,7 +57,7 @@ struct simPendingRead {
     simMemReader mem;
 };
 
-constexpr size_t SIM_UPGRADE_FAULT_COUNT = static_cast<size_t>(simUpgradeFault::TRANSFER_UNREADABLE) + 1;
+constexpr size_t SIM_UPGRADE_FAULT_COUNT = static_cast<size_t>(simUpgradeFault::LAST) + 1;
 
 // The clock events are stamped with until a front end sets its own.
 uint64_t __simSteadyNowUs();

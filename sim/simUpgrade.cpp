@@ -26,7 +26,8 @@ constexpr size_t SIM_CHUNK_FIRST_PAGE = 7;
 constexpr size_t SIM_CHUNK_COUNT = 11;
 constexpr uint32_t SIM_CHUNK_MAX_PAGES = 30;
 
-constexpr size_t SIM_RECORD_CRC = 6; // in the CPLD info report, after the size at 4
+constexpr size_t SIM_RECORD_SIZE = 4; // in the CPLD info report
+constexpr size_t SIM_RECORD_CRC = 6;
 constexpr uint32_t SIM_CPLD_STATE_RUN = 0;
 
 std::span<uint8_t> __simFpga()
@@ -44,11 +45,12 @@ void __simFpgaErase()
     model.fpgaWrittenEnd = 0;
 }
 
-void __simStatusReport(const picHidIoctlArg *arg, uint32_t state)
+void __simStatusReport(const picHidIoctlArg *arg, uint32_t state, uint8_t status = 0)
 {
     simReport reply{};
     reply[QX_REPORT_CODE] = SIM_STATUS_CODE;
     reply[QX_REPORT_SEQ] = arg->report[QX_REPORT_SEQ];
+    reply[QX_REPORT_STATUS] = status;
     lePut32(&reply[SIM_STATUS_STATE], state);
     __simQueueReply(reply);
 }
@@ -98,8 +100,10 @@ void __simUpgradeFirmware(uint32_t request, const picHidIoctlArg *arg)
     }
     case PIC_HID_PROGRAM_CLEAN_UP:
         ++u.fpgaCleanUps;
-        __simStatusReport(arg, __simUpgradeFaultHits(simUpgradeFault::CLEANUP_STATE_2) ? SIM_CLEAN_UP_FAILED
-                                                                                        : SIM_CLEAN_UP_DONE);
+        __simStatusReport(arg,
+                          __simUpgradeFaultHits(simUpgradeFault::CLEANUP_STATE_2) ? SIM_CLEAN_UP_FAILED
+                                                                                   : SIM_CLEAN_UP_DONE,
+                          __simUpgradeFaultHits(simUpgradeFault::CLEANUP_STATUS_1) ? 1 : 0);
         break;
     case PIC_HID_CPLD_UPGRADE_SETUP:
         u.cpldSetUp = true;
@@ -200,6 +204,9 @@ bool __simUpgradeCpldInfo(const uint8_t *req, simReport &reply)
     }
     if (__simUpgradeFaultHits(simUpgradeFault::READBACK_OTHER_CRC)) {
         lePut16(&reply[SIM_RECORD_CRC], static_cast<uint16_t>(leGet16(&reply[SIM_RECORD_CRC]) ^ 0xFFFF));
+    }
+    if (__simUpgradeFaultHits(simUpgradeFault::READBACK_OTHER_SIZE)) {
+        lePut16(&reply[SIM_RECORD_SIZE], static_cast<uint16_t>(leGet16(&reply[SIM_RECORD_SIZE]) ^ 0x0100));
     }
     return true;
 }

@@ -55,6 +55,11 @@ enum class simUpgradeFault : uint8_t {
     READBACK_OTHER_CRC,       // CPLD info reports another CRC than stored
     RUN_NEVER_COMPLETES,      // the state word stays 0xFFFFFFFF after a run
     TRANSFER_UNREADABLE,      // the driver cannot read the file-transfer buffer
+    CLEANUP_STATUS_1,         // clean-up report with state 3 but byte 2 = 1
+    CAPACITY_OWN_SEQ,         // capacity answer with room but byte 1 = s, not s XOR 0x57
+    CAPACITY_STATUS_BUSY,     // capacity answer with code and number of room but byte 2 = 1
+    READBACK_OTHER_SIZE,      // CPLD info reports another size than stored
+    LAST = READBACK_OTHER_SIZE,
 };
 // Armed for the next `count` occasions (-1: for good); NONE clears all.
 void simSetUpgradeFault(simUpgradeFault fault, int count);

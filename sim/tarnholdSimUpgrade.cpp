@@ -26,7 +26,7 @@ struct tarnholdSimUpgradeFaultName {
     simUpgradeFault fault;
 };
 
-constexpr std::array<tarnholdSimUpgradeFaultName, 7> TARNHOLD_SIM_UPGRADE_FAULTS = {{
+constexpr std::array<tarnholdSimUpgradeFaultName, 11> TARNHOLD_SIM_UPGRADE_FAULTS = {{
     {"erase-never-confirmed", simUpgradeFault::ERASE_NEVER_CONFIRMED},
     {"capacity-never-free", simUpgradeFault::CAPACITY_NEVER_FREE},
     {"clean-up-state-2", simUpgradeFault::CLEANUP_STATE_2},
@@ -34,6 +34,10 @@ constexpr std::array<tarnholdSimUpgradeFaultName, 7> TARNHOLD_SIM_UPGRADE_FAULTS
     {"read-back-other-crc", simUpgradeFault::READBACK_OTHER_CRC},
     {"run-never-completes", simUpgradeFault::RUN_NEVER_COMPLETES},
     {"transfer-unreadable", simUpgradeFault::TRANSFER_UNREADABLE},
+    {"clean-up-status-1", simUpgradeFault::CLEANUP_STATUS_1},
+    {"capacity-own-seq", simUpgradeFault::CAPACITY_OWN_SEQ},
+    {"capacity-status-busy", simUpgradeFault::CAPACITY_STATUS_BUSY},
+    {"read-back-other-size", simUpgradeFault::READBACK_OTHER_SIZE},
 }};
 
 struct tarnholdSimUpgradeTiming {
@@ -237,6 +241,10 @@ const char *tarnholdSimUpgradeUsage()
            "  read-back-other-crc[:COUNT]      the CPLD info report shows another CRC\n"
            "  run-never-completes[:COUNT]      the state word stays 0xFFFFFFFF after a run\n"
            "  transfer-unreadable[:COUNT]      the driver cannot read the file-transfer buffer\n"
+           "  clean-up-status-1[:COUNT]        the clean-up report carries state 3 with byte 2 = 1\n"
+           "  capacity-own-seq[:COUNT]         room answered with the query's own number in byte 1\n"
+           "  capacity-status-busy[:COUNT]     room answered with byte 2 = 1\n"
+           "  read-back-other-size[:COUNT]     the CPLD info report shows another size\n"
            "  upgrade-none                     clears the faults above\n"
            "  fpga-erase-time:MICROSECONDS     the erase is confirmed this long after it starts (50 s)\n"
            "  cpld-run-time:MICROSECONDS       the run completes this long after it starts (10 s)\n"

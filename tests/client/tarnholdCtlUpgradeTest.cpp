@@ -55,9 +55,11 @@ TEST(tarnholdCtlUpgrade, filesAreMadeAbsoluteAndCheckedAsTheServiceChecksThemBef
     ASSERT_EQ(mkfifo("fifo.jbc", 0600), 0);
     EXPECT_FALSE(check(CPLD, "fifo.jbc")) << "never blocks on a FIFO";
     EXPECT_EQ(error, dir + "/fifo.jbc: not a regular file");
-    const std::string longName(65 - dir.size(), 'n'); // 66 characters with the slash
-    EXPECT_FALSE(check(FPGA, longName));
-    EXPECT_NE(error.find("the request carries at most 65"), std::string::npos) << error;
+    const std::string longest(64 - dir.size(), 'n'); // 65 characters with the slash: the most the request holds
+    std::filesystem::copy_file("fpga.bin", longest);
+    EXPECT_TRUE(check(FPGA, longest) && absolute.size() == 65) << error;
+    EXPECT_FALSE(check(FPGA, longest + "n"));
+    EXPECT_EQ(error, dir + "/" + longest + "n: path of 66 characters; the request carries at most 65");
     std::filesystem::current_path(oldCwd);
     std::filesystem::remove_all(dir);
 }

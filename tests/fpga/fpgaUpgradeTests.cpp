@@ -113,6 +113,12 @@ TEST_F(fpgaUpgradeTest, upgradeSendsThirtyPageChunksAfterTheFixedWaitsAndHandsTh
 // Waits that run out and sends that fail end the upgrade with the lines of the step.
 TEST_F(fpgaUpgradeTest, eachWaitIsBoundedAndEachFailingStepLogsItsLines)
 {
+    // Room only with code 39, the query's number XOR 0x57 and byte 2 = 0; confirmed only with byte 2 = 0 too.
+    const std::vector<uint64_t> pollSleeps = repeat<uint64_t>({55 * S, 20 * MS}, {50 * MS}, 600);
+    const std::vector<std::string> gaveUp = {
+        ERASE_DONE, "QX_TRACE_FILE-PIC_HID_IS_URB_AVAILABLE: driver still busy after 600 polls, giving up",
+        PROGRAM_FAILED};
+    const std::vector<uint64_t> cleanUpSleeps = repeat<uint64_t>({55 * S, 20 * MS}, {2 * S, 20 * MS}, 3);
     const struct {
         simUpgradeFault fault;
         uint32_t failing; // the one driver request that fails; 0: none
@@ -121,13 +127,14 @@ TEST_F(fpgaUpgradeTest, eachWaitIsBoundedAndEachFailingStepLogsItsLines)
     } cases[] = {
         {simUpgradeFault::ERASE_NEVER_CONFIRMED, 0, repeat<uint64_t>({55 * S}, {20 * MS, 1 * S}, 80),
          repeat<std::string>({}, {"QX_TRACE_FILE-PIC_HID_ERASE_FPGA rc: 0"}, 80, {ERASE_FAILED})},
-        {simUpgradeFault::CAPACITY_NEVER_FREE, 0, repeat<uint64_t>({55 * S, 20 * MS}, {50 * MS}, 600),
-         {ERASE_DONE, "QX_TRACE_FILE-PIC_HID_IS_URB_AVAILABLE: driver still busy after 600 polls, giving up",
-          PROGRAM_FAILED}},
-        {simUpgradeFault::CLEANUP_STATE_2, 0, repeat<uint64_t>({55 * S, 20 * MS}, {2 * S, 20 * MS}, 3),
-         {ERASE_DONE, PROGRAM_DONE, CLEAN_UP_FAILED}},
+        {simUpgradeFault::CAPACITY_NEVER_FREE, 0, pollSleeps, gaveUp},
+        {simUpgradeFault::CAPACITY_OWN_SEQ, 0, pollSleeps, gaveUp},
+        {simUpgradeFault::CAPACITY_STATUS_BUSY, 0, pollSleeps, gaveUp},
+        {simUpgradeFault::CLEANUP_STATE_2, 0, cleanUpSleeps, {ERASE_DONE, PROGRAM_DONE, CLEAN_UP_FAILED}},
+        {simUpgradeFault::CLEANUP_STATUS_1, 0, cleanUpSleeps, {ERASE_DONE, PROGRAM_DONE, CLEAN_UP_FAILED}},
         {simUpgradeFault::NONE, PIC_HID_FPGA_UPGRADE_SETUP, {},
          {"QX_TRACE_FILE-PIC_HID_FPGA_UPGRADE_SETUP rc: -1", ERASE_FAILED}},
+        {simUpgradeFault::NONE, PIC_HID_ERASE_FPGA, {}, {"QX_TRACE_FILE-PIC_HID_ERASE_FPGA rc: -1", ERASE_FAILED}},
         {simUpgradeFault::NONE, PIC_HID_ERASE_FPGA_STATUS, {},
          {"QX_TRACE_FILE-PIC_HID_ERASE_FPGA rc: -1", ERASE_FAILED}},
         {simUpgradeFault::NONE, PIC_HID_IS_URB_AVAILABLE, {},
@@ -149,7 +156,7 @@ TEST_F(fpgaUpgradeTest, eachWaitIsBoundedAndEachFailingStepLogsItsLines)
         if (!c.sleeps.empty()) {
             EXPECT_EQ(simSleeps(), c.sleeps) << c.lines.back();
         }
-        if (c.fault == simUpgradeFault::CAPACITY_NEVER_FREE) {
+        if (c.lines == gaveUp) {
             EXPECT_THAT(reports(PIC_HID_PROGRAM_FPGA), IsEmpty()) << "no chunk without room";
         }
     }

@@ -110,11 +110,6 @@ protected:
         resp.fill(0xEE);
         return usbMgmtCmd(cmd, resp);
     }
-    int indicator(uint8_t bay)
-    {
-        EXPECT_EQ(request(QX_HID_CMD_GET_FORCE_SHUT_DOWN_IND, bay), 0);
-        return resp[4];
-    }
     qxUsbBlock cmd{};
 };
 
@@ -192,100 +187,119 @@ TEST_F(usbMgmtTest, codesWithoutHandlerGive8AndLeaveTheRecordAsItWas)
     EXPECT_THAT(simEvents(), IsEmpty());
 }
 
-TEST_F(usbMgmtTest, forceShutDownIndicatorIsKeptForValidBaysOnly)
+// The drive-bay tables are answered in the service, for bays 0-9 and 15-22 only (refused: -1 and status 0xFF
+// behind the header, the table as it was); each request draws a sequence number though nothing is sent or logged.
+TEST_F(usbMgmtTest, hostHeldTablesKeepValidBaysApartAndDrawASequenceNumberWithoutSendingAnything)
 {
+    uint8_t seq = qxUsbGetState().seqNum;
+    auto held = [&](uint8_t code, uint8_t bay = 0) {
+        const int32_t rc = request(code, bay);
+        EXPECT_EQ(cmd[QX_REPORT_SEQ], ++seq) << int(code) << " bay " << int(bay);
+        return rc;
+    };
     for (uint8_t bay : {3, 0, 9, 15, 22}) {
-        SCOPED_TRACE(bay);
-        EXPECT_EQ(request(QX_HID_CMD_FORCE_DRIVE_BAY_SHUT_DOWN, bay), 0);
-        EXPECT_EQ(resp, (qxUsbBlock{QX_HID_CMD_FORCE_DRIVE_BAY_SHUT_DOWN, cmd[QX_REPORT_SEQ]})); // status 0, no payload
-        EXPECT_EQ(request(QX_HID_CMD_GET_FORCE_SHUT_DOWN_IND, bay), 0);
-        EXPECT_EQ(resp, (qxUsbBlock{QX_HID_CMD_GET_FORCE_SHUT_DOWN_IND, cmd[QX_REPORT_SEQ], 0, bay, 1}));
-        EXPECT_EQ(request(QX_HID_CMD_RESUME_DRIVE_BAY_OPERATION, bay), 0);
-        EXPECT_EQ(resp, (qxUsbBlock{QX_HID_CMD_RESUME_DRIVE_BAY_OPERATION, cmd[QX_REPORT_SEQ]}));
-        EXPECT_EQ(indicator(bay), 0);
+        EXPECT_EQ(held(QX_HID_CMD_FORCE_DRIVE_BAY_SHUT_DOWN, bay), 0);
+        EXPECT_EQ(resp, (qxUsbBlock{QX_HID_CMD_FORCE_DRIVE_BAY_SHUT_DOWN, seq})); // status 0, no payload
+        EXPECT_EQ(held(QX_HID_CMD_GET_FORCE_SHUT_DOWN_IND, bay), 0);
+        EXPECT_EQ(resp, (qxUsbBlock{QX_HID_CMD_GET_FORCE_SHUT_DOWN_IND, seq, 0, bay, 1}));
+        EXPECT_EQ(held(QX_HID_CMD_RESUME_DRIVE_BAY_OPERATION, bay), 0);
+        EXPECT_EQ(resp, (qxUsbBlock{QX_HID_CMD_RESUME_DRIVE_BAY_OPERATION, seq}));
     }
-    // Refused: -1 and status 0xFF behind the header; the table stays as it was.
-    EXPECT_EQ(request(QX_HID_CMD_FORCE_DRIVE_BAY_SHUT_DOWN, 5), 0);
+    EXPECT_EQ(held(QX_HID_CMD_FORCE_DRIVE_BAY_SHUT_DOWN, 5), 0);
     for (uint8_t bay : {10, 12, 14, 23, 255}) {
         for (uint8_t code : {QX_HID_CMD_FORCE_DRIVE_BAY_SHUT_DOWN, QX_HID_CMD_RESUME_DRIVE_BAY_OPERATION,
                              QX_HID_CMD_GET_FORCE_SHUT_DOWN_IND}) {
-            EXPECT_EQ(request(code, bay), -1) << int(code) << " bay " << int(bay);
-            EXPECT_EQ(resp, (qxUsbBlock{code, cmd[QX_REPORT_SEQ], 0xFF})) << int(code) << " bay " << int(bay);
+            EXPECT_EQ(held(code, bay), -1);
+            EXPECT_EQ(resp, (qxUsbBlock{code, seq, 0xFF})) << int(code) << " bay " << int(bay);
         }
     }
-    EXPECT_EQ(indicator(5), 1);
-    EXPECT_EQ(indicator(9), 0);
-}
-
-TEST_F(usbMgmtTest, daemonDetectBytesAreKeptForTheValidBaysOnly)
-{
+    for (auto [bay, on] : {std::pair{5, 1}, {9, 0}}) {
+        EXPECT_EQ(held(QX_HID_CMD_GET_FORCE_SHUT_DOWN_IND, static_cast<uint8_t>(bay)), 0);
+        EXPECT_EQ(resp[4], on) << bay;
+    }
+    cmd.fill(0);
     cmd[QX_REPORT_CODE] = QX_HID_CMD_SET_XML_DAEMON_DETECT;
     std::iota(cmd.begin() + 3, cmd.begin() + 27, uint8_t{0x40}); // byte 26 is past the last bay
     EXPECT_EQ(usbMgmtCmd(cmd, resp), 0);
-    EXPECT_TRUE(allAre(std::span(resp).subspan(QX_REPORT_STATUS), 0));
-    EXPECT_EQ(indicator(3), 0); // the two tables are apart, both ways
-    EXPECT_EQ(request(QX_HID_CMD_RESUME_DRIVE_BAY_OPERATION, 3), 0);
-    EXPECT_EQ(request(QX_HID_CMD_GET_XML_DAEMON_DETECT), 0);
+    EXPECT_EQ(cmd[QX_REPORT_SEQ], ++seq);
+    EXPECT_EQ(held(QX_HID_CMD_GET_FORCE_SHUT_DOWN_IND, 3), 0);
+    EXPECT_EQ(resp[4], 0); // the two tables are apart, both ways
+    EXPECT_EQ(held(QX_HID_CMD_RESUME_DRIVE_BAY_OPERATION, 3), 0);
+    EXPECT_EQ(held(QX_HID_CMD_GET_XML_DAEMON_DETECT), 0);
     EXPECT_EQ(resp[QX_REPORT_STATUS], 0);
     for (size_t i = 3; i < QX_BLOCK_SIZE; ++i) {
         const bool bay = i <= 12 || (i >= 18 && i <= 25);
         EXPECT_EQ(resp[i], bay ? static_cast<uint8_t>(0x40 + i - 3) : 0) << "byte " << i;
     }
-}
-
-TEST_F(usbMgmtTest, hostHeldAnswersUseUpASequenceNumberAlthoughNothingIsSent)
-{
-    uint8_t seq = qxUsbGetState().seqNum;
-    for (uint8_t code : {QX_HID_CMD_SET_XML_DAEMON_DETECT, QX_HID_CMD_GET_XML_DAEMON_DETECT,
-                         QX_HID_CMD_FORCE_DRIVE_BAY_SHUT_DOWN, QX_HID_CMD_RESUME_DRIVE_BAY_OPERATION,
-                         QX_HID_CMD_GET_FORCE_SHUT_DOWN_IND}) {
-        EXPECT_EQ(request(code, 7), 0) << int(code);
-        EXPECT_EQ(cmd[QX_REPORT_SEQ], ++seq);
-        EXPECT_EQ(resp[QX_REPORT_SEQ], seq);
-    }
-    EXPECT_EQ(request(QX_HID_CMD_GET_FORCE_SHUT_DOWN_IND, 12), -1);
-    EXPECT_EQ(cmd[QX_REPORT_SEQ], ++seq); // a refused bay draws one too
     EXPECT_THAT(simEvents(), IsEmpty());
-    EXPECT_THAT(log.texts(), IsEmpty()); // nor does a refused bay log anything
+    EXPECT_THAT(log.texts(), IsEmpty());
     EXPECT_EQ(request(QX_HID_CMD_GET_STEALTH), 0);
     EXPECT_EQ(simEvents()[0].seq, ++seq); // the next relayed request carries the number after them
 }
 
-TEST_F(usbMgmtTest, slowRelaysWait2sThenReadUpTo21Or30TimesMore)
+// The slow relays and the CPLD info wait 2 s, then read again while the number differs: shutdown 21 more times
+// 500 ms apart, tray test 30 times 200 ms apart, CPLD info 6 times after 200 ms doubling. Another number under the
+// same code answers; a failed read does not end the wait, but the last read's failure is its result.
+TEST_F(usbMgmtTest, reportWaitsOfTheSlowRelaysAndTheCpldInfoReadAgainAndKeepEachReadsResult)
 {
-    // code, reply fault, reply delay, result, further reads, the pause before each
-    const std::tuple<uint8_t, simReplyFault, uint64_t, int32_t, size_t, uint64_t> cases[] = {
-        {QX_HID_CMD_SHUTDOWN, simReplyFault::NONE, 3 * S, 0, 2, 500 * MS},
-        {QX_HID_CMD_SHUTDOWN, simReplyFault::WRONG_SEQ, 0, 0, 21, 500 * MS},
-        {QX_HID_CMD_SHUTDOWN, simReplyFault::WRONG_CODE_SEQ, 0, 1, 21, 500 * MS},
-        {QX_HID_CMD_TRAY_TEST, simReplyFault::WRONG_CODE_SEQ, 0, 1, 30, 200 * MS},
+    static int failRead, reads;
+    static int (*model)(int, unsigned long, void *) = nullptr;
+    model = platformSys.ioctl;
+    platformSys.ioctl = [](int fd, unsigned long request, void *arg) {
+        if (request == PIC_HID_GET_REPORT && ++reads == failRead) {
+            errno = EIO;
+            return -1;
+        }
+        return model(fd, request, arg);
     };
-    for (const auto &[code, fault, delayUs, rc, furtherReads, pauseUs] : cases) {
-        SCOPED_TRACE(testing::Message() << int(code) << " " << int(fault));
-        simSetReplyFault(fault, 1);
-        simSetReplyDelayUs(code, delayUs);
+    const std::tuple<uint8_t, size_t, uint64_t, bool, const char *> waits[] = {
+        {QX_HID_CMD_SHUTDOWN, 21, 500 * MS, false, "usbMgmt"},
+        {QX_HID_CMD_TRAY_TEST, 30, 200 * MS, false, "usbMgmt"},
+        {QX_HID_CMD_CPLD_INFO, 6, 200 * MS, true, "cpldUpgrade"}};
+    for (const auto &[code, most, pause, doubling, source] : waits) {
+        // the reply's fault, the read that fails (0: none), the result, further reads
+        const std::tuple<simReplyFault, size_t, int32_t, size_t> cases[] = {
+            {simReplyFault::WRONG_SEQ, 0, 0, most}, {simReplyFault::WRONG_CODE_SEQ, 0, 1, most},
+            {simReplyFault::NONE, 1, 0, 1}, {simReplyFault::WRONG_SEQ, most + 1, -1, most}};
+        for (const auto &[fault, failing, rc, further] : cases) {
+            SCOPED_TRACE(testing::Message() << int(code) << " " << int(fault) << " " << failing);
+            simSetReplyFault(fault, 1);
+            reads = 0, failRead = static_cast<int>(failing);
+            forget();
+            EXPECT_EQ(request(code), rc);
+            std::vector<uint64_t> sleeps = {2 * S};
+            for (size_t i = 0; i < further; ++i) {
+                sleeps.push_back(doubling ? pause << i : pause);
+            }
+            EXPECT_EQ(simSleeps(), sleeps);
+            EXPECT_THAT(log.textsFrom(source), IsEmpty());
+        }
+        simFailIoctl(PIC_HID_SEND_REPORT, EIO, 1);
         forget();
-        EXPECT_EQ(request(code), rc);
-        EXPECT_EQ(simSleeps(), repeat({2 * S}, {pauseUs}, furtherReads));
-        EXPECT_THAT(log.leveled("usbMgmt"), IsEmpty());
+        EXPECT_EQ(request(code), -1);
+        EXPECT_TRUE(allAre(resp, 0xEE));
+        EXPECT_THAT(log.textsFrom(source), ElementsAre("QX_TRACE_USB-***usb cmd failed***"));
     }
-    simFailIoctl(PIC_HID_SEND_REPORT, EIO, 1);
-    EXPECT_EQ(request(QX_HID_CMD_SHUTDOWN), -1);
-    EXPECT_TRUE(allAre(resp, 0xEE));
-    EXPECT_THAT(log.leveled("usbMgmt"), ElementsAre("0 QX_TRACE_USB-***usb cmd failed***"));
+    simSetReplyDelayUs(QX_HID_CMD_SHUTDOWN, 3 * S); // answered by the third read
+    forget();
+    EXPECT_EQ(request(QX_HID_CMD_SHUTDOWN), 0);
+    EXPECT_THAT(simSleeps(), ElementsAre(2 * S, 500 * MS, 500 * MS));
 }
 
 // What the driver reads from the buffer is pinned by the system test of the start-up pattern.
-TEST_F(usbMgmtTest, fileTransferCapsTheLengthAt8MiBAndHandsTheTestBufferByAddress)
+TEST_F(usbMgmtTest, fileTransferCapsTheUnsignedLengthAt8MiBAndHandsTheTestBufferByAddress)
 {
-    const std::pair<uint32_t, uint32_t> lengths[] = {{0x900000, 0x800000}, {0x800000, 0x800000}, {4096, 4096}};
+    const std::pair<uint32_t, uint32_t> lengths[] = {
+        {0x900000, 0x800000}, {0xFFFFFFFF, 0x800000}, {0x80000000, 0x800000}, {0x800000, 0x800000}, {4096, 4096}};
     for (auto [asked, len] : lengths) {
         cmd = cmdFor(QX_HID_CMD_FILE_TRANSFER_TEST, "");
         lePut32(&cmd[3], asked);
         resp.fill(0xEE);
+        const auto seq = static_cast<uint8_t>(qxUsbGetState().seqNum + 1);
         EXPECT_EQ(usbMgmtCmd(cmd, resp), 0);
         EXPECT_TRUE(allAre(resp, 0xEE));
         const report64 sentReport = reports(PIC_HID_FILE_TRANSFER_TEST, QX_HID_CMD_FILE_TRANSFER_TEST).back();
+        EXPECT_EQ(sentReport[QX_REPORT_SEQ], seq) << "a fresh number";
         EXPECT_EQ(leGet32(&sentReport[3]), len);
         EXPECT_EQ(leGet64(&sentReport[7]), reinterpret_cast<uintptr_t>(__testingTmmmmpBuf));
         EXPECT_TRUE(simLastFileTransfer().readOk && simLastFileTransfer().len == len);

@@ -26,10 +26,17 @@ TEST(tarnholdSystemFans, fanGetAndSetReadAndChangeTheSimulatedRegisters)
     ASSERT_TRUE(systemControl("fan-set control 0x20") && systemControl("fan-set level 4"));
     EXPECT_EQ(daemonHarnessCtl({"fan"}),
               std::pair(0, std::string("result: 0 (ok)\nmode: fixed level\nlevel: 4 (duty cycle 48.67 %)\n")));
+    auto statusFanMode = [] {
+        const std::string text = daemonHarnessCtl({"status"}).second;
+        const size_t at = text.find("fan mode:");
+        return at == std::string::npos ? text : text.substr(at, text.find('\n', at) - at);
+    };
+    EXPECT_EQ(statusFanMode(), "fan mode:   OK: fixed level 4 (duty cycle 48.67 %)");
     EXPECT_EQ(daemonHarnessCtl({"fan", "set", "13"}).first, 0);
     EXPECT_EQ(systemControlOutput("fan"), "control=0x20 level=13\n");
     EXPECT_EQ(daemonHarnessCtl({"fan", "set", "auto"}).first, 0);
     EXPECT_EQ(systemControlOutput("fan"), "control=0x21 level=13\n");
+    EXPECT_EQ(statusFanMode(), "fan mode:   OK: automatic");
     const auto [status, json] = daemonHarnessCtl({"--json", "fan"});
     EXPECT_EQ(status, 0);
     EXPECT_NE(json.find("\"decoded\":{\"status\":0,\"mode\":\"automatic\",\"level\":13,\"dutyCycle\":90.67}"),
