@@ -11,4 +11,6 @@ apt-get install -y --no-install-recommends \
   srecord binutils faketime \
   clang libclang-rt-14-dev \
   util-linux procps \
-  systemd groff-base man-db dpkg-dev file python3
+  systemd groff-base man-db dpkg-dev file python3 \
+  qemu-system-x86 linux-image-amd64 linux-headers-amd64 busybox-static cpio i2c-tools \
+  libfuse3-dev fuse3
