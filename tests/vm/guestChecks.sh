@@ -2,7 +2,7 @@
 # Inside the guest (started by systemd once the system is up, see vmTest.sh):
 # installs the packages and runs the checks in CHECKS, in order, each once.
 # Every check is a function that prints what it saw and returns non-zero on
-# failure; `check` records "PASS name: text" or "FAIL name: text" in
+# failure; `check` records "PASS name (seconds) text" or "FAIL ..." in
 # checks.txt on the results share, followed by "DONE" at the end.
 # To add a check: write a function and put its name in CHECKS where the
 # state it needs exists (the service runs from `installed` to `stopped`).
@@ -27,16 +27,19 @@ UNIT=tarnhold.service
 
 CHECKS="setup installed startupUpgrade renumberedNode homeUpgrades fans journalOnce crashRestart exposure stopped
  purged"
+only=$(sed -n 's/.*tarnhold\.vmchecks=\([^ ]*\).*/\1/p' /proc/cmdline)
+[ "$only" = all ] || CHECKS=${only//,/ }
 
 check() { # NAME: runs the function NAME and records its result
-    local name=$1 text rc
+    local name=$1 text rc t0=$(uptimeS)
     text=$("$name" 2>&1)
     rc=$?
     text=$(echo "$text" | tr '\n' ' ' | sed 's/  */ /g; s/ $//')
+    text="($(echo "$t0 $(uptimeS)" | awk '{printf "%.1f", $2 - $1}') s) $text"
     if [ "$rc" = 0 ]; then
-        echo "PASS $name: $text" | tee -a "$out" >/dev/console
+        echo "PASS $name $text" | tee -a "$out" >/dev/console
     else
-        echo "FAIL $name: $text" | tee -a "$out" >/dev/console
+        echo "FAIL $name $text" | tee -a "$out" >/dev/console
     fi
 }
 
@@ -77,7 +80,7 @@ PY
 
 # The simulated appliance and its buses, before anything of tarnhold is installed.
 setup() {
-    figure "boot: kernel start to checks $(uptimeS) s ($(systemd-analyze time 2>&1 | head -n1))"
+    figure "boot: kernel start to checks $(uptimeS) s"
     # man-db's trigger would rebuild its index over the share for minutes.
     rm -f /var/lib/man-db/auto-update
     echo "install picdev /sbin/insmod $work/kmod/picdev.ko" >/etc/modprobe.d/tarnhold-vm.conf

@@ -8,7 +8,8 @@
 # its Debian package).
 # Usage: vmTest.sh SOURCE_DIR BUILD_DIR
 # Environment: VM_TIMEOUT (seconds for the whole boot, default 600),
-# VM_KEEP=1 keeps BUILD_DIR/vm (console log, results) for a look afterwards.
+# VM_KEEP=1 keeps BUILD_DIR/vm (console log, results) for a look afterwards,
+# VM_CHECKS="setup installed ..." runs only these checks (while writing one).
 set -euo pipefail
 src=$(cd "$1" && pwd)
 build=$(cd "$2" && pwd)
@@ -66,7 +67,7 @@ ko=$(bash "$src/sim/kmod/build-picdev.sh" "$work/kmod" "$kver" 2>"$work/kmod.log
 srec_cat -generate 0x1D010000 0x1D011000 -repeat-string "tarnhold guest application " \
     -o "$work/briska-pic-client.hex" -intel -address-length=4 -output-block-size=16
 
-# A tiny initramfs: 9p and overlay modules, then the machine's root read-only
+# A tiny initramfs (the share read through a cache: nothing on it changes while the guest runs): 9p and overlay modules, then the machine's root read-only
 # under a tmpfs overlay, and systemd.
 initmods="virtio_ring virtio virtio_pci_legacy_dev virtio_pci_modern_dev virtio_pci 9pnet netfs fscache 9p 9pnet_virtio overlay"
 for m in $initmods; do
@@ -84,7 +85,7 @@ mkdir -p /sys /dev /host /upper /root
 mount -t sysfs sysfs /sys
 mount -t devtmpfs devtmpfs /dev
 for m in $initmods; do insmod /lib/\$m.ko || echo "vm-init: insmod \$m failed"; done
-mount -t 9p -o trans=virtio,version=9p2000.L,ro,msize=262144 host /host || { echo "vm-init: no 9p share"; poweroff -f; }
+mount -t 9p -o trans=virtio,version=9p2000.L,ro,msize=262144,cache=loose host /host || { echo "vm-init: no 9p share"; poweroff -f; }
 mount -t tmpfs -o mode=0755 tmpfs /upper
 mkdir -p /upper/upper /upper/work
 mount -t overlay -o lowerdir=/host,upperdir=/upper/upper,workdir=/upper/work overlay /root
@@ -112,7 +113,7 @@ done
 cmdline="console=ttyS0 quiet loglevel=3 panic=-1 modprobe.blacklist=i2c_piix4 systemd.show_status=false
  systemd.unit=kernel-command-line.service systemd.run=$src/tests/vm/guestChecks.sh
  systemd.run_success_action=poweroff systemd.run_failure_action=poweroff
- tarnhold.vm=$work$masks"
+ tarnhold.vm=$work tarnhold.vmchecks=$(echo ${VM_CHECKS:-all} | tr ' ' ,)$masks"
 cmdline=$(echo $cmdline)
 
 qemu_args=(-smp 2 -m 2048 -nographic -no-reboot -nodefaults -serial stdio
