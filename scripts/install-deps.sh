@@ -8,9 +8,9 @@ apt-get install -y --no-install-recommends \
   libgtest-dev libgmock-dev libbenchmark-dev \
   libssl-dev libusb-dev libudev-dev \
   libumockdev-dev umockdev libglib2.0-dev \
+  libfuse3-dev fuse3 \
   srecord binutils faketime \
   clang libclang-rt-14-dev \
   util-linux procps \
   systemd groff-base man-db dpkg-dev file python3 \
-  qemu-system-x86 linux-image-amd64 linux-headers-amd64 busybox-static cpio i2c-tools \
-  libfuse3-dev fuse3
+  qemu-system-x86 linux-image-amd64 linux-headers-amd64 busybox-static cpio i2c-tools

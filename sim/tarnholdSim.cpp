@@ -14,7 +14,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <getopt.h>
 #include <glob.h>
 #include <link.h>
@@ -38,15 +37,8 @@ constexpr std::array<int, 8> TARNHOLD_SIM_FORWARDED_SIGNALS = {SIGTERM, SIGINT, 
                                                                SIGSEGV, SIGABRT, SIGUSR1, SIGUSR2};
 
 struct tarnholdSimOptions {
-    std::string stateFile;
-    std::string platform;
-    std::string mode;
-    std::string flashImage;
-    std::string logFile;
-    std::string control;
+    tarnholdSimModelOptions model;
     std::string faketime;
-    bool noNode = false;
-    std::vector<std::string> faults;
     std::vector<std::string> command;
 };
 
@@ -72,21 +64,7 @@ void __tarnholdSimUsage(FILE *out)
                  "ended it); SIGTERM, SIGINT, SIGHUP, SIGQUIT, SIGSEGV, SIGABRT, SIGUSR1 and\n"
                  "SIGUSR2 sent to tarnhold-sim go to the command. Status %d: set-up failed.\n"
                  "\n"
-                 "  --state FILE        load the model state from FILE when it exists (a power-on:\n"
-                 "                      a microcontroller that lost power comes back in its\n"
-                 "                      bootloader) and save it there at the end\n"
-                 "  --platform TEXT     platform text in slot 10 (default HW=BRISKA)\n"
-                 "  --mode MODE         app, boot or dead: what the microcontroller runs\n"
-                 "  --flash-image FILE  put this application into flash and record it in slot 4\n"
-                 "                      (length rounded up to 64 bytes and MD5, as the service\n"
-                 "                      stores them): an Intel HEX file (first character ':')\n"
-                 "                      whose records inside 0x1D010000-0x1D062FFF are placed,\n"
-                 "                      or a raw binary image placed from 0x1D010000\n"
-                 "  --no-node           no microcontroller attached: neither the node nor the\n"
-                 "                      USB device exists, and modprobe does not bring them\n"
-                 "  --fault FAULT       arm a fault (repeatable; list below)\n"
-                 "  --log FILE          write the model's event list to FILE at the end\n"
-                 "  --control PATH      also listen for control commands on the UNIX socket PATH\n"
+                 "%s"
                  "  --faketime VALUE    run the command under libfaketime with FAKETIME=VALUE,\n"
                  "                      e.g. \"+0 x50\"; the model's clock follows the rate\n"
                  "%s"
@@ -94,7 +72,8 @@ void __tarnholdSimUsage(FILE *out)
                  "\n%s%s"
                  "Control commands of the fan controller's I2C bus and the PCI bus:\n%s"
                  "Their faults (FAULT for --fault and 'fault'):\n%s",
-                 TARNHOLD_SIM_NODE_NAME, TARNHOLD_SIM_EXIT_USAGE, tarnholdSimHostBusOptionUsage(),
+                 TARNHOLD_SIM_NODE_NAME, TARNHOLD_SIM_EXIT_USAGE, tarnholdSimModelOptionUsage(),
+                 tarnholdSimHostBusOptionUsage(),
                  tarnholdSimControlUsage(), tarnholdSimUpgradeUsage(), tarnholdSimHostBusCommandUsage(),
                  tarnholdSimHostBusFaultUsage());
 }
@@ -108,33 +87,21 @@ uint64_t __tarnholdSimNowUs()
 
 bool __tarnholdSimParse(int argc, char **argv, tarnholdSimOptions &o)
 {
-    enum { STATE = 1, PLATFORM, MODE, FLASH, NO_NODE, FAULT, LOG, CONTROL, FAKETIME, HELP, SCSI_CTRL };
-    static const option longOptions[] = {
-        {"state", required_argument, nullptr, STATE},
-        {"platform", required_argument, nullptr, PLATFORM},
-        {"mode", required_argument, nullptr, MODE},
-        {"flash-image", required_argument, nullptr, FLASH},
-        {"no-node", no_argument, nullptr, NO_NODE},
-        {"fault", required_argument, nullptr, FAULT},
-        {"log", required_argument, nullptr, LOG},
-        {"control", required_argument, nullptr, CONTROL},
-        {"faketime", required_argument, nullptr, FAKETIME},
-        {"help", no_argument, nullptr, HELP},
-        {"scsi-ctrl", optional_argument, nullptr, SCSI_CTRL},
-        {nullptr, 0, nullptr, 0},
-    };
+    enum { FAKETIME = 1, HELP, SCSI_CTRL };
+    std::vector<option> longOptions(TARNHOLD_SIM_MODEL_OPTIONS.begin(), TARNHOLD_SIM_MODEL_OPTIONS.end());
+    longOptions.insert(longOptions.end(), {
+                                              {"faketime", required_argument, nullptr, FAKETIME},
+                                              {"help", no_argument, nullptr, HELP},
+                                              {"scsi-ctrl", optional_argument, nullptr, SCSI_CTRL},
+                                              {nullptr, 0, nullptr, 0},
+                                          });
     int opt;
     // "+": the first word that is not an option starts the command.
-    while ((opt = getopt_long(argc, argv, "+", longOptions, nullptr)) != -1) {
+    while ((opt = getopt_long(argc, argv, "+", longOptions.data(), nullptr)) != -1) {
+        if (tarnholdSimModelOption(opt, optarg, o.model)) {
+            continue;
+        }
         switch (opt) {
-        case STATE: o.stateFile = optarg; break;
-        case PLATFORM: o.platform = optarg; break;
-        case MODE: o.mode = optarg; break;
-        case FLASH: o.flashImage = optarg; break;
-        case NO_NODE: o.noNode = true; break;
-        case FAULT: o.faults.emplace_back(optarg); break;
-        case LOG: o.logFile = optarg; break;
-        case CONTROL: o.control = optarg; break;
         case FAKETIME: o.faketime = optarg; break;
         case HELP: __tarnholdSimUsage(stdout); std::exit(0);
         case SCSI_CTRL:
@@ -159,45 +126,6 @@ bool __tarnholdSimFail(const std::string &message)
 {
     std::fprintf(stderr, "tarnhold-sim: %s\n", message.c_str());
     return false;
-}
-
-// The appliance as it stands when the command starts.
-bool __tarnholdSimSetUpModel(const tarnholdSimOptions &o)
-{
-    std::unique_lock<std::mutex> lock(tarnholdSimModelLock());
-    simSetClock(&__tarnholdSimNowUs);
-    simReset();
-    struct stat st;
-    if (!o.stateFile.empty() && ::stat(o.stateFile.c_str(), &st) == 0) {
-        if (!simLoadState(o.stateFile)) {
-            return __tarnholdSimFail("cannot load the state file " + o.stateFile);
-        }
-        // Power-on: the appliance boots with picdev loaded.
-        simModuleLoad();
-    }
-    if (!o.platform.empty()) {
-        simSetPlatformText(o.platform);
-    }
-    std::string out;
-    std::string error;
-    lock.unlock();
-    if (!o.mode.empty() && !tarnholdSimControlRun("mode " + o.mode, out, error)) {
-        return __tarnholdSimFail(error);
-    }
-    if (!o.flashImage.empty() && !tarnholdSimImageInstall(o.flashImage, error)) {
-        return __tarnholdSimFail(error);
-    }
-    lock.lock();
-    if (o.noNode) {
-        tarnholdSimControlSetUnplugged(true);
-    }
-    for (const std::string &fault : o.faults) {
-        if (!tarnholdSimControlApplyFault(fault, error)) {
-            return __tarnholdSimFail("--fault " + fault + ": " + error);
-        }
-    }
-    simClearEvents();
-    return true;
 }
 
 std::string __tarnholdSimFindFaketime()
@@ -366,18 +294,7 @@ bool __tarnholdSimFinish(const tarnholdSimOptions &o)
     tarnholdSimBedDrain(TARNHOLD_SIM_DRAIN_MS);
     std::lock_guard<std::mutex> lock(tarnholdSimModelLock());
     tarnholdSimBedSweep();
-    bool ok = true;
-    if (!o.stateFile.empty() && !simSaveState(o.stateFile)) {
-        ok = __tarnholdSimFail("cannot save the state to " + o.stateFile);
-    }
-    if (!o.logFile.empty()) {
-        std::ofstream log(o.logFile, std::ios::trunc);
-        log << tarnholdSimControlEventText();
-        if (!log) {
-            ok = __tarnholdSimFail("cannot write the event log " + o.logFile);
-        }
-    }
-    return ok;
+    return tarnholdSimModelFinish("tarnhold-sim", o.model);
 }
 
 } // namespace
@@ -390,8 +307,11 @@ int main(int argc, char **argv)
         return tarnholdSimControlModuleCommand(argc, argv);
     }
 
+    tarnholdSimControlSetFrontEnd(
+        {&tarnholdSimBedSweep, &tarnholdSimBedSync, {&tarnholdSimHostBusFault, &tarnholdSimHostBusCommand}});
+    simSetClock(&__tarnholdSimNowUs);
     tarnholdSimOptions options;
-    if (!__tarnholdSimParse(argc, argv, options) || !__tarnholdSimSetUpModel(options)) {
+    if (!__tarnholdSimParse(argc, argv, options) || !tarnholdSimModelSetUp("tarnhold-sim", options.model)) {
         return TARNHOLD_SIM_EXIT_USAGE;
     }
     std::string error;
@@ -403,7 +323,7 @@ int main(int argc, char **argv)
     }
     const std::string internalControl = tarnholdSimBedRoot() + "/control";
     if (!tarnholdSimControlListen(internalControl, error) ||
-        (!options.control.empty() && !tarnholdSimControlListen(options.control, error))) {
+        (!options.model.control.empty() && !tarnholdSimControlListen(options.model.control, error))) {
         __tarnholdSimFail(error);
         tarnholdSimControlStop();
         tarnholdSimBedStop();

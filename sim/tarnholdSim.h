@@ -1,26 +1,90 @@
-// tarnhold-sim: the simulated appliance around a real process. A umockdev
-// testbed carries the picdev device node, whose ioctls go to the model, and
-// the microcontroller's USB device for libusb's port reset; rmmod and
-// modprobe on the child's PATH unload and load the driver. Modules:
-//   tarnholdSim         options, the child process, exit status
+// The out-of-process front ends of the simulated appliance.
+// tarnhold-sim: the model around a real process. A umockdev testbed carries
+// the picdev device node, whose ioctls go to the model, and the
+// microcontroller's USB device for libusb's port reset; rmmod and modprobe
+// on the child's PATH unload and load the driver.
+// tarnhold-sim-cuse: the model behind a real character device (CUSE) that
+// follows a real picdev module. Modules:
+//   tarnholdSim         tarnhold-sim's options, the child process, exit status
 //   tarnholdSimBed      the testbed, its device nodes and ioctl handlers
-//   tarnholdSimControl  control commands, faults, the control socket, the
-//                       module commands' client side, the event log text
-//   tarnholdSimImage    Intel HEX or binary flash images
+//   tarnholdSimControl  control commands, faults, the module commands' client
+//                       side, the event log text (shared)
+//   tarnholdSimControlSocket  tarnhold-sim's control sockets (GLib)
+//   tarnholdSimOptions  the model's options, set-up and finish (shared)
+//   tarnholdSimMemory   the caller's memory, read by address (shared)
+//   tarnholdSimImage    Intel HEX or binary flash images (shared)
+//   tarnholdSimCuse     tarnhold-sim-cuse
 #pragma once
 
 #include "qxUsb.h"
 #include "simAppliance.h"
 
+#include <array>
 #include <cstdint>
+#include <getopt.h>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <sys/types.h>
+#include <sys/un.h>
 #include <vector>
 
 // Every model call from any thread goes through this lock: ioctls arrive on
 // umockdev's worker thread, control commands on the main loop.
 std::mutex &tarnholdSimModelLock();
+
+// ---- Front end ----------------------------------------------------------------
+
+// A modelled part's faults and control commands: 1 done, 0 refused (error
+// set), -1 not one of its own. Either may be null. Model lock held.
+struct tarnholdSimPart {
+    int (*fault)(const std::vector<std::string> &fields, std::string &error);
+    int (*command)(const std::vector<std::string> &words, std::string &out, std::string &error);
+};
+
+// What the control commands need of the front end that serves the model:
+// `sweep` closes the model handles of clients that are gone, `sync` makes
+// the nodes follow the model (both with the model lock held), `part` its
+// own parts beyond the model's.
+struct tarnholdSimFrontEnd {
+    void (*sweep)();
+    void (*sync)();
+    tarnholdSimPart part;
+};
+void tarnholdSimControlSetFrontEnd(const tarnholdSimFrontEnd &frontEnd);
+
+// ---- Options shared by the front ends ---------------------------------------
+
+struct tarnholdSimModelOptions {
+    std::string stateFile;
+    std::string platform;
+    std::string mode;
+    std::string flashImage;
+    std::string logFile;
+    std::string control;
+    bool noNode = false;
+    std::vector<std::string> faults;
+};
+
+// getopt_long entries of the model's options, their values from
+// TARNHOLD_SIM_MODEL_OPTION_FIRST on; a front end's own options take values
+// below it.
+constexpr int TARNHOLD_SIM_MODEL_OPTION_FIRST = 0x100;
+extern const std::array<option, 8> TARNHOLD_SIM_MODEL_OPTIONS;
+// True when `opt` was one of them (and is now in `o`).
+bool tarnholdSimModelOption(int opt, const char *arg, tarnholdSimModelOptions &o);
+const char *tarnholdSimModelOptionUsage();
+// The appliance as it stands when the front end starts serving: the saved
+// state (a power-on), platform, mode, flash image, cable and faults; the
+// event list empty. False after a message on standard error.
+bool tarnholdSimModelSetUp(const char *program, const tarnholdSimModelOptions &o);
+// At the end: the state saved, the event log written. False after a message.
+bool tarnholdSimModelFinish(const char *program, const tarnholdSimModelOptions &o);
+
+// Reads `len` bytes at `address` in process `pid`'s memory, as the driver
+// reads its caller's memory; false when it cannot (nothing mapped there,
+// the process gone).
+bool tarnholdSimReadProcessMemory(pid_t pid, uint64_t address, void *dst, size_t len);
 
 // ---- Testbed ----------------------------------------------------------------
 
@@ -60,7 +124,17 @@ bool tarnholdSimControlHostPowerLossArmed();
 // with a reason when the command is refused.
 bool tarnholdSimControlRun(const std::string &line, std::string &out, std::string &error);
 
-// Listens for control connections at `path` on the default main context.
+// Control connections: the bytes read from one go to `pending`; each
+// whole line is run and its answer ("ok" after any output, or "error:
+// REASON") appended to `replies`. False when a line grows too long (the
+// answer says so): drop the connection then.
+bool tarnholdSimControlFeed(std::string &pending, std::string_view data, std::string &replies);
+bool tarnholdSimControlWriteAll(int fd, const std::string &text);
+bool tarnholdSimControlSocketAddress(const std::string &path, sockaddr_un &addr, std::string &error);
+// A listening UNIX socket at `path` (a stale one there replaced), or -1 with a reason.
+int tarnholdSimControlListenSocket(const std::string &path, std::string &error);
+
+// tarnhold-sim: listens for control connections at `path` on the default main context.
 bool tarnholdSimControlListen(const std::string &path, std::string &error);
 void tarnholdSimControlStop();
 

@@ -19,7 +19,6 @@
 #include <fcntl.h>
 #include <linux/usbdevice_fs.h>
 #include <sys/stat.h>
-#include <sys/uio.h>
 #include <thread>
 #include <unistd.h>
 #include <utility>
@@ -66,33 +65,12 @@ struct {
 auto &bed = tarnholdSimBedPrivateMembers;
 
 // The driver reads the caller's memory when it sends a request on, which
-// may be long after the ioctl that named the address (at the next request
-// or at the close), so it cannot go through umockdev, which reaches the
-// caller only during an ioctl. It reads the child's memory directly (as its
-// parent, or as root): the command runs tarnhold itself, so the child is the
-// process holding the node. An address that is not mapped then, or a child
-// that has ended, fails the read as the kernel would.
+// may be long after the ioctl that named the address, so it cannot go
+// through umockdev, which reaches the caller only during an ioctl. The
+// command runs tarnhold itself, so the child is the process holding the node.
 bool __tarnholdSimReadMem(void *, uint64_t address, void *dst, size_t len)
 {
-    const pid_t pid = bed.hostPid.load();
-    if (pid <= 0 || address == 0) {
-        return false;
-    }
-    if (len == 0) {
-        return true;
-    }
-    struct iovec local = {dst, len};
-    struct iovec remote = {reinterpret_cast<void *>(static_cast<uintptr_t>(address)), len};
-    const ssize_t n = process_vm_readv(pid, &local, 1, &remote, 1, 0);
-    if (n == static_cast<ssize_t>(len)) {
-        return true;
-    }
-    if (n >= 0 || (errno != ENOSYS && errno != EPERM)) {
-        return false;
-    }
-    // Where the call is not allowed, the same through the process's mem file.
-    const uniqueFd mem(::open(("/proc/" + std::to_string(pid) + "/mem").c_str(), O_RDONLY | O_CLOEXEC));
-    return mem.valid() && ::pread(mem.get(), dst, len, static_cast<off_t>(address)) == static_cast<ssize_t>(len);
+    return tarnholdSimReadProcessMemory(bed.hostPid.load(), address, dst, len);
 }
 
 constexpr simMemReader TARNHOLD_SIM_MEM = {&__tarnholdSimReadMem, nullptr};
@@ -292,12 +270,6 @@ bool __tarnholdSimAttach(const char *devnode, UMockdevIoctlBase *handler, std::s
 }
 
 } // namespace
-
-std::mutex &tarnholdSimModelLock()
-{
-    static std::mutex lock;
-    return lock;
-}
 
 bool tarnholdSimBedStart(std::string &error)
 {

@@ -1,13 +1,11 @@
-// Control of tarnhold-sim: the command lines that the control socket, the
-// module commands and the start-up options share, the fault
-// descriptions, and the event list as text.
+// Control of the simulated appliance's front ends (tarnhold-sim and
+// tarnhold-sim-cuse): the command lines that the control socket, the module
+// commands and the start-up options share, the fault descriptions, and the
+// event list as text. Neither GLib nor umockdev: the front end brings its
+// own node handling and parts through tarnholdSimFrontEnd.
 #include "tarnholdSim.h"
-#include "tarnholdSimHostBus.h"
 
 #include "qxUsb.h"
-
-#include <glib-unix.h>
-#include <glib.h>
 
 #include <array>
 #include <cerrno>
@@ -15,7 +13,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <map>
 #include <string_view>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -27,36 +24,18 @@ namespace {
 
 // The modelled parts beyond the microcontroller bring their own faults and
 // control commands; each answers 1 (done), 0 (refused, with a reason) or -1
-// (not one of its own), and they are asked in this order.
-struct tarnholdSimPart {
-    int (*fault)(const std::vector<std::string> &fields, std::string &error);
-    int (*command)(const std::vector<std::string> &words, std::string &out, std::string &error);
-};
-constexpr std::array<tarnholdSimPart, 2> TARNHOLD_SIM_PARTS = {{
-    {tarnholdSimUpgradeFault, tarnholdSimUpgradeCommand},
-    {tarnholdSimHostBusFault, tarnholdSimHostBusCommand},
-}};
+// (not one of its own), and they are asked in this order: the FPGA and CPLD
+// paths, then the front end's own part (tarnhold-sim's host buses), if any.
+void __tarnholdSimNoNodes() {}
 
 constexpr const char *TARNHOLD_SIM_MODULE = "picdev";
 constexpr size_t TARNHOLD_SIM_MAX_LINE = 4096;
-
-struct tarnholdSimListener {
-    std::string path;
-    int fd;
-    guint source;
-};
-
-struct tarnholdSimConnection {
-    std::string pending;
-    guint source;
-};
 
 struct {
     bool unplugged = false;
     bool moduleLoaded = true; // the appliance boots with picdev loaded
     bool hostPowerLoss = false;
-    std::vector<tarnholdSimListener> listeners;
-    std::map<int, tarnholdSimConnection> connections;
+    tarnholdSimFrontEnd frontEnd = {&__tarnholdSimNoNodes, &__tarnholdSimNoNodes, {nullptr, nullptr}};
 } tarnholdSimControlPrivateMembers;
 
 auto &control = tarnholdSimControlPrivateMembers;
@@ -118,6 +97,11 @@ constexpr std::array<tarnholdSimNamedValue, 3> TARNHOLD_SIM_MODES = {{
     {"boot", static_cast<long>(simMode::BOOTLOADER)},
     {"dead", static_cast<long>(simMode::DEAD)},
 }};
+
+std::array<tarnholdSimPart, 2> __tarnholdSimParts()
+{
+    return {{{&tarnholdSimUpgradeFault, &tarnholdSimUpgradeCommand}, control.frontEnd.part}};
+}
 
 std::vector<std::string> __tarnholdSimSplit(const std::string &text, char separator)
 {
@@ -221,8 +205,8 @@ bool __tarnholdSimFault(const std::vector<std::string> &f, std::string &error)
         control.hostPowerLoss = name == "host-power-loss";
         return true;
     }
-    for (const tarnholdSimPart &part : TARNHOLD_SIM_PARTS) {
-        if (const int done = part.fault(f, error); done >= 0) {
+    for (const tarnholdSimPart &part : __tarnholdSimParts()) {
+        if (const int done = part.fault != nullptr ? part.fault(f, error) : -1; done >= 0) {
             return done == 1;
         }
     }
@@ -340,102 +324,13 @@ bool __tarnholdSimRunLocked(const std::vector<std::string> &words, const std::st
         }
         return true;
     }
-    for (const tarnholdSimPart &part : TARNHOLD_SIM_PARTS) {
-        if (const int done = part.command(words, out, error); done >= 0) {
+    for (const tarnholdSimPart &part : __tarnholdSimParts()) {
+        if (const int done = part.command != nullptr ? part.command(words, out, error) : -1; done >= 0) {
             return done == 1;
         }
     }
     error = "unknown command '" + command + "' or wrong arguments";
     return false;
-}
-
-// ---- Control socket -------------------------------------------------------------
-
-void __tarnholdSimDropConnection(int fd)
-{
-    auto it = control.connections.find(fd);
-    if (it != control.connections.end()) {
-        g_source_remove(it->second.source);
-        control.connections.erase(it);
-    }
-    ::close(fd);
-}
-
-bool __tarnholdSimWriteAll(int fd, const std::string &text)
-{
-    size_t done = 0;
-    while (done < text.size()) {
-        const ssize_t n = ::write(fd, text.data() + done, text.size() - done);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            return false;
-        }
-        done += static_cast<size_t>(n);
-    }
-    return true;
-}
-
-gboolean __tarnholdSimConnectionReadable(gint fd, GIOCondition, gpointer)
-{
-    char buffer[1024];
-    const ssize_t n = ::read(fd, buffer, sizeof(buffer));
-    if (n < 0 && (errno == EINTR || errno == EAGAIN)) {
-        return G_SOURCE_CONTINUE;
-    }
-    auto it = control.connections.find(fd);
-    if (n <= 0 || it == control.connections.end()) {
-        if (it != control.connections.end()) {
-            control.connections.erase(it);
-        }
-        ::close(fd);
-        return G_SOURCE_REMOVE;
-    }
-    it->second.pending.append(buffer, static_cast<size_t>(n));
-    size_t newline;
-    while ((newline = it->second.pending.find('\n')) != std::string::npos) {
-        const std::string line = it->second.pending.substr(0, newline);
-        it->second.pending.erase(0, newline + 1);
-        std::string out;
-        std::string error;
-        const bool ok = tarnholdSimControlRun(line, out, error);
-        if (!__tarnholdSimWriteAll(fd, ok ? out + "ok\n" : "error: " + error + "\n")) {
-            control.connections.erase(it);
-            ::close(fd);
-            return G_SOURCE_REMOVE;
-        }
-    }
-    if (it->second.pending.size() > TARNHOLD_SIM_MAX_LINE) {
-        static_cast<void>(__tarnholdSimWriteAll(fd, "error: line too long\n"));
-        control.connections.erase(it);
-        ::close(fd);
-        return G_SOURCE_REMOVE;
-    }
-    return G_SOURCE_CONTINUE;
-}
-
-gboolean __tarnholdSimListenerReadable(gint fd, GIOCondition, gpointer)
-{
-    const int conn = ::accept4(fd, nullptr, nullptr, SOCK_CLOEXEC);
-    if (conn >= 0) {
-        const guint source = g_unix_fd_add(conn, static_cast<GIOCondition>(G_IO_IN | G_IO_HUP | G_IO_ERR),
-                                           &__tarnholdSimConnectionReadable, nullptr);
-        control.connections[conn] = {std::string(), source};
-    }
-    return G_SOURCE_CONTINUE;
-}
-
-bool __tarnholdSimSocketAddress(const std::string &path, sockaddr_un &addr, std::string &error)
-{
-    addr = {};
-    addr.sun_family = AF_UNIX;
-    if (path.empty() || path.size() >= sizeof(addr.sun_path)) {
-        error = "control socket path '" + path + "' is empty or too long";
-        return false;
-    }
-    std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
-    return true;
 }
 
 } // namespace
@@ -499,17 +394,63 @@ bool tarnholdSimControlRun(const std::string &line, std::string &out, std::strin
     }
     std::lock_guard<std::mutex> lock(tarnholdSimModelLock());
     // Descriptors closed before this command count as closed before it.
-    tarnholdSimBedSweep();
+    control.frontEnd.sweep();
     const bool ok = __tarnholdSimRunLocked(words, clean, out, error);
-    tarnholdSimBedSync();
+    control.frontEnd.sync();
     return ok;
 }
 
-bool tarnholdSimControlListen(const std::string &path, std::string &error)
+bool tarnholdSimControlWriteAll(int fd, const std::string &text)
+{
+    size_t done = 0;
+    while (done < text.size()) {
+        const ssize_t n = ::write(fd, text.data() + done, text.size() - done);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            return false;
+        }
+        done += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+bool tarnholdSimControlFeed(std::string &pending, std::string_view data, std::string &replies)
+{
+    pending.append(data);
+    size_t newline;
+    while ((newline = pending.find('\n')) != std::string::npos) {
+        const std::string line = pending.substr(0, newline);
+        pending.erase(0, newline + 1);
+        std::string out;
+        std::string error;
+        replies += tarnholdSimControlRun(line, out, error) ? out + "ok\n" : "error: " + error + "\n";
+    }
+    if (pending.size() > TARNHOLD_SIM_MAX_LINE) {
+        replies += "error: line too long\n";
+        return false;
+    }
+    return true;
+}
+
+bool tarnholdSimControlSocketAddress(const std::string &path, sockaddr_un &addr, std::string &error)
+{
+    addr = {};
+    addr.sun_family = AF_UNIX;
+    if (path.empty() || path.size() >= sizeof(addr.sun_path)) {
+        error = "control socket path '" + path + "' is empty or too long";
+        return false;
+    }
+    std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+    return true;
+}
+
+int tarnholdSimControlListenSocket(const std::string &path, std::string &error)
 {
     sockaddr_un addr;
-    if (!__tarnholdSimSocketAddress(path, addr, error)) {
-        return false;
+    if (!tarnholdSimControlSocketAddress(path, addr, error)) {
+        return -1;
     }
     struct stat st;
     if (::lstat(path.c_str(), &st) == 0 && S_ISSOCK(st.st_mode)) {
@@ -521,24 +462,20 @@ bool tarnholdSimControlListen(const std::string &path, std::string &error)
         if (fd >= 0) {
             ::close(fd);
         }
-        return false;
+        return -1;
     }
-    const guint source = g_unix_fd_add(fd, G_IO_IN, &__tarnholdSimListenerReadable, nullptr);
-    control.listeners.push_back({path, fd, source});
-    return true;
+    return fd;
 }
 
-void tarnholdSimControlStop()
+void tarnholdSimControlSetFrontEnd(const tarnholdSimFrontEnd &frontEnd)
 {
-    while (!control.connections.empty()) {
-        __tarnholdSimDropConnection(control.connections.begin()->first);
-    }
-    for (const auto &listener : control.listeners) {
-        g_source_remove(listener.source);
-        ::close(listener.fd);
-        ::unlink(listener.path.c_str());
-    }
-    control.listeners.clear();
+    control.frontEnd = frontEnd;
+}
+
+std::mutex &tarnholdSimModelLock()
+{
+    static std::mutex lock;
+    return lock;
 }
 
 int tarnholdSimControlModuleCommand(int argc, char **argv)
@@ -554,14 +491,14 @@ int tarnholdSimControlModuleCommand(int argc, char **argv)
     const char *path = std::getenv(TARNHOLD_SIM_CONTROL_ENV);
     sockaddr_un addr;
     std::string error;
-    if (path == nullptr || !__tarnholdSimSocketAddress(path, addr, error)) {
+    if (path == nullptr || !tarnholdSimControlSocketAddress(path, addr, error)) {
         std::fprintf(stderr, "%s: not running inside tarnhold-sim (%s is not set)\n", tool.c_str(),
                      TARNHOLD_SIM_CONTROL_ENV);
         return 1;
     }
     const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0 || ::connect(fd, reinterpret_cast<const sockaddr *>(&addr), sizeof(addr)) != 0 ||
-        !__tarnholdSimWriteAll(fd, line)) {
+        !tarnholdSimControlWriteAll(fd, line)) {
         std::fprintf(stderr, "%s: cannot reach tarnhold-sim at %s: %s\n", tool.c_str(), path, std::strerror(errno));
         if (fd >= 0) {
             ::close(fd);

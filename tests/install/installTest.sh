@@ -13,6 +13,7 @@ trap 'rm -rf "$work"' EXIT
 fail() { echo "FAIL: $*" >&2; exit 1; }
 
 expected="usr/bin/tarnhold-sim
+usr/bin/tarnhold-sim-cuse
 usr/bin/tarnholdctl
 usr/include/tarnhold/tarnholdClient.h
 usr/include/tarnhold/usbDaemonRequest.h
@@ -21,6 +22,7 @@ usr/lib/pkgconfig/tarnhold-client.pc
 usr/lib/systemd/system/tarnhold.service
 usr/lib/tmpfiles.d/tarnhold.conf
 usr/sbin/tarnhold
+usr/share/man/man1/tarnhold-sim-cuse.1
 usr/share/man/man1/tarnhold-sim.1
 usr/share/man/man1/tarnholdctl.1
 usr/share/man/man8/tarnhold.8"
@@ -83,7 +85,7 @@ else
     [ "$(echo "$held" | sed '/^$/d' | cut -d' ' -f1 | sort)" = "$expected" ] ||
         fail "package files differ: $(diff <(echo "$expected") <(echo "$held" | sed '/^$/d' | cut -d' ' -f1 | sort))"
     for f in usr/sbin/tarnhold usr/bin/tarnholdctl usr/lib/systemd/system/tarnhold.service usr/share/man/man8/tarnhold.8 \
-        usr/share/man/man1/tarnholdctl.1:tarnhold usr/bin/tarnhold-sim:tarnhold-sim usr/lib/libtarnholdclient.a:tarnhold-dev; do
+        usr/share/man/man1/tarnholdctl.1:tarnhold usr/bin/tarnhold-sim:tarnhold-sim usr/bin/tarnhold-sim-cuse:tarnhold-sim usr/lib/libtarnholdclient.a:tarnhold-dev; do
         want=${f#*:}
         [ "$want" != "$f" ] || want=tarnhold
         echo "$held" | grep -qx "${f%%:*} $want" || fail "${f%%:*} is not in $want"
