@@ -84,11 +84,10 @@ else
     done
     [ "$(echo "$held" | sed '/^$/d' | cut -d' ' -f1 | sort)" = "$expected" ] ||
         fail "package files differ: $(diff <(echo "$expected") <(echo "$held" | sed '/^$/d' | cut -d' ' -f1 | sort))"
-    for f in usr/sbin/tarnhold usr/bin/tarnholdctl usr/lib/systemd/system/tarnhold.service usr/share/man/man8/tarnhold.8 \
-        usr/share/man/man1/tarnholdctl.1:tarnhold usr/bin/tarnhold-sim:tarnhold-sim usr/bin/tarnhold-sim-cuse:tarnhold-sim usr/lib/libtarnholdclient.a:tarnhold-dev; do
-        want=${f#*:}
-        [ "$want" != "$f" ] || want=tarnhold
-        echo "$held" | grep -qx "${f%%:*} $want" || fail "${f%%:*} is not in $want"
+    for f in usr/sbin/tarnhold:tarnhold usr/bin/tarnholdctl:tarnhold usr/lib/systemd/system/tarnhold.service:tarnhold \
+        usr/share/man/man8/tarnhold.8:tarnhold usr/share/man/man1/tarnholdctl.1:tarnhold \
+        usr/bin/tarnhold-sim:tarnhold-sim usr/bin/tarnhold-sim-cuse:tarnhold-sim usr/lib/libtarnholdclient.a:tarnhold-dev; do
+        echo "$held" | grep -qx "${f%%:*} ${f#*:}" || fail "${f%%:*} is not in ${f#*:}"
     done
     deb=$(ls "$work"/deb/tarnhold_*.deb)
     if dpkg-deb -f "$deb" Depends | grep -Eq 'umockdev|glib'; then fail "tarnhold depends on $(dpkg-deb -f "$deb" Depends)"; fi

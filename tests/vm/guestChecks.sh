@@ -79,6 +79,8 @@ PY
 }
 
 # The simulated appliance and its buses, before anything of tarnhold is installed.
+# The simulator runs from the build folder: installing its package costs a
+# minute of dpkg in the guest and proves nothing the checks need.
 setup() {
     figure "boot: kernel start to checks $(uptimeS) s"
     # man-db's trigger would rebuild its index over the share for minutes.
@@ -90,22 +92,19 @@ setup() {
     [ -d /var/crash ] && crashBefore=1 || crashBefore=0
     echo "$crashBefore" >/run/tarnhold-vm-crash-before
     cp "$work/briska-pic-client.hex" /usr/sbin/briska-pic-client.hex
-    dpkg -i "$work"/debs/tarnhold-sim_*.deb "$work"/debs/tarnhold-dev_*.deb >/run/dpkg-sim.log 2>&1 ||
-        { tail -n 3 /run/dpkg-sim.log; return 1; }
     modprobe picdev || { echo "modprobe picdev failed"; return 1; }
     cat >/run/systemd/system/tarnhold-sim-cuse.service <<EOF
 [Unit]
 Description=simulated appliance on a CUSE device
 [Service]
-ExecStart=/usr/bin/tarnhold-sim-cuse --control $SIM_SOCKET --module picdev --renumber --ready-file $SIM_READY
+ExecStart=$work/../sim/tarnhold-sim-cuse --control $SIM_SOCKET --module picdev --renumber --ready-file $SIM_READY
 EOF
     systemctl daemon-reload
     systemctl start tarnhold-sim-cuse.service || { echo "simulator does not start"; return 1; }
     waitFor 30 test -s "$SIM_READY" -a -c "$NODE" ||
         { echo "no $NODE"; journalctl -b -u tarnhold-sim-cuse -n 5 --no-pager; return 1; }
     waitFor 10 test -S "$SIM_SOCKET" || { echo "no control socket"; return 1; }
-    stat -c '%t:%T' "$NODE" >/run/tarnhold-vm-rdev
-    echo "simulator serves $NODE ($(cat /run/tarnhold-vm-rdev)), $(grep corvanta /proc/devices | head -n1), i2c-stub at 0x1b"
+    echo "simulator serves $NODE as $(cat "$SIM_READY"), $(grep corvanta /proc/devices | head -n1), i2c-stub at 0x1b"
 }
 
 installed() {
@@ -138,16 +137,18 @@ startupUpgrade() {
     echo "upgraded, then as nobody: get-info result 0, status all well ($(echo "$status" | grep -c ': *OK') OK)"
 }
 
+# The start-up upgrade's USB resets unloaded and loaded picdev; the simulator
+# served the node again each time, under another number every other time.
 renumberedNode() {
-    local before now
-    before=$(cat /run/tarnhold-vm-rdev)
-    now=$(stat -c '%t:%T' "$NODE" 2>&1)
-    echo "node $before at start, $now now; MainPID $(prop MainPID), NRestarts $(prop NRestarts);"
-    [ "$before" != "$now" ] || { echo "the node kept its numbers"; return 1; }
+    local numbers
+    numbers=$(journalctl -b -u tarnhold-sim-cuse -o cat | sed -n 's/.*: serving .* as //p' | tr '\n' ' ')
+    echo "node served as: $numbers; MainPID $(prop MainPID), NRestarts $(prop NRestarts);"
+    [ "$(echo "$numbers" | wc -w)" -ge 3 ] && [ "$(echo "$numbers" | tr ' ' '\n' | sed '/^$/d' | sort -u | wc -l)" -ge 2 ] ||
+        { echo "the node did not come back under another number"; return 1; }
     [ "$(prop MainPID)" = "$(cat /run/tarnhold-vm-pid)" ] && [ "$(prop NRestarts)" = 0 ] ||
         { echo "the service was restarted"; return 1; }
-    ctl get-info >/dev/null || { echo "get-info fails after the reload"; return 1; }
-    echo "get-info served after the driver reload"
+    ctl get-info >/dev/null || { echo "get-info fails after the reloads"; return 1; }
+    echo "get-info served after the reloads"
 }
 
 homeUpgrades() {
@@ -199,22 +200,25 @@ sys.exit(0 if ok else 1)'
 }
 
 crashRestart() {
-    local pid new t0 t1
+    local pid new exited restarted
     pid=$(prop MainPID)
     [ "$pid" -gt 0 ] || { echo "no daemon running"; return 1; }
-    t0=$(date +%s%N)
     kill -SEGV "$pid"
-    waitFor 10 test -e "/var/crash/tarnhold-$pid-11.log" || { echo "no crash log for $pid"; return 1; }
-    # The FIFO is gone until the restart makes it again.
-    waitFor 4 test ! -e "$FIFO" || { echo "the FIFO stayed"; return 1; }
-    waitFor 15 sh -c "[ \"\$(systemctl show -P MainPID $UNIT)\" != $pid ] && [ \"\$(systemctl show -P MainPID $UNIT)\" != 0 ] && [ -p $FIFO ]" ||
-        { echo "not running again"; return 1; }
-    t1=$(date +%s%N)
+    waitFor 20 test -e "/var/crash/tarnhold-$pid-11.log" || { echo "no crash log for $pid"; return 1; }
+    # The FIFO is gone until the restarted daemon makes it again.
+    waitFor 10 test ! -e "$FIFO" || { echo "the FIFO stayed"; return 1; }
+    waitFor 30 test -p "$FIFO" || { echo "not running again"; return 1; }
     new=$(prop MainPID)
-    local secs=$(((t1 - t0) / 1000000))
-    figure "SIGSEGV to running again: $secs ms (RestartSec 5 s)"
-    echo "crash log /var/crash/tarnhold-$pid-11.log, FIFO removed, running again as $new after $secs ms"
-    [ "$secs" -le 6500 ] || { echo "later than RestartSec"; return 1; }
+    [ "$new" -gt 0 ] && [ "$new" != "$pid" ] || { echo "MainPID $new"; return 1; }
+    # From the crashed process's end to the new one's start, by systemd's own clock: RestartSec
+    # and the stop and start around it (up to 2 s more in an emulated guest).
+    exited=$(journalctl -b -u "$UNIT" -o json --output-fields=MESSAGE | grep -E 'Main process exited|Deactivated successfully' | tail -n 1 |
+        sed -n 's/.*"__MONOTONIC_TIMESTAMP" *: *"\([0-9]*\)".*/\1/p')
+    restarted=$(prop ExecMainStartTimestampMonotonic)
+    local ms=$(((restarted - exited) / 1000))
+    figure "crashed process's end to the restarted one's start: $ms ms (RestartSec 5 s)"
+    echo "crash log /var/crash/tarnhold-$pid-11.log, FIFO removed, running again as $new $ms ms after the crash"
+    [ -n "$exited" ] && [ "$ms" -ge 5000 ] && [ "$ms" -le 7000 ] || { echo "not within RestartSec"; return 1; }
     ctl raw 200 >/dev/null
     [ $? = 1 ] || { echo "no answer after the restart"; return 1; }
 }
@@ -261,5 +265,7 @@ for name in $CHECKS; do
     check "$name"
 done
 echo DONE >>"$out"
+# For a look afterwards (VM_KEEP=1): the service's and the simulator's journal.
+journalctl -b -u "$UNIT" -u tarnhold-sim-cuse -o short-monotonic --no-pager >"$results/journal.txt" 2>&1
 sync
 exit 0
