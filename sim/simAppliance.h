@@ -1,9 +1,10 @@
 // The simulated appliance: the picdev driver and its device node, the PIC32
 // application firmware and its USB HID bootloader, with fault injection.
 // Not thread-safe: a front end with several threads serialises its calls.
-// One model, two front ends: in process through the system-call seam with
+// One model, three front ends: in process through the system-call seam with
 // virtual time (simInProcess.h), and out of process for the real binary
-// under umockdev (tarnhold-sim).
+// under umockdev (tarnhold-sim) or behind a real character device
+// (tarnhold-sim-cuse).
 #pragma once
 
 #include <cstddef>

@@ -5,7 +5,6 @@
 #include "tarnholdSimHostBus.h"
 
 #include "qxUsb.h"
-#include "uniqueFd.h"
 
 #include <umockdev.h>
 

@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstddef>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -33,6 +34,7 @@ constexpr int TARNHOLD_SIM_CUSE_EXIT_USAGE = 2;
 // How often the module's presence is looked at, and how long a stop waits.
 constexpr int TARNHOLD_SIM_CUSE_POLL_MS = 50;
 constexpr const char *TARNHOLD_SIM_CUSE_MODULE = "picdev"; // the model's own name for its driver
+constexpr unsigned TARNHOLD_SIM_CUSE_MINORS = 1U << 20; // MINORBITS
 constexpr std::array<int, 3> TARNHOLD_SIM_CUSE_STOP_SIGNALS = {SIGTERM, SIGINT, SIGHUP};
 
 struct tarnholdSimCuseConnection {
@@ -56,7 +58,9 @@ struct {
     int listenFd = -1;
     std::vector<tarnholdSimCuseConnection> connections;
     volatile sig_atomic_t stop = 0;
-    bool failed = false; // the node could not be served
+    bool failed = false;  // the node could not be served
+    bool nodeUp = false;  // the current session's node exists
+    bool notified = false; // the service manager was told it is ready
 } tarnholdSimCusePrivateMembers;
 
 auto &cuse = tarnholdSimCusePrivateMembers;
@@ -71,12 +75,13 @@ void __tarnholdSimCuseUsage(FILE *out)
                  "unloaded the node goes and the model sees the driver unloaded; when it is\n"
                  "loaded again the node comes back and the model sees the driver loaded. What\n"
                  "the driver reads by address it reads in the caller's memory. Runs until\n"
-                 "SIGTERM, SIGINT or SIGHUP; status %d: set-up failed.\n"
+                 "SIGTERM, SIGINT or SIGHUP; status %d: set-up failed. Under systemd\n"
+                 "(Type=notify) it reports ready once the node is served.\n"
                  "\n"
                  "%s"
                  "  --module NAME       the kernel module the node follows (default picdev)\n"
                  "  --renumber          each time the node comes back it carries another device\n"
-                 "                      number (minor 0 and 1 in turn)\n"
+                 "                      number, one it has not had before (minor 0, 1, 2, ...)\n"
                  "  --ready-file PATH   while the node is served, PATH holds its MAJOR:MINOR\n"
                  "  --help              this text\n"
                  "\n%s%s",
@@ -200,6 +205,7 @@ void __tarnholdSimCuseIoctl(fuse_req_t req, int cmd, void *arg, fuse_file_info *
 // The node exists now (the kernel made it while taking the init reply).
 void __tarnholdSimCuseInitDone(void *)
 {
+    cuse.nodeUp = true;
     const std::string node = QX_USB_DEVICE_PATH;
     struct stat st;
     if (::stat(node.c_str(), &st) != 0) {
@@ -240,10 +246,11 @@ bool __tarnholdSimCuseStart()
 {
     const char *devInfo[] = {cuse.devName.c_str()};
     cuse_info info{};
-    // Minor 0 and 1 in turn with a dynamic major: the node's number changes
-    // each time it comes back, as a reloaded driver's may.
+    // A new minor under a dynamic major each time it comes back, as a
+    // reloaded driver's node may: never a number it had before, so what was
+    // allowed by the number it had at some moment does not match again.
     info.dev_major = 0;
-    info.dev_minor = cuse.renumber ? cuse.served % 2 : 0;
+    info.dev_minor = cuse.renumber ? cuse.served % TARNHOLD_SIM_CUSE_MINORS : 0;
     info.dev_info_argc = 1;
     info.dev_info_argv = devInfo;
     info.flags = CUSE_UNRESTRICTED_IOCTL;
@@ -268,6 +275,7 @@ void __tarnholdSimCuseEnd()
     // descriptor still open on it fails from now on.
     cuse_lowlevel_teardown(cuse.session);
     cuse.session = nullptr;
+    cuse.nodeUp = false;
     std::free(cuse.buffer.mem);
     cuse.buffer = {};
     {
@@ -294,6 +302,34 @@ bool __tarnholdSimCuseServeOne()
     }
     fuse_session_process_buf(cuse.session, &cuse.buffer);
     return !fuse_session_exited(cuse.session);
+}
+
+// Under systemd (Type=notify): ready once the node is served, or at once
+// when the model offers none (module not loaded, no microcontroller).
+void __tarnholdSimCuseNotifyReady()
+{
+    const char *path = std::getenv("NOTIFY_SOCKET");
+    if (cuse.notified || (cuse.wantNode && !cuse.nodeUp)) {
+        return;
+    }
+    cuse.notified = true;
+    sockaddr_un addr{};
+    std::string error;
+    if (path == nullptr || !tarnholdSimControlSocketAddress(path, addr, error)) {
+        return;
+    }
+    if (addr.sun_path[0] == '@') {
+        addr.sun_path[0] = '\0'; // an abstract socket
+    }
+    const int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    constexpr std::string_view READY = "READY=1";
+    if (fd < 0 || ::sendto(fd, READY.data(), READY.size(), MSG_NOSIGNAL, reinterpret_cast<const sockaddr *>(&addr),
+                           static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + std::strlen(path))) < 0) {
+        std::fprintf(stderr, "%s: cannot notify %s: %s\n", TARNHOLD_SIM_CUSE, path, std::strerror(errno));
+    }
+    if (fd >= 0) {
+        ::close(fd);
+    }
 }
 
 // ---- The module and the control connections -----------------------------------
@@ -355,6 +391,7 @@ void __tarnholdSimCuseLoop()
         if (!cuse.wantNode && cuse.session != nullptr) {
             __tarnholdSimCuseEnd();
         }
+        __tarnholdSimCuseNotifyReady();
         fds.clear();
         fds.push_back({cuse.session != nullptr ? fuse_session_fd(cuse.session) : -1, POLLIN, 0});
         fds.push_back({cuse.listenFd, POLLIN, 0});
@@ -383,6 +420,7 @@ void __tarnholdSimCuseLoop()
         }
         std::erase_if(cuse.connections, [](const tarnholdSimCuseConnection &c) { return c.fd < 0; });
         __tarnholdSimCuseFollowModule();
+        __tarnholdSimCuseNotifyReady();
     }
 }
 

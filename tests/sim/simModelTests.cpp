@@ -7,6 +7,7 @@
 #include "simInProcess.h"
 #include "simUpgrade.h"
 #include "sysSeam.h"
+#include "tarnholdSim.h"
 
 #include <gtest/gtest.h>
 
@@ -294,3 +295,24 @@ TEST(simState, damagedStateFilesAreRefusedAndLeaveTheModelAlone)
 }
 
 } // namespace
+
+// The control connections of both out-of-process front ends: a command runs only once its line is whole, each
+// line gets its own answer, and a line that never ends is refused rather than buffered without bound.
+TEST(simControl, linesRunWhenWholeAnsweredEachAndAnEndlessLineIsRefused)
+{
+    simReset();
+    std::string pending;
+    std::string replies;
+    EXPECT_TRUE(tarnholdSimControlFeed(pending, "mode bo", replies));
+    EXPECT_EQ(replies, "");
+    EXPECT_EQ(simGetMode(), simMode::APPLICATION);
+    EXPECT_TRUE(tarnholdSimControlFeed(pending, "ot\nping\nmode sideways\nping", replies));
+    EXPECT_EQ(replies, "ok\nok\nerror: mode app|boot|dead expected\n");
+    EXPECT_EQ(simGetMode(), simMode::BOOTLOADER);
+    EXPECT_EQ(pending, "ping");
+
+    replies.clear();
+    EXPECT_FALSE(tarnholdSimControlFeed(pending, std::string(4096, 'x'), replies));
+    EXPECT_EQ(replies, "error: line too long\n");
+    simReset();
+}

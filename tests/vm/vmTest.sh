@@ -29,6 +29,7 @@ for vmlinuz in /boot/vmlinuz-*; do
     [ -d "/lib/modules/$v/kernel" ] && kver=$v
 done
 [ -n "$kver" ] || fail "missing package linux-image-amd64 (no /boot/vmlinuz-VERSION with /lib/modules/VERSION)"
+need file command -v file
 need linux-headers-amd64 test -f "/lib/modules/$kver/build/Makefile"
 need qemu-system-x86 command -v qemu-system-x86_64
 need busybox-static sh -c 'file -L /bin/busybox | grep -q "statically linked"'
@@ -39,7 +40,6 @@ need libfuse3-dev test -f /usr/include/fuse3/cuse_lowlevel.h
 need srecord command -v srec_cat
 need python3 test -x /usr/bin/python3
 need dpkg-dev command -v dpkg-shlibdeps
-need file command -v file
 
 # Everything the guest reads lives under the build folder: the guest's /tmp is its own.
 work="$build/vm"
