@@ -63,8 +63,7 @@ ko=$(bash "$src/sim/kmod/build-picdev.sh" "$work/kmod" "$kver" 2>"$work/kmod.log
 [ "$ko" = "$work/kmod/picdev.ko" ] || fail "picdev module built as $ko"
 
 # The application the appliance's firmware file holds: 512 bytes at the start
-# of the flash range (each chunk costs about a second of emulated ioctls). The
-# simulated microcontroller starts with another one.
+# of the flash range. The simulated microcontroller starts with another one.
 srec_cat -generate 0x1D010000 0x1D010200 -repeat-string "tarnhold guest application " \
     -o "$work/briska-pic-client.hex" -intel -address-length=4 -output-block-size=16
 
