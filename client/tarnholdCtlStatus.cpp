@@ -362,7 +362,9 @@ void __statusCpld()
     __statusAdd("cpld", statusState::OK, text);
 }
 
-void __statusFans()
+// `daemonFile`: the daemon was started with --file, so it never looked its
+// platform up and refuses fan requests whatever the appliance has.
+void __statusFans(bool daemonFile)
 {
     usbDaemonRequest record;
     if (!__statusOptional("fan mode", QX_HID_CMD_GET_OPTION_BAY_FAN_SPEED, record)) {
@@ -371,7 +373,10 @@ void __statusFans()
     // The daemon leaves the response as sent (code 0) when its platform has
     // no fan controller; it answers code 25 once it has tried the bus.
     if (record.result != USB_DAEMON_RESULT_OK && record.resp[QX_REPORT_CODE] == 0) {
-        __statusAdd("fan mode", statusState::UNAVAILABLE, "not available: no option-bay fan controller on this platform");
+        __statusAdd("fan mode", statusState::UNAVAILABLE,
+                    daemonFile ? "not available: fan requests are refused because the daemon was started with "
+                                 "--file (no platform lookup)"
+                               : "not available: no option-bay fan controller on this platform");
         return;
     }
     if (record.result != USB_DAEMON_RESULT_OK || record.resp[QX_REPORT_STATUS] != 0) {
@@ -442,7 +447,7 @@ tarnholdCtlStatusOutcome tarnholdCtlStatus(const tarnholdClientParams &params, b
             __statusAdd("firmware", statusState::FAILED, "no firmware file known: neither --file nor the platform");
         }
         __statusCpld();
-        __statusFans();
+        __statusFans(!daemonFile.empty());
     }
     bool allWell = std::ranges::none_of(m.checks, [](const statusCheck &c) { return c.state == statusState::FAILED; });
     __statusPrint(json, allWell);

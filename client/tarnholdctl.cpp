@@ -621,6 +621,11 @@ int main(int argc, char **argv)
     if (at < 0) {
         return exitStatus;
     }
+    // The reply FIFO's folder, as for other programs' temporary files: an
+    // operator may keep it in a home folder rather than the shared /tmp.
+    if (const char *tmpDir = getenv("TMPDIR"); tmpDir != nullptr && *tmpDir != '\0') {
+        ctx.params.tmpDir = tmpDir;
+    }
     std::string_view word = argv[at];
     int restArgc = argc - at - 1;
     char **restArgv = argv + at + 1;

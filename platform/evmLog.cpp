@@ -1,8 +1,11 @@
 #include "evmLog.h"
 
+#include <cinttypes>
 #include <cstdio>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
+#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -15,6 +18,19 @@ struct {
 } evmLogPrivateMembers;
 
 constexpr size_t EVM_LOG_LINE_MAX = 1024;
+
+// Whether standard error is the journal's stream, as systemd tells a service
+// it starts (JOURNAL_STREAM="DEVICE:INODE" of that stream). Checked on every
+// line: after --daemon, or in a child, standard error is something else.
+bool __evmLogStderrIsJournal()
+{
+    const char *stream = getenv("JOURNAL_STREAM");
+    uintmax_t dev = 0;
+    uintmax_t ino = 0;
+    struct stat st = {};
+    return stream != nullptr && sscanf(stream, "%ju:%ju", &dev, &ino) == 2 && fstat(STDERR_FILENO, &st) == 0 &&
+           st.st_dev == dev && st.st_ino == ino;
+}
 
 // The exit signals that only ever come from outside (kill, a terminal, abort in another frame).
 constexpr int EVM_LOG_HELD_SIGNALS[] = {SIGHUP, SIGINT, SIGQUIT, SIGABRT, SIGTERM};
@@ -63,11 +79,12 @@ extern "C" void evm_log(int level, const char *source, int line, const char *for
         sigaddset(&held, sig);
     }
     sigprocmask(SIG_BLOCK, &held, &previous);
-    // One write per line so lines from a child and its parent never interleave.
+    // One write per line so lines from a child and its parent never interleave. Under systemd the copy is
+    // left out: syslog already puts the line in the journal, with its priority.
     char out[EVM_LOG_LINE_MAX + 128];
     int outLen = snprintf(out, sizeof out, "tarnhold[%d] <%d> %s:%d: %s\n", static_cast<int>(getpid()),
                           level, source, line, text);
-    if (outLen > 0) {
+    if (outLen > 0 && !__evmLogStderrIsJournal()) {
         size_t w = static_cast<size_t>(outLen) < sizeof out ? static_cast<size_t>(outLen) : sizeof out - 1;
         ssize_t ignored = write(STDERR_FILENO, out, w);
         (void)ignored;

@@ -1,5 +1,6 @@
 // Event-log client of the appliance: one line per call to standard error and
-// to syslog (facility daemon). Stand-in for the appliance's own client, with
+// to syslog (facility daemon); no copy on standard error when that is the
+// journal's stream (a systemd service), where syslog's line is enough. Stand-in for the appliance's own client, with
 // the same entry point so an appliance build links the real one instead.
 #pragma once
 

@@ -12,4 +12,5 @@ apt-get install -y --no-install-recommends \
   srecord binutils faketime \
   clang libclang-rt-14-dev \
   util-linux procps \
-  systemd libsystemd-dev groff-base man-db dpkg-dev file python3
+  systemd libsystemd-dev groff-base man-db dpkg-dev file python3 \
+  qemu-system-x86 linux-image-amd64 linux-headers-amd64 busybox-static cpio i2c-tools

@@ -675,7 +675,7 @@ TEST_F(daemonProcessTest, tarnholdctlExitStatusAndStatusLinesSayWhatHappened)
     EXPECT_NE(out.find("62 bytes given, at most 61 fit from byte 3"), std::string::npos) << out;
 
     // The daemon's own --file is the firmware file checked; started with it, the daemon knows no platform and
-    // so no fan controller.
+    // refuses fan requests, which status says as such rather than blaming the platform.
     EXPECT_EQ(ctl({"status"}), 0) << out;
     std::string pid = std::to_string(daemon.daemonPid());
     EXPECT_THAT(out, MatchesRegex("daemon: +OK: pid " + pid + "\n"
@@ -684,7 +684,8 @@ TEST_F(daemonProcessTest, tarnholdctlExitStatusAndStatusLinesSayWhatHappened)
                                   "platform: +OK: \"HW=BRISKA\"\n"
                                   "firmware: +OK: slot 4 matches /tmp/app.hex \\(length [0-9]+, md5 [0-9a-f]{32}\\)\n"
                                   "cpld: +OK: size 65535, CRC 0xffff, erased\n"
-                                  "fan mode: +not available: no option-bay fan controller on this platform\n"));
+                                  "fan mode: +not available: fan requests are refused because the daemon was started "
+                                  "with --file \\(no platform lookup\\)\n"));
     // A FIFO other clients cannot write into is wrong, and says so.
     ASSERT_EQ(chmod(USB_DAEMON_FIFO, 0600), 0);
     EXPECT_EQ(ctl({"status"}), 1);

@@ -1,4 +1,5 @@
-// evm_log while a line goes out: sent exit signals wait, faults reach their handler at once.
+// evm_log while a line goes out: sent exit signals wait, faults reach their handler at once; the copy on
+// standard error and the journal.
 #include "daemonHarness.h"
 #include "evmLog.h"
 
@@ -9,6 +10,8 @@
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
+#include <string>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -67,6 +70,41 @@ TEST(evmLogTest, whileALineGoesOutOnlySentExitSignalsWaitAndFaultsReachTheirHand
         }
         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == FAULT_EXIT) << status;
     }
+}
+
+// Under systemd standard error is the journal's stream, which already gets the line from syslog: no copy there.
+// Any other standard error (a terminal, the tests' pipe, a stale variable inherited by a child) keeps it.
+TEST(evmLogTest, theCopyOnStandardErrorIsLeftOutOnlyWhenStandardErrorIsTheJournalStream)
+{
+    int fds[2];
+    ASSERT_EQ(pipe2(fds, O_NONBLOCK), 0);
+    const int saved = dup(STDERR_FILENO);
+    ASSERT_GE(dup2(fds[1], STDERR_FILENO), 0);
+    struct stat st = {};
+    fstat(fds[1], &st);
+    const std::string self = std::to_string(st.st_dev) + ":" + std::to_string(st.st_ino);
+    const std::string other = std::to_string(st.st_dev) + ":" + std::to_string(st.st_ino + 1);
+    evmLogSetSink(nullptr);
+    std::string copied;
+    for (const std::string &stream : {self, other, std::string()}) {
+        if (stream.empty()) {
+            unsetenv("JOURNAL_STREAM");
+        } else {
+            setenv("JOURNAL_STREAM", stream.c_str(), 1);
+        }
+        evm_log(6, "main", 1, "journal %s", stream.c_str());
+        char buf[512];
+        const ssize_t n = read(fds[0], buf, sizeof buf);
+        copied += n > 0 ? std::string(buf, static_cast<size_t>(n)) : "-\n";
+    }
+    unsetenv("JOURNAL_STREAM");
+    dup2(saved, STDERR_FILENO);
+    close(saved);
+    close(fds[0]);
+    close(fds[1]);
+    const std::string pid = std::to_string(getpid());
+    EXPECT_EQ(copied, "-\ntarnhold[" + pid + "] <6> main:1: journal " + other + "\ntarnhold[" + pid +
+                          "] <6> main:1: journal \n");
 }
 
 } // namespace

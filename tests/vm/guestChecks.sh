@@ -1,0 +1,316 @@
+#!/bin/bash
+# Inside the guest (started by systemd once the system is up, see vmTest.sh):
+# installs the packages and runs the checks in CHECKS, in order, each once.
+# Every check is a function that prints what it saw and returns non-zero on
+# failure; `check` records "PASS name (seconds) text" or "FAIL ..." in
+# checks.txt on the results share, followed by "DONE" at the end.
+# To add a check: write a function and put its name in CHECKS where the
+# state it needs exists (the service runs from `installed` to `stopped`).
+set -u
+export PATH=/usr/sbin:/usr/bin:/sbin:/bin
+work=$(sed -n 's/.*tarnhold\.vm=\([^ ]*\).*/\1/p' /proc/cmdline)
+src=$(cd "$(dirname "$0")/../.." && pwd)
+results=/run/tarnhold-vm
+mkdir -p "$results"
+mount -t 9p -o trans=virtio,version=9p2000.L results "$results" || echo "vm: no results share" >/dev/console
+out="$results/checks.txt"
+figures="$results/figures.txt"
+: >"$out"
+: >"$figures"
+
+FIFO=/tmp/qx-usb-daemon-fifo
+PIDFILE=/var/run/tarnhold.pid
+NODE=/dev/corvanta_hid_backdoor
+SIM_SOCKET=/run/tarnhold-sim.sock
+SIM_READY=/run/tarnhold-sim.ready
+UNIT=tarnhold.service
+
+CHECKS="setup installed startupUpgrade access renumberedNode homeUpgrades fans journalOnce crashRestart watchdogRestart
+ exposure stopped purged"
+only=$(sed -n 's/.*tarnhold\.vmchecks=\([^ ]*\).*/\1/p' /proc/cmdline)
+[ "$only" = all ] || CHECKS=${only//,/ }
+
+check() { # NAME: runs the function NAME and records its result
+    local name=$1 text rc t0=$(uptimeS)
+    text=$("$name" 2>&1)
+    rc=$?
+    text=$(echo "$text" | tr '\n' ' ' | sed 's/  */ /g; s/ $//')
+    text="($(echo "$t0 $(uptimeS)" | awk '{printf "%.1f", $2 - $1}') s) $text"
+    if [ "$rc" = 0 ]; then
+        echo "PASS $name $text" | tee -a "$out" >/dev/console
+    else
+        echo "FAIL $name $text" | tee -a "$out" >/dev/console
+    fi
+}
+
+figure() { echo "$*" >>"$figures"; }
+
+# Polls COMMAND every 0.1 s until it succeeds or SECONDS of real time pass.
+waitFor() { # SECONDS COMMAND...
+    local end=$(($(date +%s%N) + $1 * 1000000000))
+    shift
+    until "$@" >/dev/null 2>&1; do
+        [ "$(date +%s%N)" -lt "$end" ] || return 1
+        sleep 0.1
+    done
+}
+
+uptimeS() { cut -d' ' -f1 /proc/uptime; }
+prop() { systemctl show -P "$1" "$UNIT"; }
+ctl() { tarnholdctl --timeout 30 "$@"; }
+
+# One control command to the simulator; its output without the final "ok".
+sim() {
+    /usr/bin/python3 - "$SIM_SOCKET" "$*" <<'PY'
+import socket, sys
+s = socket.socket(socket.AF_UNIX)
+s.connect(sys.argv[1])
+s.sendall((sys.argv[2] + "\n").encode())
+data = b""
+while not (data.endswith(b"ok\n") or b"error:" in data):
+    chunk = s.recv(65536)
+    if not chunk:
+        break
+    data += chunk
+text = data.decode(errors="replace")
+sys.stdout.write(text[:-3] if text.endswith("ok\n") else text)
+sys.exit(0 if text.endswith("ok\n") else 1)
+PY
+}
+
+# The simulated appliance and its buses, before anything of tarnhold is installed.
+# The simulator runs from the build folder: installing its package costs a
+# minute of dpkg in the guest and proves nothing the checks need.
+setup() {
+    figure "boot: kernel start to checks $(uptimeS) s"
+    # man-db's trigger would rebuild its index over the share for minutes.
+    rm -f /var/lib/man-db/auto-update
+    echo "install picdev /sbin/insmod $work/kmod/picdev.ko" >/etc/modprobe.d/tarnhold-vm.conf
+    modprobe cuse || { echo "no cuse module"; return 1; }
+    modprobe i2c-stub chip_addr=0x1b || { echo "no i2c-stub module"; return 1; }
+    if lsmod | grep -q '^i2c_dev '; then echo "i2c-dev already loaded: the unit's own loading goes unchecked"; return 1; fi
+    [ -d /var/crash ] && crashBefore=1 || crashBefore=0
+    echo "$crashBefore" >/run/tarnhold-vm-crash-before
+    cp "$work/briska-pic-client.hex" /usr/sbin/briska-pic-client.hex
+    modprobe picdev || { echo "modprobe picdev failed"; return 1; }
+    cat >/run/systemd/system/tarnhold-sim-cuse.service <<EOF
+[Unit]
+Description=simulated appliance on a CUSE device
+[Service]
+ExecStart=$work/../sim/tarnhold-sim-cuse --control $SIM_SOCKET --module picdev --renumber --ready-file $SIM_READY
+EOF
+    systemctl daemon-reload
+    systemctl start tarnhold-sim-cuse.service || { echo "simulator does not start"; return 1; }
+    waitFor 30 test -s "$SIM_READY" -a -c "$NODE" ||
+        { echo "no $NODE"; journalctl -b -u tarnhold-sim-cuse -n 5 --no-pager; return 1; }
+    waitFor 10 test -S "$SIM_SOCKET" || { echo "no control socket"; return 1; }
+    echo "simulator serves $NODE as $(cat "$SIM_READY"), $(grep corvanta /proc/devices | head -n1), i2c-stub at 0x1b"
+}
+
+# dpkg -i starts the service and, the unit being Type=notify, returns only once
+# it is ready: after the start-up upgrade, with the request FIFO read.
+installed() {
+    dpkg -i "$work"/debs/tarnhold_*.deb >/run/dpkg.log 2>&1 || { tail -n 3 /run/dpkg.log; return 1; }
+    ctl --timeout 5 raw 200 >/dev/null
+    local served=$? enabled active mode
+    enabled=$(systemctl is-enabled "$UNIT")
+    active=$(systemctl is-active "$UNIT")
+    mode=$(stat -c '%A %U:%G' "$FIFO" 2>&1)
+    echo "$UNIT $enabled, $active; /var/crash $(stat -c %A /var/crash 2>&1); $FIFO $mode;"
+    echo "group tarnhold: $(getent group tarnhold >/dev/null && echo made || echo missing);"
+    prop MainPID >/run/tarnhold-vm-pid
+    [ "$enabled" = enabled ] && [ "$active" = active ] && [ -d /var/crash ] && [ "$mode" = "prw--w---- root:tarnhold" ] &&
+        [ -f /usr/lib/sysusers.d/tarnhold.conf ] && getent group tarnhold >/dev/null ||
+        { journalctl -b -u "$UNIT" -n 5 --no-pager -o cat; return 1; }
+    [ "$served" = 1 ] || { echo "a request right after dpkg -i returned was not answered (exit $served)"; return 1; }
+    echo "a request right after dpkg -i returned was answered;"
+    lsmod | grep -q '^i2c_dev ' || { echo "but i2c-dev was not loaded"; return 1; }
+}
+
+startupUpgrade() {
+    ctl --timeout 150 raw 200 >/dev/null
+    local rc=$? answered started ready
+    answered=$(uptimeS)
+    started=$(prop ExecMainStartTimestampMonotonic)
+    ready=$(prop ActiveEnterTimestampMonotonic)
+    figure "service start to ready (systemctl start returns): $(echo "$ready $started" | awk '{printf "%.1f", ($1 - $2) / 1e6}') s"
+    figure "service start to first answered request: $(echo "$answered $started" | awk '{printf "%.1f", $1 - $2 / 1e6}') s"
+    [ "$rc" = 1 ] || { echo "raw 200 exited with $rc, not 1 (code 200 answered with 8)"; return 1; }
+    [ "$(prop StatusText)" = "Serving requests" ] || { echo "status line: $(prop StatusText)"; return 1; }
+    journalctl -b -u "$UNIT" -o cat | grep -q 'QX_TRACE_PRINTF-Upgrading HID Application' ||
+        { echo "no upgrade in the journal"; return 1; }
+    local info status
+    id thmember >/dev/null 2>&1 || useradd -r -M -s /usr/sbin/nologin -G tarnhold thmember
+    info=$(runuser -u thmember -- tarnholdctl --timeout 30 get-info 2>&1) || { echo "get-info as a member: $info"; return 1; }
+    status=$(runuser -u thmember -- tarnholdctl --timeout 30 status 2>&1) || { echo "status as a member: $status"; return 1; }
+    echo "$status" | grep -q '^systemd: *OK: active (running): Serving requests' || { echo "status: $status"; return 1; }
+    echo "upgraded, then as a member of tarnhold: get-info result 0, status all well ($(echo "$status" | grep -c ': *OK') OK)"
+}
+
+# Only root and the members of group tarnhold reach the service.
+access() {
+    id thother >/dev/null 2>&1 || useradd -r -M -s /usr/sbin/nologin thother
+    local out rc
+    out=$(runuser -u thother -- tarnholdctl --timeout 5 raw 200 2>&1)
+    rc=$?
+    [ "$rc" = 6 ] && echo "$out" | grep -q 'usermod -aG tarnhold' || { echo "non-member: exit $rc: $out"; return 1; }
+    for u in thother nobody; do
+        if runuser -u "$u" -- timeout 5 sh -c "head -c 244 /dev/zero >$FIFO" 2>/dev/null; then
+            echo "$u wrote a record into the request FIFO"
+            return 1
+        fi
+    done
+    echo "a non-member is told how to get in (exit 6); neither it nor nobody can write a record"
+}
+
+# The start-up upgrade's USB resets unloaded and loaded picdev; the simulator
+# served the node again each time, under another number every other time.
+renumberedNode() {
+    local numbers
+    numbers=$(journalctl -b -u tarnhold-sim-cuse -o cat | sed -n 's/.*: serving .* as //p' | tr '\n' ' ')
+    echo "node served as: $numbers; MainPID $(prop MainPID), NRestarts $(prop NRestarts);"
+    [ "$(echo "$numbers" | wc -w)" -ge 3 ] && [ "$(echo "$numbers" | tr ' ' '\n' | sed '/^$/d' | sort -u | wc -l)" -ge 2 ] ||
+        { echo "the node did not come back under another number"; return 1; }
+    [ "$(prop MainPID)" = "$(cat /run/tarnhold-vm-pid)" ] && [ "$(prop NRestarts)" = 0 ] ||
+        { echo "the service was restarted"; return 1; }
+    ctl get-info >/dev/null || { echo "get-info fails after the reloads"; return 1; }
+    echo "get-info served after the reloads"
+}
+
+homeUpgrades() {
+    head -c 1048576 /dev/urandom >/root/fpga.bin
+    cp "$src/tests/data/jbc/idcode.jbc" /root/idcode.jbc
+    local t0=$(uptimeS) text
+    text=$(TMPDIR=/root tarnholdctl --timeout 200 fpga-upgrade /root/fpga.bin 2>&1) || { echo "fpga: $text"; return 1; }
+    figure "FPGA upgrade, 1 MiB: $(echo "$t0 $(uptimeS)" | awk '{printf "%.1f", $2 - $1}') s"
+    text=$(sim fpga-compare /root/fpga.bin 2>&1) || { echo "FPGA flash: $text"; return 1; }
+    t0=$(uptimeS)
+    text=$(TMPDIR=/root tarnholdctl --timeout 200 cpld-upgrade /root/idcode.jbc 2>&1) || { echo "cpld: $text"; return 1; }
+    figure "CPLD upgrade: $(echo "$t0 $(uptimeS)" | awk '{printf "%.1f", $2 - $1}') s"
+    text=$(sim cpld-compare /root/idcode.jbc 2>&1) || { echo "CPLD flash: $text"; return 1; }
+    echo "FPGA and CPLD upgraded from /root with the reply FIFO in /root; flash equal to both files"
+}
+
+fans() {
+    local reg4 reg6
+    ctl fan set 12 >/dev/null || { echo "fan set 12 failed"; return 1; }
+    reg4=$(i2cget -y 0 0x1b 4) && reg6=$(i2cget -y 0 0x1b 6) || { echo "i2cget failed"; return 1; }
+    echo "fan set 12: control $reg4, level $reg6;"
+    [ $((reg4 & 1)) = 0 ] && [ "$reg6" = 0x0c ] || return 1
+    ctl fan set auto >/dev/null || { echo "fan set auto failed"; return 1; }
+    reg4=$(i2cget -y 0 0x1b 4)
+    echo "fan set auto: control $reg4"
+    [ "$reg4" = 0x21 ] || return 1
+    [ "$(ctl --json fan | grep -o '"mode":"[a-z]*"')" = '"mode":"automatic"' ] || { echo "fan reads back otherwise"; return 1; }
+}
+
+# Every line once, through syslog with its priority; none copied from standard error.
+journalOnce() {
+    journalctl -b -u "$UNIT" -o json --output-fields=MESSAGE,PRIORITY,_TRANSPORT,SYSLOG_IDENTIFIER |
+        /usr/bin/python3 -c '
+import json, sys, collections
+lines = [json.loads(l) for l in sys.stdin if l.strip()]
+logged = [l for l in lines if l.get("_TRANSPORT") == "syslog"]
+copies = [l for l in lines if l.get("_TRANSPORT") == "stdout" and "] <" in str(l.get("MESSAGE"))]
+prefixed = [l for l in logged if str(l.get("MESSAGE")).startswith("tarnhold[")]
+def prio(text):
+    return {l["PRIORITY"] for l in logged if text in str(l.get("MESSAGE"))}
+print(f"{len(logged)} syslog lines, {len(copies)} copies from standard error, {len(prefixed)} with the prefix inside;")
+ok = logged and not copies and not prefixed
+for text, want in (("QX_TRACE_PRINTF-Upgrading HID Application", "6"),
+                   ("qxLoaderVerifyApplicationCode: Verification Success!", "5")):
+    got = prio(text)
+    print(f"\"{text}\" priority {sorted(got)};")
+    ok = ok and got == {want}
+sys.exit(0 if ok else 1)'
+}
+
+crashRestart() {
+    local pid new exited restarted
+    pid=$(prop MainPID)
+    [ "$pid" -gt 0 ] || { echo "no daemon running"; return 1; }
+    kill -SEGV "$pid"
+    waitFor 20 test -e "/var/crash/tarnhold-$pid-11.log" || { echo "no crash log for $pid"; return 1; }
+    # The FIFO is gone until the restarted daemon makes it again.
+    waitFor 10 test ! -e "$FIFO" || { echo "the FIFO stayed"; return 1; }
+    waitFor 30 test -p "$FIFO" || { echo "not running again"; return 1; }
+    new=$(prop MainPID)
+    [ "$new" -gt 0 ] && [ "$new" != "$pid" ] || { echo "MainPID $new"; return 1; }
+    # From the crashed process's end to the new one's start, by systemd's own clock: RestartSec
+    # and the stop and start around it (up to 2 s more in an emulated guest).
+    exited=$(journalctl -b -u "$UNIT" -o json --output-fields=MESSAGE | grep -E 'Main process exited|Deactivated successfully' | tail -n 1 |
+        sed -n 's/.*"__MONOTONIC_TIMESTAMP" *: *"\([0-9]*\)".*/\1/p')
+    restarted=$(prop ExecMainStartTimestampMonotonic)
+    local ms=$(((restarted - exited) / 1000))
+    figure "crashed process's end to the restarted one's start: $ms ms (RestartSec 5 s)"
+    echo "crash log /var/crash/tarnhold-$pid-11.log, FIFO removed, running again as $new $ms ms after the crash"
+    [ -n "$exited" ] && [ "$ms" -ge 5000 ] && [ "$ms" -le 7000 ] || { echo "not within RestartSec"; return 1; }
+    ctl raw 200 >/dev/null
+    [ $? = 1 ] || { echo "no answer after the restart"; return 1; }
+}
+
+restartedFrom() { [ "$(prop MainPID)" != "$1" ] && [ "$(systemctl is-active "$UNIT")" = active ]; }
+
+# A daemon that stops answering (SIGSTOP stands in for a hang in a driver call)
+# is aborted by the watchdog and started again.
+watchdogRestart() {
+    local pid new t0=$(uptimeS)
+    pid=$(prop MainPID)
+    kill -STOP "$pid"
+    # WatchdogSec 30 s, TimeoutAbortSec 10 s, RestartSec 5 s, and the new start-up.
+    waitFor 120 restartedFrom "$pid" ||
+        { echo "not restarted: MainPID $(prop MainPID), $(systemctl is-active "$UNIT")"; return 1; }
+    new=$(prop MainPID)
+    figure "SIGSTOP to running again (watchdog): $(echo "$t0 $(uptimeS)" | awk '{printf "%.1f", $2 - $1}') s"
+    journalctl -b -u "$UNIT" -o cat | grep -q -i 'watchdog timeout' || { echo "restarted, but not by the watchdog"; return 1; }
+    ctl raw 200 >/dev/null
+    [ $? = 1 ] || { echo "no answer after the restart"; return 1; }
+    echo "stopped daemon $pid aborted by the watchdog, running again as $new and answering"
+}
+
+exposure() {
+    local e
+    e=$(systemd-analyze security "$UNIT" 2>&1 | sed -n 's/.*Overall exposure level for tarnhold.service: \([0-9.]*\).*/\1/p')
+    figure "systemd-analyze security exposure: $e"
+    echo "exposure $e"
+    awk -v e="$e" 'BEGIN { exit !(e != "" && e <= 3.0) }'
+}
+
+stopped() {
+    systemctl stop "$UNIT"
+    local result status
+    result=$(prop Result)
+    status=$(prop ExecMainStatus)
+    echo "Result $result, status $status, FIFO $([ -e "$FIFO" ] && echo present || echo gone), pid file $([ -e "$PIDFILE" ] && echo present || echo gone)"
+    [ "$result" = success ] && [ "$status" = 0 ] && [ ! -e "$FIFO" ] && [ ! -e "$PIDFILE" ]
+}
+
+purged() {
+    systemctl start "$UNIT"
+    waitFor 30 test -p "$FIFO"
+    dpkg --purge tarnhold >/run/dpkg-purge.log 2>&1 || { tail -n 3 /run/dpkg-purge.log; return 1; }
+    local left=
+    pgrep -x tarnhold >/dev/null && left="$left a running daemon,"
+    [ "$(systemctl is-active "$UNIT")" = active ] && left="$left an active service,"
+    systemctl is-enabled "$UNIT" >/dev/null 2>&1 && left="$left an enabled service,"
+    for f in /usr/sbin/tarnhold /usr/bin/tarnholdctl /usr/lib/systemd/system/tarnhold.service \
+        /etc/systemd/system/multi-user.target.wants/tarnhold.service /etc/systemd/system/tarnhold.service \
+        "$FIFO" "$PIDFILE" /run/tarnhold.pid /usr/lib/tmpfiles.d/tarnhold.conf /usr/lib/sysusers.d/tarnhold.conf; do
+        [ -e "$f" ] || [ -L "$f" ] && left="$left $f,"
+    done
+    ls /var/crash/tarnhold-* >/dev/null 2>&1 && left="$left crash logs,"
+    [ "$(cat /run/tarnhold-vm-crash-before)" = 0 ] && [ -e /var/crash ] && left="$left /var/crash,"
+    ls /var/lib/systemd/deb-systemd-helper-enabled/ 2>/dev/null | grep -q tarnhold && left="$left deb-systemd-helper state,"
+    dpkg -s tarnhold >/dev/null 2>&1 && left="$left the package's dpkg record,"
+    [ -z "$left" ] || { echo "left behind:$left"; return 1; }
+    echo "stopped, disabled, nothing left"
+}
+
+for name in $CHECKS; do
+    check "$name"
+done
+echo DONE >>"$out"
+# For a look afterwards (VM_KEEP=1): the service's and the simulator's journal.
+journalctl -b -u "$UNIT" -u tarnhold-sim-cuse -o short-monotonic --no-pager >"$results/journal.txt" 2>&1
+sync
+exit 0
