@@ -415,6 +415,14 @@ void __soakFault(size_t index)
         if (!simOffBus()) {
             __soakFail(std::string(f.name) + ": the board came back early");
         }
+        // More asked while away: relays fail, host-held requests stay answered.
+        for (uint64_t n = soak.rng() % 16; n > 0; --n) {
+            const bool relayed = soak.rng() % 2 == 0;
+            if (__soakRequest(relayed ? soakKind::RELAY : soakKind::HOST_HELD) != (relayed ? -1 : 0)) {
+                __soakFail(std::string(f.name) + (relayed ? ": a relay answered" : ": host-held request failed") +
+                           " while away");
+            }
+        }
         simAdvanceUs(f.awayUs);
         if (simOffBus()) {
             __soakFail(std::string(f.name) + ": the board did not come back");
