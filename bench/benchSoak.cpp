@@ -159,9 +159,14 @@ struct soakFault {
     int settle = 0;
     // The result when the request draws sequence number 0, which a cleared response already carries.
     int32_t underZero = SOAK_AS_ABOVE;
+    // The board away for this long (virtual time) from the fault's arming; the plain request waits for its return.
+    uint64_t awayUs = 0;
 };
 
-const std::array<soakFault, 24> SOAK_FAULTS = {{
+// The board off the bus for 1.5 s: descriptors opened before fail with ENODEV for good.
+constexpr uint64_t SOAK_AWAY_US = 1'500'000;
+
+const std::array<soakFault, 28> SOAK_FAULTS = {{
     {"lost reply", soakKind::STEALTH, [] { simSetReplyFault(simReplyFault::NO_REPLY, 1); }, 1},
     {"late reply", soakKind::STEALTH, [] { simSetReplyDelayReads(2); }, 0},
     {"reply under another number", soakKind::STEALTH, [] { simSetReplyFault(simReplyFault::WRONG_SEQ, 1); }, 0},
@@ -192,6 +197,22 @@ const std::array<soakFault, 24> SOAK_FAULTS = {{
     {"CPLD run never completes", soakKind::CPLD, [] { simSetUpgradeFault(simUpgradeFault::RUN_NEVER_COMPLETES, 1); },
      0},
     {"bootloader busy", soakKind::PIC32, [] { simSetDriverBusyPolls(5); }, 0},
+    // Asked while away: the ENODEV re-opens at once, the node is missing and the link closes; the first request
+    // after the return heals it and is served.
+    {"off the bus, asked while away", soakKind::RELAY, [] { simDropOffBus(SOAK_AWAY_US); }, -1, false, 0,
+     SOAK_AS_ABOVE, SOAK_AWAY_US},
+    // Nothing asked while away: the first request after the return finds the old descriptor dead and re-opens, the
+    // second is served.
+    {"off the bus, back before asked", soakKind::RELAY,
+     [] { simDropOffBus(SOAK_AWAY_US), simAdvanceUs(SOAK_AWAY_US); }, -1},
+    // 20 blocks of the application's 74 refused from its 30th: the bootloader stays, the pass programs again.
+    {"programming blocks refused", soakKind::PIC32, [] { simFailIoctl(PIC_HID_PIC32_PROGRAM, EIO, 20, 29); }, 0},
+    // Power lost after the erase and 40 blocks; the bootloader then starts what is written, and the next pass
+    // finds the flash unlike the image and programs it again.
+    {"power loss, app-starting bootloader", soakKind::PIC32, [] {
+         simSetBootloaderStartsWrittenApp(true);
+         simPowerLossAfter(41);
+     }, 0},
 }};
 
 constexpr uint8_t SOAK_LEDS = QX_HID_CMD_SET_LEDS;
@@ -295,6 +316,11 @@ int32_t __soakPic32Upgrade()
     if (rc == 0 && !std::equal(qxFileGetData(), qxFileGetData() + len, simFlash().begin())) {
         __soakFail("microcontroller flash differs from the firmware file");
     }
+    const simSlot claim = simGetSlot(QX_SLOT_FIRMWARE);
+    if (rc == 0 && (claim.word0 != static_cast<uint32_t>(len) || claim.len != 16 ||
+                    !std::equal(md5, md5 + 16, claim.data) || simGetMode() != simMode::APPLICATION)) {
+        __soakFail("slot 4 does not claim the installed firmware, or the application does not run");
+    }
     return rc;
 }
 
@@ -384,6 +410,24 @@ void __soakFault(size_t index)
     // Delays are settings, not counted faults: they end with the request they were armed for.
     simSetReplyDelayReads(0);
     simSetReplyDelayUs(QX_HID_CMD_SHUTDOWN, 0);
+    simSetBootloaderStartsWrittenApp(false);
+    if (f.awayUs != 0) {
+        if (!simOffBus()) {
+            __soakFail(std::string(f.name) + ": the board came back early");
+        }
+        // More asked while away: relays fail, host-held requests stay answered.
+        for (uint64_t n = soak.rng() % 16; n > 0; --n) {
+            const bool relayed = soak.rng() % 2 == 0;
+            if (__soakRequest(relayed ? soakKind::RELAY : soakKind::HOST_HELD) != (relayed ? -1 : 0)) {
+                __soakFail(std::string(f.name) + (relayed ? ": a relay answered" : ": host-held request failed") +
+                           " while away");
+            }
+        }
+        simAdvanceUs(f.awayUs);
+        if (simOffBus()) {
+            __soakFail(std::string(f.name) + ": the board did not come back");
+        }
+    }
     if (result != SOAK_SETTLES && rc != result) {
         __soakFail(std::string(f.name) + ": result " + std::to_string(rc) + ", the rules give " +
                    std::to_string(result));

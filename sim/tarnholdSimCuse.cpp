@@ -1,7 +1,8 @@
 // tarnhold-sim-cuse: the simulated appliance behind a real character device.
 // The model's picdev node is served as /dev/corvanta_hid_backdoor through
 // CUSE, for a real kernel and a real service manager; the node follows a real
-// (stand-in) picdev module: it exists only while /sys/module/picdev does.
+// (stand-in) picdev module: it exists only while /sys/module/picdev does,
+// and while the model offers it (not while the board is off the bus).
 // One thread: the CUSE session, the control connections and the module
 // check share one poll loop, so the model is never called concurrently.
 #define FUSE_USE_VERSION 35
@@ -31,7 +32,8 @@ namespace {
 
 constexpr const char *TARNHOLD_SIM_CUSE = "tarnhold-sim-cuse";
 constexpr int TARNHOLD_SIM_CUSE_EXIT_USAGE = 2;
-// How often the module's presence is looked at, and how long a stop waits.
+// How often the module's presence and the model's node are looked at, and how
+// long a stop waits.
 constexpr int TARNHOLD_SIM_CUSE_POLL_MS = 50;
 constexpr const char *TARNHOLD_SIM_CUSE_MODULE = "picdev"; // the model's own name for its driver
 constexpr unsigned TARNHOLD_SIM_CUSE_MINORS = 1U << 20; // MINORBITS
@@ -73,10 +75,12 @@ void __tarnholdSimCuseUsage(FILE *out)
                  "character device through CUSE (needs root and /dev/cuse: modprobe cuse), while\n"
                  "the kernel module NAME is loaded (/sys/module/NAME exists): when it is\n"
                  "unloaded the node goes and the model sees the driver unloaded; when it is\n"
-                 "loaded again the node comes back and the model sees the driver loaded. What\n"
-                 "the driver reads by address it reads in the caller's memory. Runs until\n"
-                 "SIGTERM, SIGINT or SIGHUP; status %d: set-up failed. Under systemd\n"
-                 "(Type=notify) it reports ready once the node is served.\n"
+                 "loaded again the node comes back and the model sees the driver loaded.\n"
+                 "While the board is off the bus (fault off-bus) the node is removed in the\n"
+                 "same way, and served again within %d ms of its return. What the driver\n"
+                 "reads by address it reads in the caller's memory. Runs until SIGTERM,\n"
+                 "SIGINT or SIGHUP; status %d: set-up failed. Under systemd (Type=notify) it\n"
+                 "reports ready once the node is served.\n"
                  "\n"
                  "%s"
                  "  --module NAME       the kernel module the node follows (default picdev)\n"
@@ -85,7 +89,8 @@ void __tarnholdSimCuseUsage(FILE *out)
                  "  --ready-file PATH   while the node is served, PATH holds its MAJOR:MINOR\n"
                  "  --help              this text\n"
                  "\n%s%s",
-                 TARNHOLD_SIM_NODE_NAME, TARNHOLD_SIM_CUSE_EXIT_USAGE, tarnholdSimModelOptionUsage(),
+                 TARNHOLD_SIM_NODE_NAME, TARNHOLD_SIM_CUSE_POLL_MS, TARNHOLD_SIM_CUSE_EXIT_USAGE,
+                 tarnholdSimModelOptionUsage(),
                  tarnholdSimControlUsage(), tarnholdSimUpgradeUsage());
 }
 
@@ -352,6 +357,15 @@ void __tarnholdSimCuseFollowModule()
     }
 }
 
+// The model's node as its clock has it now: a board off the bus comes back
+// when its time is up, with nobody asking. The loop then serves the node
+// again (or ends the session when it went), as for the module.
+void __tarnholdSimCuseFollowModel()
+{
+    std::lock_guard<std::mutex> lock(tarnholdSimModelLock());
+    __tarnholdSimCuseSync();
+}
+
 void __tarnholdSimCuseConnectionReadable(size_t index)
 {
     tarnholdSimCuseConnection &c = cuse.connections[index];
@@ -420,6 +434,7 @@ void __tarnholdSimCuseLoop()
         }
         std::erase_if(cuse.connections, [](const tarnholdSimCuseConnection &c) { return c.fd < 0; });
         __tarnholdSimCuseFollowModule();
+        __tarnholdSimCuseFollowModel();
         __tarnholdSimCuseNotifyReady();
     }
 }
