@@ -585,7 +585,7 @@ int main(int argc, char **argv)
                 static_cast<double>(simVirtualNowUs()) / 3.6e9, wall, usage.ru_maxrss,
                 static_cast<unsigned long long>(baseHeap), static_cast<unsigned long long>(heap), baseFds, fds);
     for (size_t f = 0; f < SOAK_FAULTS.size(); ++f) {
-        std::printf("  %-34s %llu\n", SOAK_FAULTS[f].name, static_cast<unsigned long long>(soak.faults[f]));
+        std::printf("  %-36s %llu\n", SOAK_FAULTS[f].name, static_cast<unsigned long long>(soak.faults[f]));
     }
     qxUsbCleanUp();
     simInProcessUninstall();
