@@ -116,7 +116,9 @@ void __statusSystemd()
     }
     pclose(show);
     if (active.empty()) {
-        __statusAdd("systemd", statusState::FAILED, "systemctl does not know tarnhold.service");
+        // An unknown unit still has an ActiveState: nothing at all means systemctl
+        // could not ask, as an account other than root without the system D-Bus.
+        __statusAdd("systemd", statusState::UNAVAILABLE, "not available: systemctl gave no answer");
         return;
     }
     // Starting counts as well: the status line says how far the start-up upgrade is.
@@ -160,22 +162,25 @@ void __statusDaemonOptions(pid_t pid, std::string &file, std::string &group)
     }
 }
 
-std::string __statusUserName(uid_t uid)
+// An account's or a group's name from its number (getpwuid_r, getgrgid_r),
+// the number itself when the database has none.
+template <typename Entry, typename Id>
+std::string __statusName(Id id, int (*lookup)(Id, Entry *, char *, size_t, Entry **), char *Entry::*name)
 {
     char buf[4096];
-    passwd entry = {};
-    passwd *found = nullptr;
-    return getpwuid_r(uid, &entry, buf, sizeof buf, &found) == 0 && found != nullptr ? found->pw_name
-                                                                                      : std::to_string(uid);
+    Entry entry = {};
+    Entry *found = nullptr;
+    return lookup(id, &entry, buf, sizeof buf, &found) == 0 && found != nullptr ? found->*name : std::to_string(id);
+}
+
+std::string __statusUserName(uid_t uid)
+{
+    return __statusName(uid, getpwuid_r, &passwd::pw_name);
 }
 
 std::string __statusGroupName(gid_t gid)
 {
-    char buf[4096];
-    group entry = {};
-    group *found = nullptr;
-    return getgrgid_r(gid, &entry, buf, sizeof buf, &found) == 0 && found != nullptr ? found->gr_name
-                                                                                      : std::to_string(gid);
+    return __statusName(gid, getgrgid_r, &group::gr_name);
 }
 
 // The FIFO against the daemon's policy: its own user as owner, and with

@@ -100,6 +100,9 @@ Description=simulated appliance on a CUSE device
 ExecStart=$work/../sim/tarnhold-sim-cuse --control $SIM_SOCKET --module picdev --renumber --ready-file $SIM_READY
 EOF
     systemctl daemon-reload
+    # The system bus, as on a booted appliance: tarnholdctl status asks systemctl
+    # for the service's state, which an account other than root gets through it.
+    systemctl start dbus.service || { echo "no D-Bus"; return 1; }
     systemctl start tarnhold-sim-cuse.service || { echo "simulator does not start"; return 1; }
     waitFor 30 test -s "$SIM_READY" -a -c "$NODE" ||
         { echo "no $NODE"; journalctl -b -u tarnhold-sim-cuse -n 5 --no-pager; return 1; }
