@@ -76,6 +76,10 @@ for m in $initmods; do
     cp "$ko" "$work/initramfs/lib/"
 done
 cp /bin/busybox "$work/initramfs/bin/busybox"
+tmpBinds=
+for d in "$src" "$build"; do
+    case "$d" in /tmp/*) tmpBinds="$tmpBinds $d" ;; esac
+done
 cat >"$work/initramfs/init" <<EOF
 #!/bin/busybox sh
 /bin/busybox --install -s /bin
@@ -98,6 +102,8 @@ mount -t sysfs sysfs /root/sys
 mount --move /dev /root/dev
 mount -t tmpfs -o mode=0755,nosuid,nodev tmpfs /root/run
 mount -t tmpfs -o mode=1777,nosuid,nodev tmpfs /root/tmp
+# A checkout or build folder under the machine's /tmp stays visible through its own.
+for d in $tmpBinds; do mkdir -p /root\$d && mount --bind /host\$d /root\$d; done
 exec switch_root /root /lib/systemd/systemd
 EOF
 chmod 755 "$work/initramfs/init"
