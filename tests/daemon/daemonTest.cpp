@@ -30,7 +30,6 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <tuple>
 #include <unistd.h>
 
@@ -70,15 +69,34 @@ int __fakeSelect(int nfds, fd_set *readSet, fd_set *, fd_set *, timeval *timeout
     return vt.readableStepUs > 0 ? 1 : 0;
 }
 
-class mainLoopTest : public ::testing::Test {
+// The loop's request pipe, and a folder for reply FIFOs removed with it.
+struct loopRequests {
+    loopRequests()
+    {
+        int fds[2];
+        EXPECT_EQ(pipe2(fds, O_NONBLOCK | O_CLOEXEC), 0);
+        requestRead_.reset(fds[0]);
+        requestWrite_.reset(fds[1]);
+        EXPECT_NE(mkdtemp(dir_.data()), nullptr);
+    }
+    ~loopRequests() { fs::remove_all(dir_); }
+    // Sends a record of `code` whose clientFifo holds `path`, NUL-terminated only when shorter than the field.
+    void send(const std::string &path, uint8_t code = 200, size_t len = sizeof(usbDaemonRequest))
+    {
+        usbDaemonRequest r = {};
+        memcpy(r.clientFifo, path.data(), std::min(path.size(), sizeof r.clientFifo));
+        r.cmd[0] = code;
+        ASSERT_EQ(write(requestWrite_.get(), &r, len), ssize_t(len));
+    }
+    uniqueFd requestRead_, requestWrite_;
+    std::string dir_ = "/tmp/loopRequests.XXXXXX";
+};
+
+class mainLoopTest : public ::testing::Test, protected loopRequests {
 protected:
     void SetUp() override
     {
         vt = {};
-        int fds[2];
-        ASSERT_EQ(pipe2(fds, O_NONBLOCK | O_CLOEXEC), 0);
-        requestRead_.reset(fds[0]);
-        requestWrite_.reset(fds[1]);
         mainLoopSetRequestFd(vt.requestFd = requestRead_.get());
         platformSys.select = __fakeSelect;
         platformSys.msSince1970 = [] { return vt.nowUs / 1000; };
@@ -87,13 +105,11 @@ protected:
             vt.beepsAtUs.push_back(vt.nowUs);
             vt.requestBytesAtBeep.push_back(pending(vt.requestFd));
         };
-        ASSERT_NE(mkdtemp(dir_.data()), nullptr);
     }
     void TearDown() override
     {
         platformSys = PLATFORM_SYS_LIBC;
         mainHeartbeat = MAIN_HEARTBEAT_NONE;
-        fs::remove_all(dir_);
     }
     // A FIFO in the test's folder, open for reading.
     uniqueFd fifoReader(const std::string &name)
@@ -101,17 +117,6 @@ protected:
         EXPECT_EQ(mkfifo((dir_ + "/" + name).c_str(), 0600), 0);
         return uniqueFd(open((dir_ + "/" + name).c_str(), O_RDONLY | O_NONBLOCK));
     }
-    // Sends a record whose clientFifo holds `path`, NUL-terminated only when shorter than the field.
-    void send(const std::string &path, size_t len = sizeof(usbDaemonRequest))
-    {
-        usbDaemonRequest r = {};
-        memcpy(r.clientFifo, path.data(), std::min(path.size(), sizeof r.clientFifo));
-        r.cmd[0] = 200;
-        ASSERT_EQ(write(requestWrite_.get(), &r, len), ssize_t(len));
-    }
-
-    uniqueFd requestRead_, requestWrite_;
-    std::string dir_ = "/tmp/mainLoopTest.XXXXXX";
 };
 
 TEST_F(mainLoopTest, theWaitTimeoutIsTheIntervalAskedOnEveryPassPlus10Microseconds)
@@ -149,7 +154,7 @@ TEST_F(mainLoopTest, wholeRecordsAreServedOnePerPassAndRepliesGoOnlyIntoAFifoTha
     uniqueFd second = fifoReader("second");
     // Short records get no reply and no line; whole ones that wait together are served one per pass, in order.
     for (size_t shortLen : {size_t{100}, sizeof(usbDaemonRequest) - 1}) {
-        send(dir_ + "/reply", shortLen);
+        send(dir_ + "/reply", 200, shortLen);
         mainLoopPass();
     }
     send(dir_ + "/reply");
@@ -331,33 +336,21 @@ constexpr const char *APP_HEX = "/tmp/app.hex";
 constexpr const char *APP_INPUT_LINE = "platform input: /tmp/app.hex";
 
 // The loop on the in-process appliance: a client polling every 5 ms while the board drops off the bus.
-class mainLoopOnSim : public simLinkTest {
+class mainLoopOnSim : public simLinkTest, protected loopRequests {
 protected:
     void SetUp() override
     {
         simLinkTest::SetUp();
-        int fds[2];
-        ASSERT_EQ(pipe2(fds, O_NONBLOCK | O_CLOEXEC), 0);
-        requestRead_.reset(fds[0]);
-        requestWrite_.reset(fds[1]);
         mainLoopSetRequestFd(requestRead_.get());
-        ASSERT_NE(mkdtemp(dir_.data()), nullptr);
         ASSERT_EQ(mkfifo((dir_ + "/reply").c_str(), 0600), 0);
         replyRead_.reset(open((dir_ + "/reply").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-    }
-    void TearDown() override
-    {
-        simLinkTest::TearDown();
-        fs::remove_all(dir_);
     }
     int32_t poll(uint8_t code)
     {
         simAdvanceUs(5'000);
-        usbDaemonRequest r = {};
-        memcpy(r.clientFifo, (dir_ + "/reply").c_str(), dir_.size() + 7);
-        r.cmd[0] = code;
-        EXPECT_EQ(write(requestWrite_.get(), &r, sizeof r), ssize_t(sizeof r));
+        send(dir_ + "/reply", code);
         mainLoopPass();
+        usbDaemonRequest r = {};
         EXPECT_EQ(read(replyRead_.get(), &r, sizeof r), ssize_t(sizeof r));
         return r.result;
     }
@@ -367,8 +360,7 @@ protected:
         std::generate_n(std::back_inserter(results), count, [&] { return poll(QX_HID_CMD_GET_ALL_DRV_STATUS); });
         return results;
     }
-    uniqueFd requestRead_, requestWrite_, replyRead_;
-    std::string dir_ = "/tmp/mainLoopOnSim.XXXXXX";
+    uniqueFd replyRead_;
 };
 
 TEST_F(mainLoopOnSim, aShortAbsenceIsServedAgainAtTheLatestByTheSecondRequestAfterTheReturn)
