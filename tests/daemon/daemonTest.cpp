@@ -30,7 +30,6 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <tuple>
 #include <unistd.h>
 
@@ -70,15 +69,34 @@ int __fakeSelect(int nfds, fd_set *readSet, fd_set *, fd_set *, timeval *timeout
     return vt.readableStepUs > 0 ? 1 : 0;
 }
 
-class mainLoopTest : public ::testing::Test {
+// The loop's request pipe, and a folder for reply FIFOs removed with it.
+struct loopRequests {
+    loopRequests()
+    {
+        int fds[2];
+        EXPECT_EQ(pipe2(fds, O_NONBLOCK | O_CLOEXEC), 0);
+        requestRead_.reset(fds[0]);
+        requestWrite_.reset(fds[1]);
+        EXPECT_NE(mkdtemp(dir_.data()), nullptr);
+    }
+    ~loopRequests() { fs::remove_all(dir_); }
+    // Sends a record of `code` whose clientFifo holds `path`, NUL-terminated only when shorter than the field.
+    void send(const std::string &path, uint8_t code = 200, size_t len = sizeof(usbDaemonRequest))
+    {
+        usbDaemonRequest r = {};
+        memcpy(r.clientFifo, path.data(), std::min(path.size(), sizeof r.clientFifo));
+        r.cmd[0] = code;
+        ASSERT_EQ(write(requestWrite_.get(), &r, len), ssize_t(len));
+    }
+    uniqueFd requestRead_, requestWrite_;
+    std::string dir_ = "/tmp/loopRequests.XXXXXX";
+};
+
+class mainLoopTest : public ::testing::Test, protected loopRequests {
 protected:
     void SetUp() override
     {
         vt = {};
-        int fds[2];
-        ASSERT_EQ(pipe2(fds, O_NONBLOCK | O_CLOEXEC), 0);
-        requestRead_.reset(fds[0]);
-        requestWrite_.reset(fds[1]);
         mainLoopSetRequestFd(vt.requestFd = requestRead_.get());
         platformSys.select = __fakeSelect;
         platformSys.msSince1970 = [] { return vt.nowUs / 1000; };
@@ -87,13 +105,11 @@ protected:
             vt.beepsAtUs.push_back(vt.nowUs);
             vt.requestBytesAtBeep.push_back(pending(vt.requestFd));
         };
-        ASSERT_NE(mkdtemp(dir_.data()), nullptr);
     }
     void TearDown() override
     {
         platformSys = PLATFORM_SYS_LIBC;
         mainHeartbeat = MAIN_HEARTBEAT_NONE;
-        fs::remove_all(dir_);
     }
     // A FIFO in the test's folder, open for reading.
     uniqueFd fifoReader(const std::string &name)
@@ -101,17 +117,6 @@ protected:
         EXPECT_EQ(mkfifo((dir_ + "/" + name).c_str(), 0600), 0);
         return uniqueFd(open((dir_ + "/" + name).c_str(), O_RDONLY | O_NONBLOCK));
     }
-    // Sends a record whose clientFifo holds `path`, NUL-terminated only when shorter than the field.
-    void send(const std::string &path, size_t len = sizeof(usbDaemonRequest))
-    {
-        usbDaemonRequest r = {};
-        memcpy(r.clientFifo, path.data(), std::min(path.size(), sizeof r.clientFifo));
-        r.cmd[0] = 200;
-        ASSERT_EQ(write(requestWrite_.get(), &r, len), ssize_t(len));
-    }
-
-    uniqueFd requestRead_, requestWrite_;
-    std::string dir_ = "/tmp/mainLoopTest.XXXXXX";
 };
 
 TEST_F(mainLoopTest, theWaitTimeoutIsTheIntervalAskedOnEveryPassPlus10Microseconds)
@@ -149,7 +154,7 @@ TEST_F(mainLoopTest, wholeRecordsAreServedOnePerPassAndRepliesGoOnlyIntoAFifoTha
     uniqueFd second = fifoReader("second");
     // Short records get no reply and no line; whole ones that wait together are served one per pass, in order.
     for (size_t shortLen : {size_t{100}, sizeof(usbDaemonRequest) - 1}) {
-        send(dir_ + "/reply", shortLen);
+        send(dir_ + "/reply", 200, shortLen);
         mainLoopPass();
     }
     send(dir_ + "/reply");
@@ -331,33 +336,21 @@ constexpr const char *APP_HEX = "/tmp/app.hex";
 constexpr const char *APP_INPUT_LINE = "platform input: /tmp/app.hex";
 
 // The loop on the in-process appliance: a client polling every 5 ms while the board drops off the bus.
-class mainLoopOnSim : public simLinkTest {
+class mainLoopOnSim : public simLinkTest, protected loopRequests {
 protected:
     void SetUp() override
     {
         simLinkTest::SetUp();
-        int fds[2];
-        ASSERT_EQ(pipe2(fds, O_NONBLOCK | O_CLOEXEC), 0);
-        requestRead_.reset(fds[0]);
-        requestWrite_.reset(fds[1]);
         mainLoopSetRequestFd(requestRead_.get());
-        ASSERT_NE(mkdtemp(dir_.data()), nullptr);
         ASSERT_EQ(mkfifo((dir_ + "/reply").c_str(), 0600), 0);
         replyRead_.reset(open((dir_ + "/reply").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-    }
-    void TearDown() override
-    {
-        simLinkTest::TearDown();
-        fs::remove_all(dir_);
     }
     int32_t poll(uint8_t code)
     {
         simAdvanceUs(5'000);
-        usbDaemonRequest r = {};
-        memcpy(r.clientFifo, (dir_ + "/reply").c_str(), dir_.size() + 7);
-        r.cmd[0] = code;
-        EXPECT_EQ(write(requestWrite_.get(), &r, sizeof r), ssize_t(sizeof r));
+        send(dir_ + "/reply", code);
         mainLoopPass();
+        usbDaemonRequest r = {};
         EXPECT_EQ(read(replyRead_.get(), &r, sizeof r), ssize_t(sizeof r));
         return r.result;
     }
@@ -367,8 +360,7 @@ protected:
         std::generate_n(std::back_inserter(results), count, [&] { return poll(QX_HID_CMD_GET_ALL_DRV_STATUS); });
         return results;
     }
-    uniqueFd requestRead_, requestWrite_, replyRead_;
-    std::string dir_ = "/tmp/mainLoopOnSim.XXXXXX";
+    uniqueFd replyRead_;
 };
 
 TEST_F(mainLoopOnSim, aShortAbsenceIsServedAgainAtTheLatestByTheSecondRequestAfterTheReturn)
@@ -466,42 +458,36 @@ TEST_F(daemonProcessTest, onlyItsOwnFifoIsServedAndItGetsTheGroupAndModeAtEveryS
     // followed; a regular file seen through a second name.
     ASSERT_EQ(mkfifo("/tmp/target", 0600), 0);
     std::ofstream("/tmp/regular") << "kept";
-    std::string replaced = std::string(USB_DAEMON_FIFO) + ": found ";
-    struct {
-        int (*place)(); // what is at the path before the start
-        strings args;
-        std::string line;
-        gid_t gid;
-        fs::perms mode;
-    } cases[] = {
-        {[] { return 0; }, {"--fifo-group", "adm"}, "", admGid, fs::perms(0620)},
+    const std::string replaced = std::string(USB_DAEMON_FIFO) + ": found ";
+    const std::string anew = ", not the service's own FIFO; made anew";
+    // What is at the path before the start, the options (with a group root:adm 0620, else root:root 0666), the line.
+    const std::tuple<int (*)(), strings, std::string> cases[] = {
+        {[] { return 0; }, {"--fifo-group", "adm"}, ""},
         {[] { return mkfifo(USB_DAEMON_FIFO, 0666); }, {"--fifo-group", "adm"},
-         std::string(USB_DAEMON_FIFO) + " already exist, don't have to create it again!", admGid, fs::perms(0620)},
-        {[] { return mkfifo(USB_DAEMON_FIFO, 0) | chown(USB_DAEMON_FIFO, 65534, 65534) | chmod(USB_DAEMON_FIFO, 0666); }, {"--fifo-g=adm"},
-         replaced + "a FIFO owned by uid 65534 (mode 0666), not the service's own FIFO; made anew", admGid,
-         fs::perms(0620)},
+         std::string(USB_DAEMON_FIFO) + " already exist, don't have to create it again!"},
+        {[] { return mkfifo(USB_DAEMON_FIFO, 0) | chown(USB_DAEMON_FIFO, 65534, 65534) | chmod(USB_DAEMON_FIFO, 0666); },
+         {"--fifo-g=adm"}, replaced + "a FIFO owned by uid 65534 (mode 0666)" + anew},
         {[] { return symlink("/tmp/target", USB_DAEMON_FIFO); }, {"--fifo-group", "adm"},
-         replaced + "a symbolic link owned by uid 0 (mode 0777), not the service's own FIFO; made anew", admGid,
-         fs::perms(0620)},
+         replaced + "a symbolic link owned by uid 0 (mode 0777)" + anew},
         {[] { return link("/tmp/regular", USB_DAEMON_FIFO) | chmod("/tmp/regular", 0644); }, {},
-         replaced + "a regular file owned by uid 0 (mode 0644), not the service's own FIFO; made anew", 0,
-         fs::perms(0666)},
+         replaced + "a regular file owned by uid 0 (mode 0644)" + anew},
     };
-    for (auto &c : cases) {
-        SCOPED_TRACE(c.line);
+    for (auto [place, args, line] : cases) {
+        SCOPED_TRACE(line);
         fs::remove(USB_DAEMON_FIFO);
-        ASSERT_EQ(c.place(), 0);
-        c.args.insert(c.args.begin(), {"--file", APP_HEX});
+        ASSERT_EQ(place(), 0);
+        const bool grouped = !args.empty();
+        args.insert(args.begin(), {"--file", APP_HEX});
         daemonHarness daemon;
-        startServing(daemon, c.args);
+        startServing(daemon, args);
         EXPECT_TRUE(serves(daemon));
         strings lines = {APP_INPUT_LINE};
-        lines.insert(lines.end(), !c.line.empty(), c.line);
+        lines.insert(lines.end(), !line.empty(), line);
         EXPECT_EQ(daemon.logTexts("main"), lines);
         struct stat st = {};
         ASSERT_EQ(lstat(USB_DAEMON_FIFO, &st), 0);
-        EXPECT_TRUE(S_ISFIFO(st.st_mode) && st.st_uid == 0 && st.st_gid == c.gid);
-        EXPECT_EQ(fs::perms(st.st_mode & 07777), c.mode);
+        EXPECT_TRUE(S_ISFIFO(st.st_mode) && st.st_uid == 0 && st.st_gid == (grouped ? admGid : 0));
+        EXPECT_EQ(fs::perms(st.st_mode & 07777), fs::perms(grouped ? 0620 : 0666));
     }
     EXPECT_TRUE(fs::is_fifo("/tmp/target") && fs::status("/tmp/target").permissions() == fs::perms(0600));
     EXPECT_EQ(daemonHarnessReadFile("/tmp/regular"), "kept");
@@ -521,23 +507,20 @@ TEST_F(daemonProcessTest, fileNamesOf1To294CharactersAreTakenOthersRefused)
     std::string ok294 = "/tmp/" + std::string(200, 'd') + "/" + std::string(88, 'f');
     ASSERT_TRUE(fs::create_directory(fs::path(ok294).parent_path()) && daemonHarnessWriteImage(ok294));
     std::string refused = "INVALID FILE NAME INPUT";
-    struct {
-        strings args;
-        strings mainLines;
-    } cases[] = {
+    const std::pair<strings, strings> cases[] = { // the options, main's lines
         {{"--file", ok294}, {"platform input: " + ok294}},
         // A refused name leaves the earlier valid one selected.
         {{"--file", APP_HEX, "--file", ok294 + "g"}, {APP_INPUT_LINE, "platform input: " + ok294 + "g", refused}},
         {{"--file", APP_HEX, "--file="}, {APP_INPUT_LINE, "platform input: ", refused}},
         {{"--fi=/tmp/app.hex", "stray", "words"}, {APP_INPUT_LINE}}, // abbreviations taken, other words passed over
     };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.args.back().substr(0, 20));
+    for (const auto &[args, mainLines] : cases) {
+        SCOPED_TRACE(args.back().substr(0, 20));
         fs::remove(USB_DAEMON_FIFO); // each start as the first one
         daemonHarness daemon;
-        startServing(daemon, c.args);
+        startServing(daemon, args);
         EXPECT_TRUE(serves(daemon));
-        EXPECT_EQ(daemon.logTexts("main"), c.mainLines) << daemon.stderrText();
+        EXPECT_EQ(daemon.logTexts("main"), mainLines) << daemon.stderrText();
     }
 }
 
@@ -558,24 +541,20 @@ TEST_F(daemonProcessTest, helpAndBadOptionsPrintTheUsageAndExitZeroBeforeDaemonS
 
 TEST_F(daemonProcessTest, startUpFailuresStopWithStatus1)
 {
-    struct {
-        strings args; // on the appliance when given
-        std::string mainLine;
-    } cases[] = {
+    const std::pair<strings, std::string> cases[] = { // the options (on the appliance when given), main's line
         // Only a refused name: as if none was given, and the platform's firmware file is not there.
         {{"--file", "/" + std::string(294, 'x')}, "usbMgmtInit: failed"},
         {{}, "Error creating USB_DAEMON_FIFO: Read-only file system"},
     };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.mainLine);
+    for (const auto &[args, mainLine] : cases) {
+        SCOPED_TRACE(mainLine);
         fs::remove(USB_DAEMON_FIFO);
-        ASSERT_TRUE(!c.args.empty() || mount(nullptr, "/tmp", nullptr, MS_REMOUNT | MS_RDONLY, nullptr) == 0);
+        ASSERT_TRUE(!args.empty() || mount(nullptr, "/tmp", nullptr, MS_REMOUNT | MS_RDONLY, nullptr) == 0);
         daemonHarness daemon;
-        EXPECT_EQ(daemon.runToEnd(c.args.empty() ? daemonHarnessCommand{} : daemonHarnessOnAppliance(APP_HEX, c.args)),
-                  1);
-        EXPECT_THAT(daemon.logTexts("main"), Contains(c.mainLine)) << daemon.stderrText();
+        EXPECT_EQ(daemon.runToEnd(args.empty() ? daemonHarnessCommand{} : daemonHarnessOnAppliance(APP_HEX, args)), 1);
+        EXPECT_THAT(daemon.logTexts("main"), Contains(mainLine)) << daemon.stderrText();
         EXPECT_EQ(daemon.logTexts("daemon"), strings{"tarnhold(EXIT) stopped"});
-        EXPECT_EQ(fs::is_fifo(USB_DAEMON_FIFO), !c.args.empty()) << "a made FIFO is left in place";
+        EXPECT_EQ(fs::is_fifo(USB_DAEMON_FIFO), !args.empty()) << "a made FIFO is left in place";
         EXPECT_FALSE(fs::exists(PID_FILE));
     }
     // /tmp is still read-only. One parse decides about detaching: an abbreviation of --daemon detaches (the

@@ -10,7 +10,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -48,12 +50,8 @@ protected:
     // One request of `code`; resp starts as UNTOUCHED everywhere.
     int32_t request(uint8_t code, uint8_t mode = 0, uint8_t level = 0)
     {
-        cmd.fill(0);
+        cmd = {code, SEQ, 0, mode, level};
         resp.fill(UNTOUCHED);
-        cmd[0] = code;
-        cmd[1] = SEQ;
-        cmd[3] = mode;
-        cmd[4] = level;
         simI2cClearTransfers();
         log.clear();
         int32_t rc = usbMgmtCmd(cmd, resp);
@@ -93,18 +91,13 @@ TEST_F(viaI2cTest, setWritesAutomaticModeOrTheLevelCappedAt15)
     EXPECT_TRUE(untouchedFrom(3));
     EXPECT_THAT(simI2cTransfers(), ElementsAre(W(4, 0x21))) << "register 6 is not written";
 
-    struct {
-        uint8_t control;
-        uint8_t level;
-        uint8_t controlWritten;
-        uint8_t levelWritten;
-    } const cases[] = {{0x21, 200, 0x20, 15}, {0x01, 15, 0x20, 15}, {0xC3, 0, 0xE2, 0}, {0x20, 16, 0x20, 15}};
-    for (const auto &c : cases) {
-        simI2cSetRegister(4, c.control);
-        EXPECT_EQ(request(58, 1, c.level), 0);
+    // register 4, the level asked, registers 4 and 6 as written
+    for (auto [control, level, control4, level6] : {std::array<uint8_t, 4>{0x21, 200, 0x20, 15}, {0x01, 15, 0x20, 15},
+                                                    {0xC3, 0, 0xE2, 0}, {0x20, 16, 0x20, 15}}) {
+        simI2cSetRegister(4, control);
+        EXPECT_EQ(request(58, 1, level), 0);
         EXPECT_THAT(head(3), ElementsAre(58, SEQ, 0));
-        EXPECT_THAT(simI2cTransfers(), ElementsAre(R(4, c.control), W(4, c.controlWritten), W(6, c.levelWritten)))
-            << int(c.level);
+        EXPECT_THAT(simI2cTransfers(), ElementsAre(R(4, control), W(4, control4), W(6, level6))) << int(level);
     }
     EXPECT_THAT(log.texts(), IsEmpty());
 }
@@ -126,38 +119,27 @@ TEST_F(viaI2cTest, otherPlatformsFailAtOnceWithoutTouchingTheBusOrTheResponse)
 // One row per line of the failure table; the response and the log of get and of set (duty-cycle path).
 TEST_F(viaI2cTest, failuresGiveTheTableResultsStatusesAndLogLines)
 {
-    struct row {
-        const char *name;
-        void (*arm)();
-        int32_t getResult;
-        strings getLog;
-        int32_t setResult; // -1: response untouched; 0: status 1
-        strings setLog;
-    };
-    const std::vector<row> rows = {
+    // what, the fault, get's result and log, set's result (-1: response untouched; 0: status 1) and log
+    const std::tuple<const char *, void (*)(), int32_t, strings, int32_t, strings> rows[] = {
         {"no bus", [] { simI2cSetBusPresent(false); }, -1, {GET_OPEN}, -1, {SET_OPEN}},
         {"slave address refused", [] { simI2cFailSlave(1); }, -1, {}, -1, {}},
         {"controller absent", [] { simI2cSetControllerPresent(false); }, -1, {NO_ACK}, 0, {NO_ACK}},
         {"register read fails", [] { simI2cFailReads(1); }, -1, {IO_ERROR}, 0, {IO_ERROR}},
         {"register write fails", [] { simI2cFailWrites(1); }, 0, {}, 0, {}},
     };
-    for (const row &r : rows) {
-        SCOPED_TRACE(r.name);
+    for (const auto &[name, arm, getResult, getLog, setResult, setLog] : rows) {
+        SCOPED_TRACE(name);
         simI2cReset();
-        r.arm();
-        EXPECT_EQ(request(57), r.getResult);
-        EXPECT_THAT(head(3), ElementsAre(25, SEQ, r.getResult == 0 ? 0 : 1));
-        EXPECT_EQ(log.texts(), r.getLog);
+        arm();
+        EXPECT_EQ(request(57), getResult);
+        EXPECT_THAT(head(3), ElementsAre(25, SEQ, getResult == 0 ? 0 : 1));
+        EXPECT_EQ(log.texts(), getLog);
 
         simI2cReset();
-        r.arm();
-        EXPECT_EQ(request(58, 1, 5), r.setResult);
-        if (r.setResult < 0) {
-            EXPECT_TRUE(untouchedFrom(0));
-        } else {
-            EXPECT_THAT(head(3), ElementsAre(58, SEQ, 1));
-        }
-        EXPECT_EQ(log.texts(), r.setLog);
+        arm();
+        EXPECT_EQ(request(58, 1, 5), setResult);
+        EXPECT_TRUE(setResult < 0 ? untouchedFrom(0) : (head(3) == std::vector<uint8_t>{58, SEQ, 1}));
+        EXPECT_EQ(log.texts(), setLog);
     }
     // The automatic-mode write failing shows in the status byte only.
     simI2cFailWrites(1);

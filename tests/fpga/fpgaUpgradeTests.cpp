@@ -4,6 +4,7 @@
 #include "upgradeFixture.h"
 
 #include <sys/mman.h>
+#include <tuple>
 
 namespace {
 
@@ -36,25 +37,22 @@ protected:
 
 TEST_F(fpgaUpgradeTest, fileSizeBoundsAndUpgradeSizeWalk)
 {
-    const struct {
-        size_t size;
-        int blankBlock; // the first all-0xFF 1 KiB block; -1: none
-        int32_t upgradeSize; // 0: the load fails
-    } cases[] = {{1048575, -1, 0},        {16777217, -1, 0},       {1048576, -1, 1048576}, {16777216, -1, 16777216},
-                 {1048577, -1, 1049600}, {1048576, 0, 1024}, {2000000, 10, 11264}};
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.size);
-        std::vector<uint8_t> bytes = bytesOf(c.size);
-        std::fill_n(bytes.begin() + 1024 * std::max(c.blankBlock, 0), c.blankBlock >= 0 ? 1024 : 0, 0xFF);
-        EXPECT_EQ(fpgaUpgradeFileInit(write(bytes).c_str()), c.upgradeSize != 0 ? 0 : -1);
-        if (c.upgradeSize == 0) {
+    // the size, the first all-0xFF 1 KiB block (-1: none), the upgrade size (0: the load fails)
+    for (const auto &[size, blankBlock, upgradeSize] :
+         {std::array{1048575, -1, 0}, {16777217, -1, 0}, {1048576, -1, 1048576}, {16777216, -1, 16777216},
+          {1048577, -1, 1049600}, {1048576, 0, 1024}, {2000000, 10, 11264}}) {
+        SCOPED_TRACE(size);
+        std::vector<uint8_t> bytes = bytesOf(size);
+        std::fill_n(bytes.begin() + 1024 * std::max(blankBlock, 0), blankBlock >= 0 ? 1024 : 0, 0xFF);
+        EXPECT_EQ(fpgaUpgradeFileInit(write(bytes).c_str()), upgradeSize != 0 ? 0 : -1);
+        if (upgradeSize == 0) {
             EXPECT_EQ(log.textsFrom("fpgaUpgrade").back(), "QX_TRACE_FILE-error wrong file size: "
-                          + std::to_string(c.size) + " [min: 1048576], [max: 16777216]");
+                          + std::to_string(size) + " [min: 1048576], [max: 16777216]");
         } else {
             const fpgaUpgradeView v = fpgaUpgradeGetView();
-            EXPECT_EQ(v.upgradeSize, c.upgradeSize);
+            EXPECT_EQ(v.upgradeSize, upgradeSize);
             // 0xFF as far as the walk and the driver read, the 1 KiB-rounded size; not to the buffer's end.
-            EXPECT_TRUE(std::all_of(v.data + c.size, v.data + (c.size + 1023) / 1024 * 1024,
+            EXPECT_TRUE(std::all_of(v.data + size, v.data + (size + 1023) / 1024 * 1024,
                                     [](uint8_t b) { return b == 0xFF; }));
         }
     }
@@ -79,29 +77,26 @@ TEST_F(fpgaUpgradeTest, unendedPathsAndShortReadsFailBeforeAnythingIsSent)
 // Each chunk waits for room for 30 pages; the last carries what is left of the 1 KiB-rounded size.
 TEST_F(fpgaUpgradeTest, upgradeSendsThirtyPageChunksAfterTheFixedWaitsAndHandsTheBufferBackAtTheEnd)
 {
-    const struct {
-        size_t size;
-        size_t fullChunks;
-        size_t lastPages;
-        const char *sizeLine;
-    } cases[] = {{1048577, 136, 20, "1025k"}, {16777216, 2184, 16, "16384k"}};
-    for (const auto &c : cases) {
+    // the size, the full chunks, the last chunk's pages, the upgrade size's line
+    const std::tuple<size_t, size_t, size_t, const char *> cases[] = {{1048577, 136, 20, "1025k"},
+                                                                      {16777216, 2184, 16, "16384k"}};
+    for (const auto &[size, fullChunks, lastPages, sizeLine] : cases) {
         upgradeSent.clear();
         forget();
-        std::vector<uint8_t> bytes = bytesOf(c.size);
+        std::vector<uint8_t> bytes = bytesOf(size);
         ASSERT_EQ(upgrade(bytes), 0);
         EXPECT_THAT(log.textsFrom("fpgaUpgrade"),
                     ElementsAre("QX_TRACE_FILE-fpgaUpgradeFileInit:: fileName: " + file_,
-                                "QX_TRACE_FILE-st.st_size: " + std::to_string(c.size),
-                                std::string("QX_TRACE_FILE-_this->upgradeSize: ") + c.sizeLine, ERASE_DONE,
+                                "QX_TRACE_FILE-st.st_size: " + std::to_string(size),
+                                std::string("QX_TRACE_FILE-_this->upgradeSize: ") + sizeLine, ERASE_DONE,
                                 PROGRAM_DONE, "QX_TRACE_FILE-*****FPGA PROGRAM SUCCEFUL!!!!!!!!!!!!*****"));
         EXPECT_THAT(simSleeps(), ElementsAre(55 * S, 20 * MS, 2 * S, 20 * MS));
         EXPECT_EQ(chunkPages(PIC_HID_PROGRAM_FPGA, fpgaUpgradeGetView().data),
-                  repeat<size_t>({}, {30}, c.fullChunks, {c.lastPages}));
+                  repeat<size_t>({}, {30}, fullChunks, {lastPages}));
         const auto queries = reports(PIC_HID_IS_URB_AVAILABLE);
-        ASSERT_EQ(queries.size(), c.fullChunks + 1);
+        ASSERT_EQ(queries.size(), fullChunks + 1);
         EXPECT_TRUE(std::ranges::all_of(queries, [](const report64 &q) { return q[11] == 30; }));
-        const size_t pages = 30 * c.fullChunks + c.lastPages;
+        const size_t pages = 30 * fullChunks + lastPages;
         bytes.resize(256 * pages, 0xFF);
         EXPECT_TRUE(std::equal(bytes.begin(), bytes.end(), simFpgaMemory().begin()));
         EXPECT_EQ(simGetUpgradeState().fpgaPages, pages);
@@ -119,12 +114,8 @@ TEST_F(fpgaUpgradeTest, eachWaitIsBoundedAndEachFailingStepLogsItsLines)
         ERASE_DONE, "QX_TRACE_FILE-PIC_HID_IS_URB_AVAILABLE: driver still busy after 600 polls, giving up",
         PROGRAM_FAILED};
     const std::vector<uint64_t> cleanUpSleeps = repeat<uint64_t>({55 * S, 20 * MS}, {2 * S, 20 * MS}, 3);
-    const struct {
-        simUpgradeFault fault;
-        uint32_t failing; // the one driver request that fails; 0: none
-        std::vector<uint64_t> sleeps; // empty: not looked at
-        std::vector<std::string> lines;
-    } cases[] = {
+    // the fault, the one driver request that fails (0: none), the sleeps (empty: not looked at), the lines
+    const std::tuple<simUpgradeFault, uint32_t, std::vector<uint64_t>, std::vector<std::string>> cases[] = {
         {simUpgradeFault::ERASE_NEVER_CONFIRMED, 0, repeat<uint64_t>({55 * S}, {20 * MS, 1 * S}, 80),
          repeat<std::string>({}, {"QX_TRACE_FILE-PIC_HID_ERASE_FPGA rc: 0"}, 80, {ERASE_FAILED})},
         {simUpgradeFault::CAPACITY_NEVER_FREE, 0, pollSleeps, gaveUp},
@@ -143,20 +134,20 @@ TEST_F(fpgaUpgradeTest, eachWaitIsBoundedAndEachFailingStepLogsItsLines)
         {simUpgradeFault::NONE, PIC_HID_PROGRAM_CLEAN_UP, {},
          {ERASE_DONE, PROGRAM_DONE, "QX_TRACE_FILE-PIC_HID_PROGRAM_CLEAN_UP rc: -1", CLEAN_UP_FAILED}},
     };
-    for (const auto &c : cases) {
+    for (const auto &[fault, failing, sleeps, lines] : cases) {
         simSetUpgradeFault(simUpgradeFault::NONE, 0);
-        simSetUpgradeFault(c.fault, -1);
-        if (c.failing != 0) {
-            simFailIoctl(c.failing, EIO, 1);
+        simSetUpgradeFault(fault, -1);
+        if (failing != 0) {
+            simFailIoctl(failing, EIO, 1);
         }
         upgradeSent.clear();
         forget();
         EXPECT_EQ(upgrade(bytesOf(1048576)), -1);
-        EXPECT_EQ(stepLines(), c.lines) << c.failing;
-        if (!c.sleeps.empty()) {
-            EXPECT_EQ(simSleeps(), c.sleeps) << c.lines.back();
+        EXPECT_EQ(stepLines(), lines) << failing;
+        if (!sleeps.empty()) {
+            EXPECT_EQ(simSleeps(), sleeps) << lines.back();
         }
-        if (c.lines == gaveUp) {
+        if (lines == gaveUp) {
             EXPECT_THAT(reports(PIC_HID_PROGRAM_FPGA), IsEmpty()) << "no chunk without room";
         }
     }

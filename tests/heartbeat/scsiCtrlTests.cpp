@@ -14,8 +14,8 @@
 #include <array>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
 #include <string>
+#include <sys/eventfd.h>
 #include <unistd.h>
 #include <vector>
 
@@ -56,11 +56,7 @@ protected:
         simSelect = platformSys.select;
         platformSys.select = __recordingSelect;
         waitsUs.clear();
-        int fds[2];
-        ASSERT_EQ(pipe2(fds, O_NONBLOCK | O_CLOEXEC), 0);
-        requestRead_.reset(fds[0]);
-        requestWrite_.reset(fds[1]);
-        mainLoopSetRequestFd(requestRead_.get());
+        mainLoopSetRequestFd(idle_.get());
         mainHeartbeat = MAIN_HEARTBEAT_SCSI_CTRL;
     }
     void TearDown() override
@@ -98,7 +94,7 @@ protected:
 
     UMockdevTestbed *testbed_ = nullptr;
     std::string root_;
-    uniqueFd requestRead_, requestWrite_;
+    uniqueFd idle_{eventfd(0, EFD_CLOEXEC)}; // a request descriptor that never becomes readable
 };
 
 TEST_F(scsiCtrlTest, onlyExactLowerCaseTextsMatchAndWithoutAMatchTheLoopWaitsWithoutATimeoutAndNeverBeats)
@@ -125,17 +121,14 @@ TEST_F(scsiCtrlTest, everyMatchIsPrintedAndTheLaterBeatenByBit6Of0x301)
     EXPECT_EQ(init(), "VID/PID[0x12d8 0xe130] path: " + first + "\nVID/PID[0x12d8 0xe130] path: " + second + "\n");
     EXPECT_EQ(std::string(scsiCtrlConfigPath()), second + "/config");
     EXPECT_EQ(scsiCtrlGetHeartBeepIntervalSec(), 1);
-    const struct {
-        beat before;
-        beat after;
-    } cases[] = {{{0x00, 0x40}, {0x04, 0x08}}, {{0x00, 0x00}, {0x20, 0x08}}, {{0xFF, 0x08}, {0x20, 0x08}},
-                 {{0x55, 0xBF}, {0x20, 0x08}}, {{0x00, 0xC0}, {0x04, 0x08}}};
-    for (const auto &c : cases) {
-        setBytesAt0x300(first, c.before);
-        setBytesAt0x300(second, c.before);
+    for (const auto &[before, after] : {std::pair<beat, beat>{{0x00, 0x40}, {0x04, 0x08}}, {{0x00, 0x00}, {0x20, 0x08}},
+                                        {{0xFF, 0x08}, {0x20, 0x08}}, {{0x55, 0xBF}, {0x20, 0x08}},
+                                        {{0x00, 0xC0}, {0x04, 0x08}}}) {
+        setBytesAt0x300(first, before);
+        setBytesAt0x300(second, before);
         EXPECT_EQ(scsiCtrlHeartBeep(), 0);
-        EXPECT_EQ(bytesAt0x300(first), c.before) << "the earlier match is not beaten";
-        EXPECT_EQ(bytesAt0x300(second), c.after) << int(c.before[1]);
+        EXPECT_EQ(bytesAt0x300(first), before) << "the earlier match is not beaten";
+        EXPECT_EQ(bytesAt0x300(second), after) << int(before[1]);
     }
 }
 

@@ -130,6 +130,14 @@ protected:
         qxFileGetMd5AndLen(&imageLen, md5.data());
         forget();
     }
+    // A fresh appliance and process for a start-up with the image, the link not yet open.
+    void freshStart(const bytes &image)
+    {
+        TearDown();
+        SetUp();
+        qxUsbCleanUp();
+        loadImage(image);
+    }
     // Programs the image into a freshly erased bootloader.
     int32_t program(const bytes &data)
     {
@@ -422,10 +430,7 @@ TEST_F(qxLoaderOnSim, startUpGoesRoundPassesUntilTheRightApplicationAnswersAndIn
     };
     for (const auto &[what, state, force, passes, reads, writes] : cases) {
         SCOPED_TRACE(what);
-        TearDown();
-        SetUp();
-        qxUsbCleanUp();
-        loadImage(imageWith(0x100, 5000));
+        freshStart(imageWith(0x100, 5000));
         if (state != OTHER && state != GOTO_REFUSED) { // slot 4 and flash hold it
             simInstallApplication({qxFileGetData(), QX_FLASH_SIZE}, static_cast<uint32_t>(imageLen));
         }
@@ -499,10 +504,7 @@ TEST_F(qxLoaderOnSim, failedProgrammingStaysInTheBootloaderAndProgramsAgainAfter
     };
     for (const auto &[what, fault, waits] : cases) {
         SCOPED_TRACE(what);
-        TearDown();
-        SetUp();
-        qxUsbCleanUp();
-        loadImage(imageWith(0, 377 * CHUNK));
+        freshStart(imageWith(0, 377 * CHUNK));
         guardClaims();
         fault();
         EXPECT_EQ(qxLoaderInit(0), 0);
@@ -535,10 +537,7 @@ TEST_F(qxLoaderOnSim, startUpKilledAtAnyBoundaryAndStartedAgainEndsWithTheImageI
     for (int at = 1; boundaries == 0; ++at) {
         for (const bool powerLoss : {false, true}) {
             SCOPED_TRACE(testing::Message() << "killed at boundary " << at << (powerLoss ? ", power lost" : ""));
-            TearDown();
-            SetUp();
-            qxUsbCleanUp();
-            loadImage(imageWith(0, 3 * CHUNK));
+            freshStart(imageWith(0, 3 * CHUNK));
             guardClaims();
             simSetBootloaderStartsWrittenApp(powerLoss);
             simStopServiceAfter(at, powerLoss);

@@ -104,9 +104,7 @@ protected:
     // Dispatches code (bay in byte 3) with a response full of junk.
     int32_t request(uint8_t code, uint8_t bay = 0)
     {
-        cmd.fill(0);
-        cmd[QX_REPORT_CODE] = code;
-        cmd[QX_REPORT_PAYLOAD] = bay;
+        cmd = {code, 0, 0, bay};
         resp.fill(0xEE);
         return usbMgmtCmd(cmd, resp);
     }
@@ -217,8 +215,7 @@ TEST_F(usbMgmtTest, hostHeldTablesKeepValidBaysApartAndDrawASequenceNumberWithou
         EXPECT_EQ(held(QX_HID_CMD_GET_FORCE_SHUT_DOWN_IND, static_cast<uint8_t>(bay)), 0);
         EXPECT_EQ(resp[4], on) << bay;
     }
-    cmd.fill(0);
-    cmd[QX_REPORT_CODE] = QX_HID_CMD_SET_XML_DAEMON_DETECT;
+    cmd = {QX_HID_CMD_SET_XML_DAEMON_DETECT};
     std::iota(cmd.begin() + 3, cmd.begin() + 27, uint8_t{0x40}); // byte 26 is past the last bay
     EXPECT_EQ(usbMgmtCmd(cmd, resp), 0);
     EXPECT_EQ(cmd[QX_REPORT_SEQ], ++seq);

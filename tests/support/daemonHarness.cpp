@@ -6,10 +6,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
-#include <regex>
 #include <sched.h>
 #include <sstream>
 #include <sys/mount.h>
@@ -205,15 +205,17 @@ bool daemonHarness::signalDaemon(int sig) const
 
 std::vector<std::string> daemonHarness::logTexts(const std::string &source) const
 {
-    static const std::regex LINE(R"(^tarnhold\[\d+\] <-?\d+> ([^:]+):\d+: (.*)$)");
     std::vector<std::string> texts;
     std::string text = stderrText();
-    // Only whole lines: the last one may still be being written.
+    // Only whole lines ("tarnhold[pid] <level> source:line: text"): the last one may still be being written. No
+    // std::regex: its inlined matcher sets off -Wmaybe-uninitialized in the sanitizer build.
     for (size_t at = 0, end; (end = text.find('\n', at)) != std::string::npos; at = end + 1) {
         std::string line = text.substr(at, end - at);
-        std::smatch m;
-        if (std::regex_match(line, m, LINE) && (source.empty() || m[1] == source)) {
-            texts.push_back(m[2]);
+        char from[64] = {};
+        int start = 0;
+        if (sscanf(line.c_str(), "tarnhold[%*u] <%*d> %63[^:]:%*u:%n", from, &start) == 1 && start > 0 &&
+            line[size_t(start)] == ' ' && (source.empty() || source == from)) {
+            texts.push_back(line.substr(size_t(start) + 1));
         }
     }
     return texts;
