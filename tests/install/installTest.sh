@@ -92,10 +92,10 @@ else
     for f in usr/sbin/tarnhold:tarnhold usr/bin/tarnholdctl:tarnhold usr/lib/systemd/system/tarnhold.service:tarnhold \
         usr/share/man/man8/tarnhold.8:tarnhold usr/share/man/man1/tarnholdctl.1:tarnhold \
         usr/bin/tarnhold-sim:tarnhold-sim usr/bin/tarnhold-sim-cuse:tarnhold-sim usr/lib/libtarnholdclient.a:tarnhold-dev; do
-        echo "$held" | grep -qx "${f%%:*} ${f#*:}" || fail "${f%%:*} is not in ${f#*:}"
+        grep -qx "${f%%:*} ${f#*:}" <<<"$held" || fail "${f%%:*} is not in ${f#*:}"
     done
     deb=$(ls "$work"/deb/tarnhold_*.deb)
-    if dpkg-deb -f "$deb" Depends | grep -Eq 'umockdev|glib'; then fail "tarnhold depends on $(dpkg-deb -f "$deb" Depends)"; fi
+    if grep -Eq 'umockdev|glib' <<<"$(dpkg-deb -f "$deb" Depends)"; then fail "tarnhold depends on $(dpkg-deb -f "$deb" Depends)"; fi
     dpkg-deb -e "$deb" "$work/control"
     for script in postinst prerm postrm; do
         [ -x "$work/control/$script" ] || fail "tarnhold has no $script"

@@ -131,9 +131,11 @@ qemu_args=(-smp 2 -m 2048 -nographic -no-reboot -nodefaults -serial stdio
 # KVM on some machines aborts or hangs in the firmware.
 accel=(-accel tcg,thread=multi -cpu max)
 if [ -w /dev/kvm ]; then
-    if timeout 20 qemu-system-x86_64 -accel kvm -cpu host -smp 1 -m 256 -nographic -no-reboot -nodefaults \
+    # Read whole (not through grep -q, whose early exit would fail the pipe).
+    probe=$(timeout 20 qemu-system-x86_64 -accel kvm -cpu host -smp 1 -m 256 -nographic -no-reboot -nodefaults \
         -serial stdio -kernel "/boot/vmlinuz-$kver" -append "console=ttyS0 panic=-1 rdinit=/bin/false" \
-        2>/dev/null | grep -q -m1 "Linux version"; then
+        2>/dev/null || true)
+    if grep -q "Linux version" <<<"$probe"; then
         accel=(-accel kvm -cpu host)
     fi
 fi
