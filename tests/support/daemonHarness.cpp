@@ -112,17 +112,6 @@ usbDaemonRequest daemonHarnessRecord(uint8_t code)
     return record;
 }
 
-std::string daemonHarnessProcStatus(pid_t pid, const std::string &field)
-{
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    for (std::string line; std::getline(status, line);) {
-        if (line.starts_with(field + ":")) {
-            return line.substr(field.size() + 1);
-        }
-    }
-    return "";
-}
-
 std::string daemonHarnessReadFile(const std::string &path)
 {
     std::ostringstream text;

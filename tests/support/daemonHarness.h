@@ -46,9 +46,6 @@ bool daemonHarnessWriteImage(const std::string &path);
 // A record with `code` in cmd byte 0; everything else zero.
 usbDaemonRequest daemonHarnessRecord(uint8_t code);
 
-// The value of `field` in /proc/<pid>/status ("SigBlk", ...), "" when there is none.
-std::string daemonHarnessProcStatus(pid_t pid, const std::string &field);
-
 // A whole file; "" when it cannot be read.
 std::string daemonHarnessReadFile(const std::string &path);
 
