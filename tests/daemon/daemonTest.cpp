@@ -38,6 +38,7 @@ namespace {
 namespace fs = std::filesystem;
 using strings = std::vector<std::string>;
 using ::testing::Contains;
+using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
 
 struct {
@@ -363,7 +364,7 @@ protected:
     uniqueFd replyRead_;
 };
 
-TEST_F(mainLoopOnSim, aShortAbsenceIsServedAgainAtTheLatestByTheSecondRequestAfterTheReturn)
+TEST_F(mainLoopOnSim, absencesAreServedAgainByTheSecondRequestAfterTheReturnAndHostHeldRequestsStayAnswered)
 {
     // Nothing asked while away: the first request finds the old descriptor dead and re-opens, the next is served.
     simDropOffBus(1'000'000);
@@ -371,23 +372,12 @@ TEST_F(mainLoopOnSim, aShortAbsenceIsServedAgainAtTheLatestByTheSecondRequestAft
     EXPECT_EQ(polls(2), (std::vector<int32_t>{-1, 0}));
     // Three requests while away: the node, once back, opens before the next one.
     simDropOffBus(1'000'000);
-    forget();
     EXPECT_EQ(polls(3), (std::vector<int32_t>{-1, -1, -1}));
     simAdvanceUs(1'000'000);
     EXPECT_EQ(polls(2), (std::vector<int32_t>{0, 0}));
-    const std::string noNode = "6 qxUsbInit: Failed to open '/dev/corvanta_hid_backdoor' - 'No such file or directory'";
-    const std::string failed = "0 QX_TRACE_USB-*** usb cmd (19) failed ***(-1)";
-    EXPECT_THAT(log.leveled(), ElementsAre("6 qxUsbCmd: ioctl(1079527424) failed - 'No such device'",
-                                           "1 qxUsbCmd: re-opening device file (errCnt=1)", noNode, failed, noNode,
-                                           "4 qxUsbCmd: device not open", failed, "4 qxUsbCmd: device not open",
-                                           failed,
-                                           "1 qxUsbInit: Open '/dev/corvanta_hid_backdoor' success; fd=" +
-                                               std::to_string(qxUsbGetState().fd)));
-}
-
-TEST_F(mainLoopOnSim, aLongAbsenceTriesTheNodeAboutOnceASecondAndHostHeldRequestsStayAnswered)
-{
+    // A long absence: the node is tried about once a second, and what the host holds is answered all along.
     simDropOffBus(10'000'000);
+    forget();
     std::vector<int32_t> relayed, hostHeld;
     for (int i = 0; i < 1000; ++i) { // 10 s
         relayed.push_back(poll(QX_HID_CMD_GET_ALL_DRV_STATUS));
@@ -420,14 +410,23 @@ protected:
         usbDaemonRequest r = daemonHarnessRecord(200);
         return daemon.exchange(r) == 0 && r.result == USB_DAEMON_RESULT_UNKNOWN_FUNCTION;
     }
+    // tarnholdctl with `args` (under `wrapper` when given) to its end: its exit status; what it printed in out_.
+    int ctl(strings args, strings wrapper = {})
+    {
+        daemonHarness run;
+        const int status =
+            run.runToEnd({.wrapper = std::move(wrapper), .binary = TARNHOLDCTL_BINARY, .args = std::move(args)});
+        out_ = run.stdoutText() + run.stderrText();
+        return status;
+    }
+    std::string out_;
 };
 
 TEST_F(daemonProcessTest, servesCodesWithoutHandlerWithResult8OnlyReportsSigpipeAndLocksOutASecondInstance)
 {
     daemonHarness daemon;
-    startServing(daemon, {"--file", APP_HEX}, 077);
+    startServing(daemon);
     EXPECT_THAT(daemon.stdoutText(), MatchesRegex("fdDaemon: [0-9]+, fdDummy: [0-9]+\n"));
-    EXPECT_TRUE(fs::is_fifo(USB_DAEMON_FIFO) && fs::status(USB_DAEMON_FIFO).permissions() == fs::perms(0666));
     // Which codes have no handler, and that those above 63 log nothing, is pinned by the device management tests.
     usbDaemonRequest r = daemonHarnessRecord(64);
     std::fill(r.cmd.begin() + 1, r.cmd.end(), 0x5A);
@@ -479,7 +478,7 @@ TEST_F(daemonProcessTest, onlyItsOwnFifoIsServedAndItGetsTheGroupAndModeAtEveryS
         const bool grouped = !args.empty();
         args.insert(args.begin(), {"--file", APP_HEX});
         daemonHarness daemon;
-        startServing(daemon, args);
+        startServing(daemon, args, 077); // the mode does not come from the umask
         EXPECT_TRUE(serves(daemon));
         strings lines = {APP_INPUT_LINE};
         lines.insert(lines.end(), !line.empty(), line);
@@ -577,31 +576,27 @@ TEST_F(daemonProcessTest, theServiceManagerHearsReadyOnlyOnceTheLoopServesAndNev
     daemonHarness daemon;
     startServing(daemon);
     EXPECT_TRUE(daemonHarnessPoll(10000, [&] { return managerDrain(socket.get(), 0, got).size() == 4; }));
-    EXPECT_EQ(managerDrain(socket.get(), 0, got),
-              (strings{"STATUS=Firmware file /tmp/app.hex", "STATUS=Searching for the microcontroller",
-                       "STATUS=Firmware up to date", "READY=1\nSTATUS=Serving requests"}));
+    // Which steps start-up says, in order, is pinned on the in-process appliance: here, ready comes last.
+    EXPECT_EQ(managerDrain(socket.get(), 0, got).back(), "READY=1\nSTATUS=Serving requests");
     EXPECT_TRUE(serves(daemon));
     unsetenv("NOTIFY_SOCKET");
 }
 
 TEST_F(daemonProcessTest, sigtermKeepsTheFifoOtherExitSignalsLeaveACrashLogAndRemoveIt)
 {
-    bool fifoLeft = false;
     // All nine: a lost handler would leave the pid file and the FIFO behind.
     for (int sig : {SIGTERM, SIGHUP, SIGINT, SIGQUIT, SIGILL, SIGABRT, SIGBUS, SIGFPE, SIGSEGV}) {
         SCOPED_TRACE(sig);
         daemonHarness daemon;
         startServing(daemon);
         ASSERT_TRUE(serves(daemon));
-        std::string exists = "/tmp/qx-usb-daemon-fifo already exist, don't have to create it again!";
-        EXPECT_THAT(daemon.logTexts("main"), Contains(exists).Times(fifoLeft ? 1 : 0));
         std::string crashLog = "/var/crash/tarnhold-" + std::to_string(daemon.daemonPid()) + "-" +
                                std::to_string(sig) + ".log";
         ASSERT_EQ(daemon.exitStatus(sig), 0);
         EXPECT_EQ(daemon.logTexts("daemon"), strings{"tarnhold(ERROR/TERM) stopped"});
         EXPECT_FALSE(fs::exists(PID_FILE));
         bool fatal = sig != SIGTERM;
-        EXPECT_EQ(fifoLeft = fs::exists(USB_DAEMON_FIFO), !fatal);
+        EXPECT_EQ(fs::exists(USB_DAEMON_FIFO), !fatal);
         std::string cleaning = "signal_exit_handler(sig: " + std::to_string(sig) + "):: cleaning up!\n";
         EXPECT_EQ(daemon.stderrText().find(cleaning) != std::string::npos, fatal);
         std::string log = daemonHarnessReadFile(crashLog);
@@ -617,12 +612,7 @@ TEST_F(daemonProcessTest, sigtermKeepsTheFifoOtherExitSignalsLeaveACrashLogAndRe
 
 TEST_F(daemonProcessTest, tarnholdctlExitStatusAndStatusLinesSayWhatHappened)
 {
-    std::string out;
-    auto ctl = [&out](strings args) {
-        int status = -1;
-        std::tie(status, out) = daemonHarnessCtl(std::move(args));
-        return status;
-    };
+    const std::string &out = out_;
     EXPECT_EQ(ctl({"raw", "200"}), 3);
     EXPECT_NE(out.find("no daemon"), std::string::npos) << out;
     EXPECT_EQ(ctl({"status"}), 3);
@@ -668,8 +658,8 @@ TEST_F(daemonProcessTest, tarnholdctlExitStatusAndStatusLinesSayWhatHappened)
     // A FIFO other clients cannot write into is wrong, and says so.
     ASSERT_EQ(chmod(USB_DAEMON_FIFO, 0600), 0);
     EXPECT_EQ(ctl({"status"}), 1);
-    EXPECT_THAT(out, ::testing::HasSubstr("fifo:       FAILED: /tmp/qx-usb-daemon-fifo: FIFO, owner root:root, mode 0600 "
-                                          "(FIFO, owner root:root, mode 0666 expected)\n"));
+    EXPECT_THAT(out, HasSubstr("fifo:       FAILED: /tmp/qx-usb-daemon-fifo: FIFO, owner root:root, mode 0600 "
+                               "(FIFO, owner root:root, mode 0666 expected)\n"));
     EXPECT_EQ(ctl({"--json", "status"}), 1);
     EXPECT_THAT(out, MatchesRegex("\\{\"ok\":false,\"checks\":\\{\"daemon\":\\{\"state\":\"OK\",.*"
                                   "\"fifo\":\\{\"state\":\"FAILED\",.*"
@@ -680,29 +670,21 @@ TEST_F(daemonProcessTest, withAFifoGroupOnlyRootAndMembersSendRequestsAndOthersA
 {
     daemonHarness daemon;
     startServing(daemon, {"--file", APP_HEX, "--fifo-group", "adm"});
-    auto asNobody = [](const std::string &groups, strings args) {
-        daemonHarness ctl;
-        int status = ctl.runToEnd({.wrapper = {"/usr/bin/setpriv", "--reuid=nobody", "--regid=nogroup", groups},
-                                   .binary = TARNHOLDCTL_BINARY,
-                                   .args = std::move(args)});
-        return std::pair{status, ctl.stdoutText() + ctl.stderrText()};
+    auto nobody = [](const char *groups) {
+        return strings{"/usr/bin/setpriv", "--reuid=nobody", "--regid=nogroup", groups};
     };
-    auto [status, out] = asNobody("--groups=adm", {"raw", "200"});
-    EXPECT_EQ(status, 1) << out; // a member is served: result 8
-    std::tie(status, out) = asNobody("--clear-groups", {"raw", "200"});
-    EXPECT_EQ(status, 6);
-    EXPECT_EQ(out, "tarnholdctl: permission denied: only root and members of group adm may send requests to "
+    EXPECT_EQ(ctl({"raw", "200"}, nobody("--groups=adm")), 1) << out_; // a member is served: result 8
+    EXPECT_EQ(ctl({"raw", "200"}, nobody("--clear-groups")), 6);
+    EXPECT_EQ(out_, "tarnholdctl: permission denied: only root and members of group adm may send requests to "
                    "/tmp/qx-usb-daemon-fifo; an administrator grants it with: usermod -aG adm USER (then log in "
                    "again)\n");
-    EXPECT_EQ(asNobody("--clear-groups", {"status"}).first, 6);
+    EXPECT_EQ(ctl({"status"}, nobody("--clear-groups")), 6);
     // status holds the FIFO against the daemon's own --fifo-group.
-    std::tie(status, out) = daemonHarnessCtl({"status"});
-    EXPECT_EQ(status, 0) << out;
-    EXPECT_THAT(out, ::testing::HasSubstr("fifo:       OK: /tmp/qx-usb-daemon-fifo: FIFO, owner root:adm, mode 0620\n"));
+    EXPECT_EQ(ctl({"status"}), 0) << out_;
+    EXPECT_THAT(out_, HasSubstr("fifo:       OK: /tmp/qx-usb-daemon-fifo: FIFO, owner root:adm, mode 0620\n"));
     ASSERT_EQ(chmod(USB_DAEMON_FIFO, 0666), 0);
-    std::tie(status, out) = daemonHarnessCtl({"status"});
-    EXPECT_EQ(status, 1);
-    EXPECT_THAT(out, ::testing::HasSubstr("FIFO, owner root:adm, mode 0666 (FIFO, owner root:adm, mode 0620 expected)"));
+    EXPECT_EQ(ctl({"status"}), 1);
+    EXPECT_THAT(out_, HasSubstr("FIFO, owner root:adm, mode 0666 (FIFO, owner root:adm, mode 0620 expected)"));
 }
 
 } // namespace
