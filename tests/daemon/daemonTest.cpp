@@ -81,6 +81,12 @@ struct loopRequests {
         EXPECT_NE(mkdtemp(dir_.data()), nullptr);
     }
     ~loopRequests() { fs::remove_all(dir_); }
+    // A FIFO in the test's folder, open for reading.
+    uniqueFd fifoReader(const std::string &name)
+    {
+        EXPECT_EQ(mkfifo((dir_ + "/" + name).c_str(), 0600), 0);
+        return uniqueFd(open((dir_ + "/" + name).c_str(), O_RDONLY | O_NONBLOCK));
+    }
     // Sends a record of `code` whose clientFifo holds `path`, NUL-terminated only when shorter than the field.
     void send(const std::string &path, uint8_t code = 200, size_t len = sizeof(usbDaemonRequest))
     {
@@ -111,12 +117,6 @@ protected:
     {
         platformSys = PLATFORM_SYS_LIBC;
         mainHeartbeat = MAIN_HEARTBEAT_NONE;
-    }
-    // A FIFO in the test's folder, open for reading.
-    uniqueFd fifoReader(const std::string &name)
-    {
-        EXPECT_EQ(mkfifo((dir_ + "/" + name).c_str(), 0600), 0);
-        return uniqueFd(open((dir_ + "/" + name).c_str(), O_RDONLY | O_NONBLOCK));
     }
 };
 
@@ -343,8 +343,7 @@ protected:
     {
         simLinkTest::SetUp();
         mainLoopSetRequestFd(requestRead_.get());
-        ASSERT_EQ(mkfifo((dir_ + "/reply").c_str(), 0600), 0);
-        replyRead_.reset(open((dir_ + "/reply").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+        replyRead_ = fifoReader("reply");
     }
     int32_t poll(uint8_t code)
     {
@@ -428,15 +427,12 @@ TEST_F(daemonProcessTest, servesCodesWithoutHandlerWithResult8OnlyReportsSigpipe
     startServing(daemon);
     EXPECT_THAT(daemon.stdoutText(), MatchesRegex("fdDaemon: [0-9]+, fdDummy: [0-9]+\n"));
     // Which codes have no handler, and that those above 63 log nothing, is pinned by the device management tests.
+    // The record comes back whole; that its blocks come back as they were is pinned there too.
     usbDaemonRequest r = daemonHarnessRecord(64);
-    std::fill(r.cmd.begin() + 1, r.cmd.end(), 0x5A);
-    r.resp.fill(0xA5);
     r.padding[0] = 0xEE;
-    usbDaemonRequest back = r;
-    ASSERT_EQ(daemon.exchange(back), 0);
-    EXPECT_EQ(back.result, USB_DAEMON_RESULT_UNKNOWN_FUNCTION);
-    EXPECT_TRUE(back.cmd == r.cmd && back.resp == r.resp && back.padding[0] == 0xEE) << "as sent";
-    EXPECT_EQ(daemon.logTexts("main"), strings{APP_INPUT_LINE});
+    ASSERT_EQ(daemon.exchange(r), 0);
+    EXPECT_EQ(r.result, USB_DAEMON_RESULT_UNKNOWN_FUNCTION);
+    EXPECT_EQ(r.padding[0], 0xEE);
     // SIGPIPE is only reported: its handler has run before the next request is read.
     ASSERT_TRUE(daemon.signalDaemon(SIGPIPE));
     EXPECT_TRUE(serves(daemon));
@@ -613,8 +609,7 @@ TEST_F(daemonProcessTest, sigtermKeepsTheFifoOtherExitSignalsLeaveACrashLogAndRe
 TEST_F(daemonProcessTest, tarnholdctlExitStatusAndStatusLinesSayWhatHappened)
 {
     const std::string &out = out_;
-    EXPECT_EQ(ctl({"raw", "200"}), 3);
-    EXPECT_NE(out.find("no daemon"), std::string::npos) << out;
+    EXPECT_EQ(ctl({"raw", "200"}), 3); // what the client library says then is pinned by its own tests
     EXPECT_EQ(ctl({"status"}), 3);
     EXPECT_THAT(out, MatchesRegex("daemon: +FAILED: no pid in /var/run/tarnhold.pid\n"
                                   "fifo: +FAILED: /tmp/qx-usb-daemon-fifo: No such file or directory\n"

@@ -69,8 +69,6 @@ public:
     pid_t daemonPid() const;
     // Until the daemon has its request FIFO open ("fdDaemon: ..." printed).
     bool waitReady(int timeoutMs = 10000) const;
-    // Reaps the started process: true with its wait status.
-    bool waitExit(int &status, int timeoutMs = 10000);
     bool signalDaemon(int sig) const;
 
     std::string stdoutText() const { return daemonHarnessReadFile(outDir_ + "/stdout"); }
