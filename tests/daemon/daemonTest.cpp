@@ -185,11 +185,8 @@ TEST_F(mainLoopTest, wholeRecordsAreServedOnePerPassAndRepliesGoOnlyIntoAFifoTha
         log.clear();
         send(path);
         mainLoopPass();
-        strings lines;
-        for (const capturedLogLine &l : log.lines()) {
-            lines.push_back(std::to_string(l.level) + " " + l.source + " " + l.text);
-        }
-        EXPECT_EQ(lines, *line ? strings{std::string("0 main ") + line} : strings{}) << path;
+        EXPECT_EQ(log.leveled("main"), *line ? strings{std::string("0 ") + line} : strings{}) << path;
+        EXPECT_EQ(log.lines().size(), *line ? 1u : 0u) << "nothing from elsewhere";
     }
     EXPECT_EQ(pending(reply.get()), int(2 * sizeof(usbDaemonRequest)));
     EXPECT_EQ(fs::file_size(dir_ + "/regular"), 0u) << "a regular file is never written";
@@ -674,12 +671,9 @@ TEST_F(daemonProcessTest, withAFifoGroupOnlyRootAndMembersSendRequestsAndOthersA
                    "/tmp/qx-usb-daemon-fifo; an administrator grants it with: usermod -aG adm USER (then log in "
                    "again)\n");
     EXPECT_EQ(ctl({"status"}, nobody("--clear-groups")), 6);
-    // status holds the FIFO against the daemon's own --fifo-group.
+    // status holds the FIFO against the daemon's own --fifo-group (how it words a mismatch: the status test).
     EXPECT_EQ(ctl({"status"}), 0) << out_;
     EXPECT_THAT(out_, HasSubstr("fifo:       OK: /tmp/qx-usb-daemon-fifo: FIFO, owner root:adm, mode 0620\n"));
-    ASSERT_EQ(chmod(USB_DAEMON_FIFO, 0666), 0);
-    EXPECT_EQ(ctl({"status"}), 1);
-    EXPECT_THAT(out_, HasSubstr("FIFO, owner root:adm, mode 0666 (FIFO, owner root:adm, mode 0620 expected)"));
 }
 
 } // namespace
