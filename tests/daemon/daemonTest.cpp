@@ -236,6 +236,7 @@ protected:
     {
         upgradeTest::SetUp();
         qxUsbCleanUp(); // start-up opens the link itself
+        ASSERT_TRUE(daemonHarnessWriteImage(file_)); // not what the appliance runs: a whole upgrade at start-up
         manager.fd = managerSocket(true);
         manager.got.clear();
         daemonNotifyInit();
@@ -276,7 +277,6 @@ protected:
 
 TEST_F(notifyTest, startUpSaysEachStepInOrderAndOnlyTheLoopReportsReady)
 {
-    ASSERT_TRUE(daemonHarnessWriteImage(file_)); // not what the appliance runs: a whole upgrade
     ASSERT_EQ(usbMgmtInit(file_.c_str()), 0);
     const std::string searching = "STATUS=Searching for the microcontroller";
     const std::string upgrading = "STATUS=Upgrading the microcontroller's firmware: ";
@@ -306,7 +306,6 @@ TEST_F(notifyTest, startUpSaysEachStepInOrderAndOnlyTheLoopReportsReady)
 
 TEST_F(notifyTest, keepAlivesAreNeverFurtherApartThanHalfTheWatchdogIntervalDuringTheLongestOperations)
 {
-    ASSERT_TRUE(daemonHarnessWriteImage(file_));
     const std::pair<const char *, std::function<int32_t()>> operations[] = {
         {"start-up: two resets for slot 4, then a whole upgrade", [this] {
              simSetSlotUnreadable(QX_SLOT_FIRMWARE, 12);
@@ -420,9 +419,15 @@ protected:
 
 TEST_F(daemonProcessTest, servesCodesWithoutHandlerWithResult8OnlyReportsSigpipeAndLocksOutASecondInstance)
 {
+    uniqueFd socket = managerSocket(false);
+    stamped got;
     daemonHarness daemon;
     startServing(daemon);
     EXPECT_THAT(daemon.stdoutText(), MatchesRegex("fdDaemon: [0-9]+, fdDummy: [0-9]+\n"));
+    // The service manager hears ready once the loop serves, last (the steps before it: the in-process tests).
+    EXPECT_TRUE(daemonHarnessPoll(10000, [&] { return managerDrain(socket.get(), 0, got).size() == 4; }));
+    EXPECT_EQ(managerDrain(socket.get(), 0, got).back(), "READY=1\nSTATUS=Serving requests");
+    unsetenv("NOTIFY_SOCKET");
     // Which codes have no handler, and that those above 63 log nothing, is pinned by the device management tests.
     // The record comes back whole; that its blocks come back as they were is pinned there too.
     usbDaemonRequest r = daemonHarnessRecord(64);
@@ -533,6 +538,8 @@ TEST_F(daemonProcessTest, helpAndBadOptionsPrintTheUsageAndExitZeroBeforeDaemonS
 
 TEST_F(daemonProcessTest, startUpFailuresStopWithStatus1)
 {
+    uniqueFd socket = managerSocket(false); // the service manager never hears ready
+    stamped got;
     const std::pair<strings, std::string> cases[] = { // the options (on the appliance when given), main's line
         // Only a refused name: as if none was given, and the platform's firmware file is not there.
         {{"--file", "/" + std::string(294, 'x')}, "usbMgmtInit: failed"},
@@ -548,31 +555,16 @@ TEST_F(daemonProcessTest, startUpFailuresStopWithStatus1)
         EXPECT_EQ(daemon.logTexts("daemon"), strings{"tarnhold(EXIT) stopped"});
         EXPECT_EQ(fs::is_fifo(USB_DAEMON_FIFO), !args.empty()) << "a made FIFO is left in place";
         EXPECT_FALSE(fs::exists(PID_FILE));
+        EXPECT_THAT(managerDrain(socket.get(), 0, got),
+                    ::testing::Each(::testing::Not(::testing::StartsWith("READY"))));
     }
+    unsetenv("NOTIFY_SOCKET");
     // /tmp is still read-only. One parse decides about detaching: an abbreviation of --daemon detaches (the
     // parent leaves at once with 0 and the child fails on its own), a file named "--daemon" does not.
     for (const auto &[args, status] : {std::pair{strings{"--dae"}, 0}, {strings{"--file", "--daemon"}, 1}}) {
         daemonHarness daemon;
         EXPECT_EQ(daemon.runToEnd({.args = args}), status) << args.back();
     }
-}
-
-TEST_F(daemonProcessTest, theServiceManagerHearsReadyOnlyOnceTheLoopServesAndNeverAfterAFailedStartUp)
-{
-    uniqueFd socket = managerSocket(false);
-    stamped got;
-    daemonHarness failed;
-    EXPECT_EQ(failed.runToEnd(daemonHarnessOnAppliance(APP_HEX, {"--file", "/tmp/no-such.hex"})), 1);
-    EXPECT_EQ(managerDrain(socket.get(), 0, got), strings{"STATUS=Firmware file /tmp/no-such.hex"});
-    got.clear();
-    fs::remove(USB_DAEMON_FIFO);
-    daemonHarness daemon;
-    startServing(daemon);
-    EXPECT_TRUE(daemonHarnessPoll(10000, [&] { return managerDrain(socket.get(), 0, got).size() == 4; }));
-    // Which steps start-up says, in order, is pinned on the in-process appliance: here, ready comes last.
-    EXPECT_EQ(managerDrain(socket.get(), 0, got).back(), "READY=1\nSTATUS=Serving requests");
-    EXPECT_TRUE(serves(daemon));
-    unsetenv("NOTIFY_SOCKET");
 }
 
 TEST_F(daemonProcessTest, sigtermKeepsTheFifoOtherExitSignalsLeaveACrashLogAndRemoveIt)
