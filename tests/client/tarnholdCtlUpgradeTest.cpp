@@ -38,7 +38,6 @@ TEST(tarnholdCtlUpgrade, filesAreMadeAbsoluteAndCheckedAsTheServiceChecksThemBef
     EXPECT_TRUE(check(FPGA, "./fpga.bin") && absolute == dir + "/./fpga.bin");
     std::filesystem::copy_file(IDCODE_JBC, "idcode.jbc");
     EXPECT_TRUE(check(CPLD, "idcode.jbc")) << error;
-    EXPECT_EQ(absolute, dir + "/idcode.jbc");
     std::ifstream in(IDCODE_JBC, std::ios::binary);
     std::vector<char> damaged{std::istreambuf_iterator<char>(in), {}};
     damaged[100] ^= 1;

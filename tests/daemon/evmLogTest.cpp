@@ -2,6 +2,7 @@
 // standard error and the journal.
 #include "daemonHarness.h"
 #include "evmLog.h"
+#include "uniqueFd.h"
 
 #include <gtest/gtest.h>
 
@@ -55,7 +56,9 @@ TEST(evmLogTest, whileALineGoesOutOnlySentExitSignalsWaitAndFaultsReachTheirHand
         // The child blocks nothing until evm_log does.
         uint64_t blocked = 0;
         daemonHarnessPoll(5000, [&] {
-            return (blocked = std::strtoull(daemonHarnessProcStatus(child, "SigBlk").c_str(), nullptr, 16)) != 0;
+            const std::string status = daemonHarnessReadFile("/proc/" + std::to_string(child) + "/status");
+            const size_t at = status.find("\nSigBlk:");
+            return (blocked = at == std::string::npos ? 0 : std::strtoull(&status[at + 8], nullptr, 16)) != 0;
         });
         for (int sig : EXIT_SIGNALS) {
             EXPECT_EQ((blocked >> (sig - 1)) & 1U, isFault(sig) ? 0U : 1U) << sig;
@@ -78,30 +81,26 @@ TEST(evmLogTest, theCopyOnStandardErrorIsLeftOutOnlyWhenStandardErrorIsTheJourna
 {
     int fds[2];
     ASSERT_EQ(pipe2(fds, O_NONBLOCK), 0);
-    const int saved = dup(STDERR_FILENO);
-    ASSERT_GE(dup2(fds[1], STDERR_FILENO), 0);
+    const uniqueFd readEnd(fds[0]), writeEnd(fds[1]), saved(dup(STDERR_FILENO));
+    ASSERT_GE(dup2(writeEnd.get(), STDERR_FILENO), 0);
     struct stat st = {};
-    fstat(fds[1], &st);
+    fstat(writeEnd.get(), &st);
     const std::string self = std::to_string(st.st_dev) + ":" + std::to_string(st.st_ino);
     const std::string other = std::to_string(st.st_dev) + ":" + std::to_string(st.st_ino + 1);
     evmLogSetSink(nullptr);
     std::string copied;
     for (const std::string &stream : {self, other, std::string()}) {
-        if (stream.empty()) {
-            unsetenv("JOURNAL_STREAM");
-        } else {
+        unsetenv("JOURNAL_STREAM");
+        if (!stream.empty()) {
             setenv("JOURNAL_STREAM", stream.c_str(), 1);
         }
         evm_log(6, "main", 1, "journal %s", stream.c_str());
         char buf[512];
-        const ssize_t n = read(fds[0], buf, sizeof buf);
+        const ssize_t n = read(readEnd.get(), buf, sizeof buf);
         copied += n > 0 ? std::string(buf, static_cast<size_t>(n)) : "-\n";
     }
     unsetenv("JOURNAL_STREAM");
-    dup2(saved, STDERR_FILENO);
-    close(saved);
-    close(fds[0]);
-    close(fds[1]);
+    dup2(saved.get(), STDERR_FILENO);
     const std::string pid = std::to_string(getpid());
     EXPECT_EQ(copied, "-\ntarnhold[" + pid + "] <6> main:1: journal " + other + "\ntarnhold[" + pid +
                           "] <6> main:1: journal \n");

@@ -112,17 +112,6 @@ usbDaemonRequest daemonHarnessRecord(uint8_t code)
     return record;
 }
 
-std::string daemonHarnessProcStatus(pid_t pid, const std::string &field)
-{
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    for (std::string line; std::getline(status, line);) {
-        if (line.starts_with(field + ":")) {
-            return line.substr(field.size() + 1);
-        }
-    }
-    return "";
-}
-
 std::string daemonHarnessReadFile(const std::string &path)
 {
     std::ostringstream text;
@@ -170,8 +159,10 @@ int daemonHarness::runToEnd(const daemonHarnessCommand &command, int timeoutMs)
 int daemonHarness::exitStatus(int sig, int timeoutMs)
 {
     int status = 0;
-    return (sig == 0 || signalDaemon(sig)) && waitExit(status, timeoutMs) && WIFEXITED(status) ? WEXITSTATUS(status)
-                                                                                              : -1;
+    const bool ended = pid_ >= 0 && !reaped_ && (sig == 0 || signalDaemon(sig)) &&
+                       daemonHarnessPoll(timeoutMs, [&] { return waitpid(pid_, &status, WNOHANG) == pid_; });
+    reaped_ = reaped_ || ended;
+    return ended && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 pid_t daemonHarness::daemonPid() const
@@ -183,14 +174,6 @@ pid_t daemonHarness::daemonPid() const
 bool daemonHarness::waitReady(int timeoutMs) const
 {
     return daemonHarnessPoll(timeoutMs, [&] { return stdoutText().find("fdDaemon: ") != std::string::npos; });
-}
-
-bool daemonHarness::waitExit(int &status, int timeoutMs)
-{
-    bool ended = pid_ >= 0 && !reaped_ &&
-                 daemonHarnessPoll(timeoutMs, [&] { return waitpid(pid_, &status, WNOHANG) == pid_; });
-    reaped_ = reaped_ || ended;
-    return ended;
 }
 
 // Only processes in this namespace are the test's: a stale pid file must never lead to one of the host's.

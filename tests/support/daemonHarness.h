@@ -46,9 +46,6 @@ bool daemonHarnessWriteImage(const std::string &path);
 // A record with `code` in cmd byte 0; everything else zero.
 usbDaemonRequest daemonHarnessRecord(uint8_t code);
 
-// The value of `field` in /proc/<pid>/status ("SigBlk", ...), "" when there is none.
-std::string daemonHarnessProcStatus(pid_t pid, const std::string &field);
-
 // A whole file; "" when it cannot be read.
 std::string daemonHarnessReadFile(const std::string &path);
 
@@ -72,8 +69,6 @@ public:
     pid_t daemonPid() const;
     // Until the daemon has its request FIFO open ("fdDaemon: ..." printed).
     bool waitReady(int timeoutMs = 10000) const;
-    // Reaps the started process: true with its wait status.
-    bool waitExit(int &status, int timeoutMs = 10000);
     bool signalDaemon(int sig) const;
 
     std::string stdoutText() const { return daemonHarnessReadFile(outDir_ + "/stdout"); }
