@@ -492,7 +492,6 @@ TEST_F(qxLoaderOnSim, failedProgrammingStaysInTheBootloaderAndProgramsAgainAfter
         {"a USB hiccup: 20 blocks of 377 refused from block 150",
          [] { simFailIoctl(PIC_HID_PIC32_PROGRAM, EIO, 20, 149); },
          {1, 2, 4, 8, 16, 32, 60, 60, 60, 60, 60, 60, 60, 60, 60, 60, 60, 60, 60, 60}},
-        {"availability failing once", [] { simFailIoctl(PIC_HID_PIC32_IS_URB_AVAILABLE, EIO, 1, 99); }, {1}},
         {"power lost mid-programming, the bootloader then starting what is written", [] {
              simSetBootloaderStartsWrittenApp(true);
              simPowerLossAfter(100);
