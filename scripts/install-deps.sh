@@ -13,4 +13,4 @@ apt-get install -y --no-install-recommends \
   clang libclang-rt-14-dev \
   util-linux procps \
   systemd libsystemd-dev groff-base man-db dpkg-dev file python3 \
-  qemu-system-x86 linux-image-amd64 linux-headers-amd64 busybox-static cpio i2c-tools
+  qemu-system-x86 linux-image-amd64 linux-headers-amd64 busybox-static cpio i2c-tools kmod dbus
