@@ -122,34 +122,42 @@ void tarnholdUsage(const char *argv0)
     fprintf(stderr, "\t %s --%s %s\n", argv0, "file", MAIN_DEFAULT_FIRMWARE);
 }
 
+// Copies an option's value into its field: 1 to maxMinusOne + 1 characters,
+// n - 1 taken unsigned so that the empty value wraps round and is refused too
+// (an argument holds at most 128 KiB, so no long one wraps back in). False,
+// and the field untouched, when refused.
+bool __mainCopyValue(const char *value, uint32_t maxMinusOne, char *field)
+{
+    size_t n = strlen(value);
+    if (static_cast<uint32_t>(n - 1) > maxMinusOne) {
+        return false;
+    }
+    memcpy(field, value, n);
+    field[n] = '\0';
+    return true;
+}
+
 void __mainTakeFileName(const char *name)
 {
     auto &m = mainPrivateMembers;
     evm_log(0, MAIN_SOURCE, __LINE__, "platform input: %s", name);
-    size_t n = strlen(name);
-    // n - 1 taken unsigned: the empty name wraps round and is refused too
-    // (an argument holds at most 128 KiB, so no long one wraps back in).
-    if (static_cast<uint32_t>(n - 1) > MAIN_FILE_NAME_MAX_MINUS_ONE) {
+    static_assert(sizeof m.fileName > MAIN_FILE_NAME_MAX_MINUS_ONE + 1);
+    if (!__mainCopyValue(name, MAIN_FILE_NAME_MAX_MINUS_ONE, m.fileName)) {
         evm_log(0, MAIN_SOURCE, __LINE__, "INVALID FILE NAME INPUT");
         return;
     }
-    memcpy(m.fileName, name, n);
-    m.fileName[n] = '\0';
     m.fileSelected = true;
 }
 
 void __mainTakeFifoGroup(const char *name)
 {
     auto &m = mainPrivateMembers;
-    size_t n = strlen(name);
     m.fifoGroupGiven = true;
-    m.fifoGroupRefused = static_cast<uint32_t>(n - 1) > MAIN_GROUP_NAME_MAX_MINUS_ONE;
+    static_assert(sizeof m.fifoGroup > MAIN_GROUP_NAME_MAX_MINUS_ONE + 1);
+    m.fifoGroupRefused = !__mainCopyValue(name, MAIN_GROUP_NAME_MAX_MINUS_ONE, m.fifoGroup);
     if (m.fifoGroupRefused) {
         evm_log(0, MAIN_SOURCE, __LINE__, "INVALID GROUP NAME INPUT");
-        return;
     }
-    memcpy(m.fifoGroup, name, n);
-    m.fifoGroup[n] = '\0';
 }
 
 // False when the process is to end now (usage shown). getopt's own line
