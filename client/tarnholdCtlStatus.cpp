@@ -109,9 +109,11 @@ void __statusSystemd()
             continue;
         }
         const std::string_view key = l.substr(0, eq);
-        std::string &field = key == "ActiveState" ? active : key == "SubState" ? sub : text;
-        if (key == "ActiveState" || key == "SubState" || key == "StatusText") {
-            field = l.substr(eq + 1);
+        std::string *field = key == "ActiveState" ? &active : key == "SubState" ? &sub
+                             : key == "StatusText"  ? &text
+                                                    : nullptr;
+        if (field != nullptr) {
+            *field = l.substr(eq + 1);
         }
     }
     pclose(show);
