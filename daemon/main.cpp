@@ -7,6 +7,7 @@
 #include "evmLog.h"
 #include "qxUsb.h"
 #include "scsiCtrl.h"
+#include "seamFd.h"
 #include "sysSeam.h"
 #include "uniqueFd.h"
 #include "usbDaemonRequest.h"
@@ -366,22 +367,22 @@ void __mainReply()
     // between still cannot redirect the reply. O_NOCTTY: a terminal named here
     // never becomes the daemon's controlling terminal.
     struct stat st = {};
-    if (stat(path, &st) == 0 && !S_ISFIFO(st.st_mode)) {
+    if (platformSys.stat(path, &st) == 0 && !S_ISFIFO(st.st_mode)) {
         evm_log(0, MAIN_SOURCE, __LINE__, "fdClient: %d - '%s'", -1, MAIN_REPLY_NOT_FIFO);
         return;
     }
-    uniqueFd client(open(path, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    seamFd client(path, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     m.fdClient = client.get();
     if (!client.valid()) {
         evm_log(0, MAIN_SOURCE, __LINE__, "fdClient: %d - '%s'", m.fdClient, strerror(errno));
         return;
     }
-    if (fstat(client.get(), &st) != 0 || !S_ISFIFO(st.st_mode)) {
+    if (platformSys.fstat(client.get(), &st) != 0 || !S_ISFIFO(st.st_mode)) {
         m.fdClient = -1;
         evm_log(0, MAIN_SOURCE, __LINE__, "fdClient: %d - '%s'", -1, MAIN_REPLY_NOT_FIFO);
         return;
     }
-    if (write(client.get(), &m.record, sizeof m.record) == -1) {
+    if (platformSys.write(client.get(), &m.record, sizeof m.record) == -1) {
         evm_log(0, MAIN_SOURCE, __LINE__, "tarnhold:main: write - '%s'", strerror(errno));
     }
     // Cleared before the close so the exit handler never closes it twice.
@@ -517,7 +518,7 @@ void mainLoopPass()
     }
 
     // Only a whole record is trusted; anything shorter is dropped silently.
-    ssize_t n = read(m.fdDaemon, &m.record, sizeof m.record);
+    ssize_t n = platformSys.read(m.fdDaemon, &m.record, sizeof m.record);
     if (n != static_cast<ssize_t>(sizeof m.record)) {
         return;
     }

@@ -9,12 +9,10 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
-#include <libudev.h>
 #include <unistd.h>
 
 namespace {
 
-constexpr const char *SCSI_CTRL_SUBSYSTEM = "pci";
 constexpr const char *SCSI_CTRL_VENDOR = "12d8";
 constexpr const char *SCSI_CTRL_DEVICE = "e130";
 constexpr size_t SCSI_CTRL_BEAT_SIZE = 2;
@@ -29,25 +27,6 @@ struct {
     bool shortReadReported = false; // said once until a read succeeds again
 } scsiCtrlPrivateMembers;
 
-// Substring tests on the texts as sysfs gives them: "0x12D8" is not ours.
-void __scsiCtrlConsider(udev *context, const char *sysPath)
-{
-    auto &m = scsiCtrlPrivateMembers;
-    udev_device *dev = udev_device_new_from_syspath(context, sysPath);
-    if (dev == nullptr) {
-        return;
-    }
-    const char *vendor = udev_device_get_sysattr_value(dev, "vendor");
-    const char *device = udev_device_get_sysattr_value(dev, "device");
-    if (vendor != nullptr && device != nullptr && strstr(vendor, SCSI_CTRL_VENDOR) != nullptr &&
-        strstr(device, SCSI_CTRL_DEVICE) != nullptr) {
-        snprintf(m.configPathBuf, SCSI_CTRL_PATH_LIMIT, "%s/%s", sysPath, "config");
-        m.configPath = m.configPathBuf;
-        printf("VID/PID[%s %s] path: %s\n", vendor, device, sysPath);
-    }
-    udev_device_unref(dev);
-}
-
 } // namespace
 
 int32_t scsiCtrlInit()
@@ -57,26 +36,13 @@ int32_t scsiCtrlInit()
     memset(m.configPathBuf, 0, sizeof m.configPathBuf);
     m.shortReadReported = false;
 
-    udev *context = udev_new();
-    if (context == nullptr) {
-        printf("Cannot create udev\n");
-        fflush(stdout);
-        return -1;
+    char sysPath[SCSI_CTRL_PATH_BUF_SIZE] = {};
+    const int rc = platformSys.findPciDevice(SCSI_CTRL_VENDOR, SCSI_CTRL_DEVICE, sysPath, sizeof sysPath);
+    if (rc == 0) {
+        snprintf(m.configPathBuf, SCSI_CTRL_PATH_LIMIT, "%s/%s", sysPath, "config");
+        m.configPath = m.configPathBuf;
     }
-    udev_enumerate *enumerate = udev_enumerate_new(context);
-    if (enumerate != nullptr) {
-        udev_enumerate_add_match_subsystem(enumerate, SCSI_CTRL_SUBSYSTEM);
-        udev_enumerate_scan_devices(enumerate);
-        // Every match is printed; the last one in enumeration order stays.
-        for (udev_list_entry *entry = udev_enumerate_get_list_entry(enumerate); entry != nullptr;
-             entry = udev_list_entry_get_next(entry)) {
-            __scsiCtrlConsider(context, udev_list_entry_get_name(entry));
-        }
-        udev_enumerate_unref(enumerate);
-    }
-    udev_unref(context);
-    fflush(stdout);
-    return 0;
+    return rc == -2 ? -1 : 0;
 }
 
 int32_t scsiCtrlGetHeartBeepIntervalSec()

@@ -3,6 +3,7 @@
 #include "qxFile.h"
 
 #include "evmLog.h"
+#include "sysSeam.h"
 
 #include <openssl/evp.h>
 
@@ -10,7 +11,9 @@
 #include <array>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
 #include <memory>
+#include <unistd.h>
 
 namespace {
 
@@ -221,8 +224,13 @@ int32_t qxFileInit(const char *path)
     }
     std::fill_n(m.data.begin(), QX_FLASH_SIZE, QX_FILE_ERASED);
 
-    __qxFileHandle file(fopen(path, "r"));
+    // Opened through the seam, so that a recording holds the file the service read.
+    const int fd = platformSys.open(path, O_RDONLY | O_CLOEXEC, 0);
+    __qxFileHandle file(fd >= 0 ? fdopen(fd, "r") : nullptr);
     if (!file) {
+        if (fd >= 0) {
+            close(fd);
+        }
         return QX_FILE_ERROR;
     }
 

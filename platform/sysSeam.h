@@ -1,13 +1,14 @@
 // The system-call seam: every touch of the device node, the I2C bus (open,
-// ioctl, close), the SCSI controller's sysfs configuration file (open,
-// lseek, read, write, close), shell commands, sleeps and the clock goes through
-// this one table. The
+// ioctl, close), the SCSI controller (its search and its sysfs configuration
+// file), the request FIFO's reads and the replies, the files the service
+// reads, shell commands, sleeps and the clock goes through this one table. The
 // product binds it to libc and libusb; tests bind it to the simulated
 // appliance and to virtual time.
 #pragma once
 
 #include <cstdint>
 #include <sys/select.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <usb.h>
 
@@ -20,11 +21,17 @@ struct platformSysOps {
     ssize_t (*read)(int fd, void *buf, size_t len);
     ssize_t (*write)(int fd, const void *buf, size_t len);
     off_t (*lseek)(int fd, off_t offset, int whence);
+    int (*stat)(const char *path, struct stat *st);
+    int (*fstat)(int fd, struct stat *st);
     int (*usleep)(useconds_t usec);
     int (*system)(const char *command);
     int (*select)(int nfds, fd_set *readfds, fd_set *writefds, fd_set *exceptfds, struct timeval *timeout);
     uint64_t (*msSince1970)();
     uint64_t (*monotonicUs)(); // never jumps: rate limits and keep-alives
+    // The sysfs folder of the last PCI device whose vendor and device texts
+    // hold these (udev's enumeration order), each match printed: 0 when one
+    // was found, -1 when none, -2 without a udev context.
+    int (*findPciDevice)(const char *vendor, const char *device, char *sysPath, size_t size);
 
     // libusb 0.1, for the microcontroller's USB port reset.
     void (*usbInit)();

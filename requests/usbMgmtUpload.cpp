@@ -58,7 +58,7 @@ void usbMgmtIoBlock(uint8_t *report, uint32_t request, uint8_t seq)
 ssize_t usbMgmtUploadFileSize(const usbMgmtUploadRules &rules, const char *path)
 {
     struct stat st = {};
-    if (stat(path, &st) != 0) {
+    if (platformSys.stat(path, &st) != 0) {
         evm_log(0, rules.logSource, __LINE__, "QX_TRACE_FILE-error finding file: %s", path);
         return -1;
     }
@@ -81,7 +81,7 @@ ssize_t usbMgmtUploadReadFile(const usbMgmtUploadRules &rules, const char *path,
         return -1;
     }
     struct stat st = {};
-    if (fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
+    if (platformSys.fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
         const char *reason = S_ISDIR(st.st_mode) ? std::strerror(EISDIR) : "not a regular file";
         evm_log(0, rules.logSource, __LINE__, "QX_TRACE_FILE-error opening file: %s - '%s'", path, reason);
         return -1;

@@ -300,6 +300,12 @@ void __simInProcessBuildBus()
     inProcess.bus.devices = &inProcess.devices[0];
 }
 
+// The controller's search is udev's (a umockdev testbed's under the tests).
+int __simInProcessFindPci(const char *vendor, const char *device, char *sysPath, size_t size)
+{
+    return PLATFORM_SYS_LIBC.findPciDevice(vendor, device, sysPath, size);
+}
+
 constexpr platformSysOps SIM_IN_PROCESS_OPS = {
     .open = __simInProcessOpen,
     .access = __simInProcessAccess,
@@ -308,11 +314,14 @@ constexpr platformSysOps SIM_IN_PROCESS_OPS = {
     .read = __simInProcessRead,
     .write = __simInProcessWrite,
     .lseek = ::lseek, // the controller's configuration file is a real file (a umockdev testbed's sysfs)
+    .stat = ::stat,
+    .fstat = ::fstat,
     .usleep = __simInProcessUsleep,
     .system = __simInProcessSystem,
     .select = __simInProcessSelect,
     .msSince1970 = __simInProcessMsSince1970,
     .monotonicUs = __simInProcessNowUs,
+    .findPciDevice = __simInProcessFindPci,
     .usbInit = __simInProcessUsbInit,
     .usbFindBusses = __simInProcessUsbFindBusses,
     .usbFindDevices = __simInProcessUsbFindDevices,
