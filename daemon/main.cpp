@@ -8,6 +8,7 @@
 #include "qxUsb.h"
 #include "scsiCtrl.h"
 #include "seamFd.h"
+#include "sysRecord.h"
 #include "sysSeam.h"
 #include "uniqueFd.h"
 #include "usbDaemonRequest.h"
@@ -389,6 +390,34 @@ void __mainReply()
     m.fdClient = -1;
 }
 
+void __mainResetOptions()
+{
+    auto &m = mainPrivateMembers;
+    memset(m.fileName, 0, sizeof m.fileName);
+    m.fileSelected = false;
+    m.detach = false;
+    m.fifoGroupGiven = false;
+    m.fifoGroupRefused = false;
+}
+
+// Start-up from the firmware decision on, then the loop. A replay has no pid
+// file or FIFO of its own to remove when start-up fails.
+int __mainServe(bool replay)
+{
+    auto &m = mainPrivateMembers;
+    if (usbMgmtInit(m.fileSelected ? m.fileName : nullptr) != 0) {
+        evm_log(0, MAIN_SOURCE, __LINE__, "usbMgmtInit: failed");
+        return replay ? 1 : __mainStartupFailed();
+    }
+    // A missing controller, or no udev, only means no heartbeat.
+    scsiCtrlInit();
+    mainHeartbeat = MAIN_HEARTBEAT_SCSI_CTRL;
+
+    for (;;) {
+        mainLoopPass();
+    }
+}
+
 } // namespace
 
 // Ends the process on the exit set of signals. It formats text, writes a file
@@ -397,6 +426,7 @@ void __mainReply()
 void signal_exit_handler(int sig)
 {
     auto &m = mainPrivateMembers;
+    sysRecordExit(sig);
     if (sig != SIGTERM) {
         char name[MAIN_CRASH_LOG_NAME_MAX];
         snprintf(name, sizeof name, MAIN_CRASH_LOG_FORMAT, static_cast<int>(getpid()), sig);
@@ -440,11 +470,7 @@ void signal_pipe_handler(int)
 int mainRun(int argc, char **argv)
 {
     auto &m = mainPrivateMembers;
-    memset(m.fileName, 0, sizeof m.fileName);
-    m.fileSelected = false;
-    m.detach = false;
-    m.fifoGroupGiven = false;
-    m.fifoGroupRefused = false;
+    __mainResetOptions();
     daemonNotifyInit();
     if (!__mainParseOptions(argc, argv)) {
         return 0;
@@ -466,18 +492,22 @@ int mainRun(int argc, char **argv)
     }
     printf("fdDaemon: %d, fdDummy: %d\n", m.fdDaemon, m.fdDummy);
     fflush(stdout);
+    sysRecordStart(argc, argv, m.fdDaemon);
+    return __mainServe(false);
+}
 
-    if (usbMgmtInit(m.fileSelected ? m.fileName : nullptr) != 0) {
-        evm_log(0, MAIN_SOURCE, __LINE__, "usbMgmtInit: failed");
-        return __mainStartupFailed();
+int mainReplay(int argc, char **argv, int requestFd, uint64_t watchdogSliceUs)
+{
+    auto &m = mainPrivateMembers;
+    __mainResetOptions();
+    optind = 0;
+    daemonNotifyInitSlice(watchdogSliceUs);
+    if (!__mainParseOptions(argc, argv)) {
+        return 0;
     }
-    // A missing controller, or no udev, only means no heartbeat.
-    scsiCtrlInit();
-    mainHeartbeat = MAIN_HEARTBEAT_SCSI_CTRL;
-
-    for (;;) {
-        mainLoopPass();
-    }
+    m.fdDaemon = requestFd;
+    m.lastTick = 0;
+    return __mainServe(true);
 }
 
 void mainLoopPass()

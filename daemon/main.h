@@ -38,6 +38,12 @@ extern mainHeartbeatOps mainHeartbeat;
 // option (0) or a start-up failure (1).
 int mainRun(int argc, char **argv);
 
+// The same on a replay: options, then start-up from the firmware decision on
+// and the loop, reading requests from `requestFd`; no daemon start, signals,
+// pid file or FIFO of its own; waits cut in the recorded service's
+// keep-alive slices.
+int mainReplay(int argc, char **argv, int requestFd, uint64_t watchdogSliceUs);
+
 // One pass of the request loop: wait (through platformSys.select), heartbeat
 // check, then at most one 244-byte record served.
 void mainLoopPass();

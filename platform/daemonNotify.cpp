@@ -65,6 +65,13 @@ void daemonNotifyInit()
     }
 }
 
+void daemonNotifyInitSlice(uint64_t sliceUs)
+{
+    auto &m = daemonNotifyPrivateMembers;
+    m = {};
+    m.sliceUs = sliceUs;
+}
+
 void daemonNotifyStatus(const char *format, ...)
 {
     auto &m = daemonNotifyPrivateMembers;

@@ -10,6 +10,10 @@
 // starts afresh: not ready, no status sent, no keep-alive sent.
 void daemonNotifyInit();
 
+// Starts afresh telling nobody, as under a watchdog with this keep-alive
+// slice (0: none): a replay waits in the slices the recorded service did.
+void daemonNotifyInitSlice(uint64_t sliceUs);
+
 // A status line of its own: the device search, the firmware file chosen, the
 // start-up decision, an upgrade under way. printf-like.
 void daemonNotifyStatus(const char *format, ...) __attribute__((format(printf, 1, 2)));

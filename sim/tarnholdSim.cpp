@@ -3,6 +3,7 @@
 // links it puts on the child's PATH) it is the module command instead.
 #include "tarnholdSim.h"
 #include "tarnholdSimHostBus.h"
+#include "tarnholdSimReplay.h"
 
 #include <glib.h>
 
@@ -70,11 +71,12 @@ void __tarnholdSimUsage(FILE *out)
                  "                      e.g. \"+0 x50\"; the model's clock follows the rate\n"
                  "%s"
                  "  --help              this text\n"
+                 "%s"
                  "\n%s%s"
                  "Control commands of the fan controller's I2C bus and the PCI bus:\n%s"
                  "Their faults (FAULT for --fault and 'fault'):\n%s",
                  TARNHOLD_SIM_NODE_NAME, TARNHOLD_SIM_EXIT_USAGE, tarnholdSimModelOptionUsage(),
-                 tarnholdSimHostBusOptionUsage(),
+                 tarnholdSimHostBusOptionUsage(), tarnholdSimReplayUsage(),
                  tarnholdSimControlUsage(), tarnholdSimUpgradeUsage(), tarnholdSimHostBusCommandUsage(),
                  tarnholdSimHostBusFaultUsage());
 }
@@ -308,6 +310,10 @@ int main(int argc, char **argv)
     const std::string name = slash != nullptr ? slash + 1 : argv[0];
     if (name == "rmmod" || name == "modprobe") {
         return tarnholdSimControlModuleCommand(argc, argv);
+    }
+
+    if (argc > 1 && std::strcmp(argv[1], "--replay") == 0) {
+        return tarnholdSimReplayMain(argc, argv);
     }
 
     tarnholdSimControlSetFrontEnd(
