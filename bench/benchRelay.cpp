@@ -1,17 +1,24 @@
 // The service's own cost per relayed request: the driver answers at once and
-// sleeps cost nothing, so what is left is dispatch, the link and the relay.
+// sleeps cost nothing, so what is left is dispatch, the link and the relay;
+// with the second argument 1, and with the recorder writing every exchange
+// to a file (TARNHOLD_RECORD as the service gets it).
 #include "evmLog.h"
 #include "qxUsb.h"
+#include "sysRecord.h"
 #include "sysSeam.h"
 #include "usbMgmt.h"
 
 #include <benchmark/benchmark.h>
 
+#include <cstdlib>
+#include <string>
 #include <cstring>
+#include <unistd.h>
 
 namespace {
 
 constexpr int BENCH_NODE_FD = 77;
+constexpr const char *BENCH_RECORDING = "/var/tmp/benchRelay.rec";
 
 // The last report sent, handed straight back as the reply.
 uint8_t benchLastSent[QX_REPORT_SIZE];
@@ -51,8 +58,16 @@ void BM_RelayedRequest(benchmark::State &state)
     platformSys.ioctl = benchIoctl;
     platformSys.usleep = benchUsleep;
     evmLogSetSink(benchQuietLog); // the open line, once per run of the loop
-    if (qxUsbInit() != 0) {
-        state.SkipWithError("link did not open");
+    const bool recording = state.range(1) != 0;
+    if (recording) {
+        setenv("TARNHOLD_RECORD", BENCH_RECORDING, 1);
+        char name[] = "tarnhold";
+        char *argv[] = {name, nullptr};
+        sysRecordStart(1, argv, -1);
+        unsetenv("TARNHOLD_RECORD");
+    }
+    if (qxUsbInit() != 0 || sysRecordOn() != recording) {
+        state.SkipWithError("link did not open, or the recorder did not start");
         return;
     }
     qxUsbBlock cmd{};
@@ -68,6 +83,9 @@ void BM_RelayedRequest(benchmark::State &state)
         benchmark::DoNotOptimize(resp.data());
     }
     qxUsbCleanUp();
+    sysRecordStop();
+    unlink(BENCH_RECORDING);
+    unlink((std::string(BENCH_RECORDING) + ".1").c_str());
     platformSys = PLATFORM_SYS_LIBC;
     evmLogSetSink(nullptr);
 }
@@ -75,6 +93,6 @@ void BM_RelayedRequest(benchmark::State &state)
 } // namespace
 
 // SET_LEDS and GET_INFO (the latter is one the raw trace keeps quiet; the relay never traces).
-BENCHMARK(BM_RelayedRequest)->Arg(QX_HID_CMD_SET_LEDS)->Arg(QX_HID_CMD_GET_INFO);
+BENCHMARK(BM_RelayedRequest)->ArgNames({"code", "recording"})->ArgsProduct({{QX_HID_CMD_SET_LEDS, QX_HID_CMD_GET_INFO}, {0, 1}});
 
 BENCHMARK_MAIN();

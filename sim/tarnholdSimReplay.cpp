@@ -96,6 +96,8 @@ std::string __replaySeconds(uint64_t us)
 // (a signal, a stop) or the recording does at this point.
 [[noreturn]] void __replayEnd()
 {
+    const bool signalled = rp.nextRc == 1 && rp.next.head.kind == static_cast<uint8_t>(recordKind::EXIT);
+    rp.matched += signalled ? 1 : 0; // the signal is where the recorded service ended too
     const double wall =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - rp.wallStart).count();
     std::string text = "replay: " + rp.path + ": all " + std::to_string(rp.matched) + " exchanges matched, " +
@@ -104,7 +106,7 @@ std::string __replaySeconds(uint64_t us)
     snprintf(speed, sizeof speed, ", replayed in %.2f s (%.0fx)\n", wall,
              wall > 0 ? static_cast<double>(rp.virtualUs) / 1e6 / wall : 0.0);
     text += speed;
-    if (rp.nextRc == 1 && rp.next.head.kind == static_cast<uint8_t>(recordKind::EXIT)) {
+    if (signalled) {
         recordExit e;
         std::memcpy(&e, rp.next.fixed, sizeof e);
         text += "replay: the recorded service ended there on signal " + std::to_string(e.signal) + "\n";

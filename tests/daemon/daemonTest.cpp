@@ -8,8 +8,12 @@
 #include "main.h"
 #include "qxFile.h"
 #include "qxLoader.h"
+#include "recordFormat.h"
+#include "scsiCtrl.h"
 #include "simFixture.h"
+#include "sysRecord.h"
 #include "sysSeam.h"
+#include "usbMgmt.h"
 #include "uniqueFd.h"
 
 #include <gmock/gmock.h>
@@ -384,6 +388,53 @@ TEST_F(mainLoopOnSim, absencesAreServedAgainByTheSecondRequestAfterTheReturnAndH
     // The re-open after ENODEV, then one try in each second.
     EXPECT_EQ(std::ranges::count(simKinds(), simEventKind::OPEN_FAILED), 11);
     EXPECT_EQ(polls(2), (std::vector<int32_t>{0, 0}));
+}
+
+// A run of the start-up and the loop recorded on the in-process appliance replays to its end in tarnhold-sim.
+TEST_F(mainLoopOnSim, aRecordedRunOfStartUpAndLoopReplaysToItsEnd)
+{
+    // Outside /tmp, which the replay's run hides behind a fresh one.
+    std::string keep = "/var/tmp/tarnhold-record.XXXXXX";
+    ASSERT_NE(mkdtemp(keep.data()), nullptr);
+    const std::string image = keep + "/app.hex", fpga = keep + "/fpga.bin", rec = keep + "/run.rec";
+    ASSERT_TRUE(daemonHarnessWriteImage(image));
+    std::ofstream(fpga, std::ios::binary) << std::string(1u << 20, 'F');
+    qxUsbCleanUp();
+    ASSERT_EQ(setenv("TARNHOLD_RECORD", rec.c_str(), 1), 0);
+    std::array<const char *, 3> argv = {"tarnhold", "--file", image.c_str()};
+    sysRecordStart(int(argv.size()), const_cast<char **>(argv.data()), requestRead_.get());
+    unsetenv("TARNHOLD_RECORD");
+    ASSERT_TRUE(sysRecordOn());
+    ASSERT_EQ(usbMgmtInit(image.c_str()), 0); // upgrades the other application the model starts with
+    scsiCtrlInit();
+    mainHeartbeat = MAIN_HEARTBEAT_SCSI_CTRL;
+    for (uint8_t code : {QX_HID_CMD_GET_INFO, QX_HID_CMD_FPGA_UPGRADE, QX_HID_CMD_GET_ALL_DRV_STATUS}) {
+        usbDaemonRequest r = {};
+        memcpy(r.clientFifo, (dir_ + "/reply").c_str(), dir_.size() + 7);
+        r.cmd[0] = code;
+        memcpy(&r.cmd[3], fpga.c_str(), fpga.size() + 1);
+        ASSERT_EQ(write(requestWrite_.get(), &r, sizeof r), ssize_t(sizeof r));
+        mainLoopPass();
+        ASSERT_EQ(read(replyRead_.get(), &r, sizeof r), ssize_t(sizeof r));
+        EXPECT_EQ(r.result, 0) << int(code);
+    }
+    sysRecordStop();
+    mainHeartbeat = MAIN_HEARTBEAT_NONE;
+
+    const std::string bytes = daemonHarnessReadFile(rec);
+    const std::span<const uint8_t> file(reinterpret_cast<const uint8_t *>(bytes.data()), bytes.size());
+    recordFileHeader header;
+    recordError error;
+    ASSERT_TRUE(recordReadHeader(file, header, error)) << error.message;
+    uint64_t offset = sizeof header, count = 0;
+    recordView view;
+    while (recordReadNext(file, offset, count, view, error) == 1) {
+    }
+    ASSERT_EQ(offset, file.size()) << error.message;
+    daemonHarness replay;
+    EXPECT_EQ(replay.runToEnd({.binary = TARNHOLD_SIM_BINARY, .args = {"--replay", rec}}), 0) << replay.stderrText();
+    EXPECT_THAT(replay.stdoutText(), HasSubstr("all " + std::to_string(count) + " exchanges matched"));
+    fs::remove_all(keep);
 }
 
 class daemonProcessTest : public ::testing::Test {
