@@ -669,8 +669,23 @@ int __recSelect(int nfds, fd_set *readfds, fd_set *writefds, fd_set *exceptfds, 
 {
     const int64_t timeoutUs =
         timeout != nullptr ? static_cast<int64_t>(timeout->tv_sec) * 1000000 + timeout->tv_usec : int64_t{-1};
-    __recFlushCommitted();
-    const int rc = rec.under.select(nfds, readfds, writefds, exceptfds, timeout);
+    // Records wait in the buffer only while requests keep coming: a wait that
+    // would block sends them out first.
+    int rc = 0;
+    bool waited = true;
+    if (rec.on && rec.committed != 0 && readfds != nullptr && writefds == nullptr && exceptfds == nullptr) {
+        fd_set ready = *readfds;
+        timeval now = {};
+        rc = rec.under.select(nfds, &ready, nullptr, nullptr, &now);
+        if (rc > 0) {
+            *readfds = ready;
+            waited = false;
+        }
+    }
+    if (waited) {
+        __recFlushCommitted();
+        rc = rec.under.select(nfds, readfds, writefds, exceptfds, timeout);
+    }
     const int err = errno;
     if (rec.on) {
         const int fd = nfds - 1;
