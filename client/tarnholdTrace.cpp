@@ -73,6 +73,13 @@ constexpr std::array<const char *, RECORD_USB_OP_LAST + 1> TRACE_USB_OPS = {
     "usb_init", "usb_find_busses", "usb_find_devices", "usb_get_busses", "usb_open", "usb_reset", "usb_close",
 };
 
+std::string __traceFormatByte(uint8_t byte)
+{
+    char esc[8];
+    snprintf(esc, sizeof esc, "\\x%02x", byte);
+    return esc;
+}
+
 template <size_t N> const char *__traceLookup(const std::array<traceName, N> &table, uint64_t value)
 {
     for (const auto &entry : table) {
@@ -81,6 +88,17 @@ template <size_t N> const char *__traceLookup(const std::array<traceName, N> &ta
         }
     }
     return nullptr;
+}
+
+// A path or word for the line: bytes that would break it or mislead show as \xNN.
+std::string __tracePrintable(std::string_view raw)
+{
+    std::string out;
+    for (const char c : raw) {
+        const auto u = static_cast<unsigned char>(c);
+        out += u >= 0x20 && u < 0x7f && c != '\\' ? std::string(1, c) : __traceFormatByte(u);
+    }
+    return out;
 }
 
 // The line's text and the JSON object's members, built together.
@@ -104,6 +122,8 @@ struct traceOut {
     {
         add(part, key, tarnholdCtlJsonString(value));
     }
+    // A text the record carries (a path, a word): escaped on the line, whole in JSON.
+    void raw(const char *key, const std::string &value) { str(__tracePrintable(value), key, value); }
 };
 
 template <typename T> T __traceFixed(const recordView &v)
@@ -161,7 +181,7 @@ std::string __traceFdName(const traceState &s, int fd)
 void __traceFd(traceOut &o, const traceState &s, int fd)
 {
     const std::string name = __traceFdName(s, fd);
-    o.num(name, "fd", fd);
+    o.num(__tracePrintable(name), "fd", fd);
     if (name != "fd " + std::to_string(fd)) {
         o.str("", "name", name);
     }
@@ -171,6 +191,13 @@ void __traceHash(traceOut &o, const uint8_t *sha)
 {
     const std::string shown = tarnholdCtlHex(sha, TRACE_HASH_SHOWN);
     o.add("sha256 " + shown, "sha256", tarnholdCtlJsonString(tarnholdCtlHex(sha, RECORD_HASH_SIZE)));
+}
+
+// As tarnholdctl prints a block's code.
+const char *__traceCodeName(uint8_t code)
+{
+    const char *name = qxUsbCmdBareName(code);
+    return name != nullptr ? name : "UNKNOWN_QX_HID_CMD";
 }
 
 std::string __traceRequestName(uint32_t request)
@@ -184,9 +211,8 @@ std::string __traceRequestName(uint32_t request)
 void __traceReport(traceOut &o, const char *key, const picHidIoctlArg &arg, bool status)
 {
     const uint8_t *r = arg.report;
-    const char *name = qxUsbCmdBareName(r[QX_REPORT_CODE]);
-    std::string text = __traceFormat("%s (%u) seq %u", name != nullptr ? name : "UNKNOWN_QX_HID_CMD",
-                                     r[QX_REPORT_CODE], r[QX_REPORT_SEQ]);
+    std::string text =
+        __traceFormat("%s (%u) seq %u", __traceCodeName(r[QX_REPORT_CODE]), r[QX_REPORT_CODE], r[QX_REPORT_SEQ]);
     if (status) {
         text += __traceFormat(" status %u", r[QX_REPORT_STATUS]);
     }
@@ -252,7 +278,7 @@ void __traceStart(traceOut &o, const traceState &, const recordView &v)
     for (size_t at = 0; at < v.data.size();) {
         const size_t end = std::find(v.data.begin() + at, v.data.end(), 0) - v.data.begin();
         const std::string word = __traceText(v.data.subspan(at, end - at));
-        words += " " + word;
+        words += " " + __tracePrintable(word);
         json += (json.size() > 1 ? "," : "") + tarnholdCtlJsonString(word);
         at = end + 1;
     }
@@ -262,7 +288,7 @@ void __traceStart(traceOut &o, const traceState &, const recordView &v)
 void __traceOpen(traceOut &o, const traceState &, const recordView &v)
 {
     const auto op = __traceFixed<recordOpen>(v);
-    o.str(__traceText(v.text), "path", __traceText(v.text));
+    o.raw("path", __traceText(v.text));
     const int acc = op.flags & O_ACCMODE;
     std::string flags = acc == O_RDONLY ? "O_RDONLY" : acc == O_WRONLY ? "O_WRONLY" : acc == O_RDWR ? "O_RDWR" : "O_?";
     int rest = op.flags & ~O_ACCMODE;
@@ -334,21 +360,19 @@ void __traceRecord(traceOut &o, const recordView &v, bool reply)
     usbDaemonRequest r;
     std::memcpy(&r, v.data.data(), sizeof r);
     const std::string fifo(r.clientFifo, strnlen(r.clientFifo, sizeof r.clientFifo));
-    const char *cmdName = qxUsbCmdBareName(r.cmd[QX_REPORT_CODE]);
-    std::string text = __traceFormat("%s %s (%u) seq %u", reply ? "reply" : "request",
-                                     cmdName != nullptr ? cmdName : "UNKNOWN_QX_HID_CMD", r.cmd[QX_REPORT_CODE],
+    const uint8_t code = r.cmd[QX_REPORT_CODE];
+    std::string text = __traceFormat("%s %s (%u) seq %u", reply ? "reply" : "request", __traceCodeName(code), code,
                                      r.cmd[QX_REPORT_SEQ]);
     std::string json = "{\"clientFifo\":" + tarnholdCtlJsonString(fifo) + ",\"cmd\":" + tarnholdCtlBlockJson(r.cmd);
     if (reply) {
-        const char *respName = qxUsbCmdBareName(r.resp[QX_REPORT_CODE]);
         text += __traceFormat(" result %d (%s) resp %s (%u) seq %u status %u", r.result,
-                              tarnholdCtlResultText(r.result), respName != nullptr ? respName : "UNKNOWN_QX_HID_CMD",
+                              tarnholdCtlResultText(r.result), __traceCodeName(r.resp[QX_REPORT_CODE]),
                               r.resp[QX_REPORT_CODE], r.resp[QX_REPORT_SEQ], r.resp[QX_REPORT_STATUS]);
         json += ",\"result\":" + std::to_string(r.result) +
                 ",\"resultText\":" + tarnholdCtlJsonString(tarnholdCtlResultText(r.result)) +
                 ",\"resp\":" + tarnholdCtlBlockJson(r.resp);
     } else {
-        text += " reply to " + fifo;
+        text += " reply to " + __tracePrintable(fifo);
     }
     o.add(text, reply ? "reply" : "request", json + "}");
 }
@@ -358,7 +382,8 @@ void __traceTransfer(traceOut &o, const traceState &s, const recordView &v)
     const auto t = __traceFixed<recordTransfer>(v);
     const bool write = v.head.kind == static_cast<uint8_t>(recordKind::WRITE);
     __traceFd(o, s, t.fd);
-    if (v.data.size() == sizeof(usbDaemonRequest)) {
+    // Whole records: read from the request FIFO, and the replies written to the clients' FIFOs.
+    if (v.data.size() == sizeof(usbDaemonRequest) && (write || t.fd == s.requestFd)) {
         __traceRecord(o, v, write);
     } else {
         o.num(std::to_string(t.len) + " bytes", "len", t.len);
@@ -423,7 +448,7 @@ void __traceClock(traceOut &o, const traceState &, const recordView &v)
 void __traceAccess(traceOut &o, const traceState &, const recordView &v)
 {
     const auto a = __traceFixed<recordAccess>(v);
-    o.str(__traceText(v.text), "path", __traceText(v.text));
+    o.raw("path", __traceText(v.text));
     std::string mode = a.mode == F_OK ? "F_OK" : "";
     for (const auto &[bit, name] : {std::pair{R_OK, "R_OK"}, {W_OK, "W_OK"}, {X_OK, "X_OK"}}) {
         mode += (a.mode & bit) != 0 ? (mode.empty() ? "" : "|") + std::string(name) : "";
@@ -436,7 +461,7 @@ void __traceStat(traceOut &o, const traceState &s, const recordView &v)
 {
     const auto st = __traceFixed<recordStat>(v);
     if (st.fd < 0) {
-        o.str(__traceText(v.text), "path", __traceText(v.text));
+        o.raw("path", __traceText(v.text));
     } else {
         __traceFd(o, s, st.fd);
     }
@@ -468,7 +493,8 @@ void __traceUsb(traceOut &o, const traceState &, const recordView &v)
         recordUsbDevice d;
         std::memcpy(&d, v.data.data() + at, sizeof d);
         const std::string bus(d.bus, strnlen(d.bus, sizeof d.bus)), dev(d.device, strnlen(d.device, sizeof d.device));
-        o.add(__traceFormat("%s/%s %04x:%04x", bus.c_str(), dev.c_str(), d.idVendor, d.idProduct));
+        o.add(__tracePrintable(bus) + "/" + __tracePrintable(dev) +
+              __traceFormat(" %04x:%04x", d.idVendor, d.idProduct));
         json += (json.size() > 1 ? "," : "") +
                 __traceFormat("{\"idVendor\":%u,\"idProduct\":%u,\"bus\":", d.idVendor, d.idProduct) +
                 tarnholdCtlJsonString(bus) + ",\"device\":" + tarnholdCtlJsonString(dev) + "}";
@@ -481,7 +507,7 @@ void __traceUsb(traceOut &o, const traceState &, const recordView &v)
 void __traceFile(traceOut &o, const traceState &, const recordView &v)
 {
     const auto f = __traceFixed<recordFile>(v);
-    o.str(__traceText(v.text), "path", __traceText(v.text));
+    o.raw("path", __traceText(v.text));
     if (f.size < 0) {
         o.add("open failed: " + __traceErrName(f.err), "errno", tarnholdCtlJsonString(__traceErrName(f.err)));
         return;
@@ -509,7 +535,7 @@ void __traceMem(traceOut &o, const traceState &s, const recordView &v)
 
 void __tracePci(traceOut &o, const traceState &, const recordView &v)
 {
-    o.str(v.text.empty() ? "no controller" : __traceText(v.text), "folder", __traceText(v.text));
+    o.str(v.text.empty() ? "no controller" : __tracePrintable(__traceText(v.text)), "folder", __traceText(v.text));
 }
 
 void __traceExit(traceOut &o, const traceState &, const recordView &v)
