@@ -9,9 +9,9 @@
 #include "usbDaemonRequest.h"
 #include "usbMgmtUpload.h"
 
+#include <algorithm>
 #include <array>
 #include <cinttypes>
-#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -23,8 +23,8 @@
 
 namespace {
 
-constexpr size_t TRACE_HEX_MAX = 16;       // bytes shown where nothing decodes them
-constexpr size_t TRACE_HASH_SHOWN = 8;     // of a SHA-256
+constexpr size_t TRACE_HEX_MAX = 16;   // bytes shown where nothing decodes them
+constexpr size_t TRACE_HASH_SHOWN = 8; // of a SHA-256
 constexpr size_t TRACE_BLOCK_SIZE = sizeof(picHidIoctlArg);
 
 struct traceName {
@@ -55,8 +55,8 @@ constexpr std::array<traceName, 19> TRACE_REQUESTS = {{
 }};
 
 constexpr std::array<traceName, 8> TRACE_OPEN_FLAGS = {{
-    {O_NONBLOCK, "O_NONBLOCK"}, {O_CREAT, "O_CREAT"},     {O_EXCL, "O_EXCL"},         {O_TRUNC, "O_TRUNC"},
-    {O_APPEND, "O_APPEND"},     {O_CLOEXEC, "O_CLOEXEC"}, {O_NOCTTY, "O_NOCTTY"},     {O_DIRECTORY, "O_DIRECTORY"},
+    {O_NONBLOCK, "O_NONBLOCK"}, {O_CREAT, "O_CREAT"},     {O_EXCL, "O_EXCL"},     {O_TRUNC, "O_TRUNC"},
+    {O_APPEND, "O_APPEND"},     {O_CLOEXEC, "O_CLOEXEC"}, {O_NOCTTY, "O_NOCTTY"}, {O_DIRECTORY, "O_DIRECTORY"},
 }};
 
 constexpr std::array<traceName, 7> TRACE_SMBUS_SIZES = {{
@@ -73,11 +73,11 @@ constexpr std::array<const char *, RECORD_USB_OP_LAST + 1> TRACE_USB_OPS = {
     "usb_init", "usb_find_busses", "usb_find_devices", "usb_get_busses", "usb_open", "usb_reset", "usb_close",
 };
 
-std::string __traceFormatByte(uint8_t byte)
+std::string __traceFormat(const char *format, auto... args)
 {
-    char esc[8];
-    snprintf(esc, sizeof esc, "\\x%02x", byte);
-    return esc;
+    char buf[256];
+    snprintf(buf, sizeof buf, format, args...);
+    return buf;
 }
 
 template <size_t N> const char *__traceLookup(const std::array<traceName, N> &table, uint64_t value)
@@ -96,7 +96,7 @@ std::string __tracePrintable(std::string_view raw)
     std::string out;
     for (const char c : raw) {
         const auto u = static_cast<unsigned char>(c);
-        out += u >= 0x20 && u < 0x7f && c != '\\' ? std::string(1, c) : __traceFormatByte(u);
+        out += u >= 0x20 && u < 0x7f && c != '\\' ? std::string(1, c) : __traceFormat("\\x%02x", u);
     }
     return out;
 }
@@ -131,13 +131,6 @@ template <typename T> T __traceFixed(const recordView &v)
     T t;
     std::memcpy(&t, v.fixed, sizeof t);
     return t;
-}
-
-std::string __traceFormat(const char *format, auto... args)
-{
-    char buf[256];
-    snprintf(buf, sizeof buf, format, args...);
-    return buf;
 }
 
 std::string __traceText(std::span<const uint8_t> bytes)
@@ -243,16 +236,27 @@ void __traceReport(traceOut &o, const char *key, const picHidIoctlArg &arg, bool
     o.add(__traceHex({r + QX_REPORT_PAYLOAD, end - QX_REPORT_PAYLOAD}));
 }
 
+// The bytes of the data block a transfer of `size` uses; a block's first byte is its length.
+size_t __traceSmbusBytes(uint32_t size, const uint8_t (&data)[34])
+{
+    if (size == I2C_SMBUS_QUICK) {
+        return 0;
+    }
+    if (size == I2C_SMBUS_BYTE || size == I2C_SMBUS_BYTE_DATA) {
+        return 1;
+    }
+    if (size == I2C_SMBUS_WORD_DATA || size == I2C_SMBUS_PROC_CALL) {
+        return 2;
+    }
+    return std::min<size_t>(data[0] + 1u, sizeof data);
+}
+
 void __traceSmbus(traceOut &o, const recordSmbus &before, const recordSmbus &after)
 {
     const bool read = before.readWrite == I2C_SMBUS_READ;
     const recordSmbus &carried = read ? after : before;
     const char *size = __traceLookup(TRACE_SMBUS_SIZES, before.size);
-    size_t len = before.size == I2C_SMBUS_BYTE_DATA || before.size == I2C_SMBUS_BYTE ? 1
-                 : before.size == I2C_SMBUS_WORD_DATA || before.size == I2C_SMBUS_PROC_CALL
-                     ? 2
-                     : std::min<size_t>(carried.data[0] + 1u, sizeof carried.data);
-    len = before.size == I2C_SMBUS_QUICK ? 0 : len;
+    const size_t len = __traceSmbusBytes(before.size, carried.data);
     const std::string data = tarnholdCtlHex(carried.data, len);
     o.add(__traceFormat("%s reg 0x%02x %s", read ? "read" : "write", before.command, size ? size : "size ?") +
               (len != 0 ? " " + __traceHex({carried.data, len}) : ""),
