@@ -5,6 +5,7 @@
 #include "tarnholdCtlFirmware.h"
 #include "tarnholdCtlStatus.h"
 #include "tarnholdCtlText.h"
+#include "tarnholdCtlTrace.h"
 #include "tarnholdCtlUpgrade.h"
 #include "uniqueFd.h"
 #include "viaI2c.h"
@@ -29,7 +30,7 @@ enum tarnholdCtlExit : int {
     CTL_EXIT_RESULT = 1,        // the daemon answered with a non-zero result
     CTL_EXIT_USAGE = 2,         // bad command line
     CTL_EXIT_TRANSPORT = 3,     // no daemon, no reply in time, or a failed system call
-    CTL_EXIT_FIRMWARE_FILE = 4, // firmware-check: the file does not load; an upgrade file is refused
+    CTL_EXIT_FIRMWARE_FILE = 4, // firmware-check: the file does not load; an upgrade file or a recording is refused
     CTL_EXIT_DIFFERS = 5,       // firmware-check: the stored firmware differs from the file
     CTL_EXIT_DENIED = 6,        // not allowed to send requests (not root, not in the FIFO's group)
 };
@@ -533,7 +534,23 @@ int __ctlStatus(tarnholdCtlContext &ctx, int argc, char **)
     }
 }
 
-constexpr std::array<tarnholdCtlCommand, 18> CTL_COMMANDS = {{
+// trace FILE: the daemon is not asked; an unreadable file counts as a failed system call.
+int __ctlTrace(tarnholdCtlContext &ctx, int argc, char **argv)
+{
+    if (argc != 1) {
+        return __ctlUsageError("trace needs one FILE");
+    }
+    switch (tarnholdCtlTrace(argv[0], ctx.json)) {
+    case tarnholdCtlTraceOutcome::PRINTED:
+        return CTL_EXIT_OK;
+    case tarnholdCtlTraceOutcome::UNREADABLE:
+        return CTL_EXIT_TRANSPORT;
+    default:
+        return CTL_EXIT_FIRMWARE_FILE;
+    }
+}
+
+constexpr std::array<tarnholdCtlCommand, 19> CTL_COMMANDS = {{
     {"raw", __ctlRaw, "CODE [BYTE...]", "send code CODE with BYTEs from byte 3; print both blocks"},
     {"cmd", __ctlCmd, "NAME|CODE [BYTE...]", "the same by command name (QX_HID_CMD_SET_LEDS or set-leds)"},
     {"bay-shutdown", __ctlBayShutdown, "BAY", "force drive bay BAY to shut down"},
@@ -551,6 +568,7 @@ constexpr std::array<tarnholdCtlCommand, 18> CTL_COMMANDS = {{
     {"file-transfer", __ctlFileTransfer, "[LENGTH]", "file-transfer test over LENGTH bytes (default and most 8 MiB)"},
     {"fan", __ctlFan, "[set auto|LEVEL]", "option-bay fans: mode and level, or set them (LEVEL 0-15)"},
     {"status", __ctlStatus, "", "daemon, FIFO, round trip, platform, firmware, CPLD and fans: OK or what is wrong"},
+    {"trace", __ctlTrace, "FILE", "print a recording of the service, one exchange a line (no daemon needed)"},
     {"help", nullptr, "", "this text"},
 }};
 
@@ -562,11 +580,12 @@ void __ctlUsage(FILE *out)
     }
     fprintf(out, "  %-15s %-20s %s\n", "<name>", "[BYTE...]", "a command's short name: cmd <name>");
     fprintf(out, "\nBYTE, CODE, BAY, SLOT: decimal or 0x hex, 0 to 255.\n"
-                 "--json prints one JSON object; --timeout defaults to %d s; --fifo names the request FIFO "
-                 "(default %s).\n\n"
+                 "--json prints one JSON object (trace: one a line); --timeout defaults to %d s; --fifo names the\n"
+                 "request FIFO (default %s).\n\n"
                  "Exit status: 0 result 0 (firmware-check: current; status: all well), 1 non-zero result\n"
                  "(status: something is wrong), 2 usage, 3 no daemon / no reply / system error,\n"
-                 "4 firmware file does not load or upgrade file refused (nothing sent), 5 firmware differs,\n"
+                 "4 firmware file does not load, upgrade file refused (nothing sent) or recording refused\n"
+                 "(trace: what came before a damaged record is printed), 5 firmware differs,\n"
                  "6 not allowed to send requests (only root and the request FIFO's group may).\n",
             TARNHOLD_CLIENT_TIMEOUT_MS / 1000, USB_DAEMON_FIFO);
 }
