@@ -622,6 +622,7 @@ std::string traceJson(const traceState &s, const recordView &v)
 {
     const char *kind = recordKindName(v.head.kind);
     const traceOut o = __traceDecode(s, v);
-    return __traceFormat("{\"exchange\":%" PRIu64 ",\"timeUs\":%" PRIu64 ",\"kind\":", v.index, v.head.timeUs) +
+    return __traceFormat("{\"exchange\":%" PRIu64 ",\"offset\":%" PRIu64 ",\"timeUs\":%" PRIu64 ",\"kind\":", v.index,
+                         v.offset, v.head.timeUs) +
            tarnholdCtlJsonString(kind != nullptr ? kind : "?") + o.json + "}";
 }

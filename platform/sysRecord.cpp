@@ -70,6 +70,7 @@ struct {
     char path[SYS_RECORD_PATH_SIZE] = {};
     int requestFd = -1;
     uint64_t startUs = 0;
+    uint64_t lastUs = 0; // the latest time recorded
     uint64_t limit = SYS_RECORD_DEFAULT_LIMIT;
     uint64_t size = 0;    // of the file
     uint64_t emitted = 0; // bytes ever recorded, cuts included
@@ -93,6 +94,15 @@ struct {
 auto &rec = sysRecordPrivateMembers;
 
 void __recStopFile(const char *what, int err);
+
+// Time since the start, never going back: a clock read inside a signal
+// handler (libfaketime's, say) may lag the ones before it.
+uint64_t __recNowUs()
+{
+    const uint64_t now = rec.under.monotonicUs();
+    rec.lastUs = std::max(rec.lastUs, now >= rec.startUs ? now - rec.startUs : 0);
+    return rec.lastUs;
+}
 
 bool __recWriteAll(int fd, const void *p, size_t n)
 {
@@ -215,7 +225,7 @@ void __recCut()
     recordHead head = {};
     head.kind = static_cast<uint8_t>(recordKind::GAP);
     head.size = sizeof head + sizeof(recordGap);
-    head.timeUs = rec.under.monotonicUs() - rec.startUs;
+    head.timeUs = __recNowUs();
     const recordGap gap = {cut.records - rec.headRecords, cut.emitted - rec.headEnd};
     std::array<uint8_t, sizeof head + sizeof gap> gapBytes;
     std::memcpy(gapBytes.data(), &head, sizeof head);
@@ -278,7 +288,7 @@ void __recBegin(recordKind kind, uint64_t size)
     recordHead head = {};
     head.size = static_cast<uint32_t>(size);
     head.kind = static_cast<uint8_t>(kind);
-    head.timeUs = rec.under.monotonicUs() - rec.startUs;
+    head.timeUs = __recNowUs();
     rec.flushed = false;
     rec.emitted += size;
     ++rec.records;
@@ -834,6 +844,7 @@ void __recLay(bool withData)
     rec.under = platformSys;
     rec.data = withData;
     rec.startUs = rec.under.monotonicUs();
+    rec.lastUs = 0;
     rec.size = 0;
     rec.emitted = 0;
     rec.records = 0;
@@ -973,7 +984,7 @@ void sysRecordExit(int sig)
     static_assert(sizeof record == sizeof(recordHead) + sizeof(recordExit));
     record.head.size = sizeof record;
     record.head.kind = static_cast<uint8_t>(recordKind::EXIT);
-    record.head.timeUs = rec.under.monotonicUs() - rec.startUs;
+    record.head.timeUs = __recNowUs();
     record.exit.signal = sig;
     // Whole records only: the signal may have come in the middle of one.
     if (rec.committed != 0) {
