@@ -14,6 +14,7 @@
 #include "sysSeam.h"
 #include "tarnholdTrace.h"
 #include "uniqueFd.h"
+#include "usbDaemonRequest.h"
 
 #include <openssl/evp.h>
 
@@ -46,8 +47,19 @@ constexpr int REPLAY_FILE_FD_MIN = 700;
 // Bytes of the picdev block that hold addresses in the daemon's memory:
 // they differ from run to run, so they are not compared.
 constexpr size_t REPLAY_BLOCK_XFER_BUF = 80;
-constexpr size_t REPLAY_BLOCK_ADDRESS = 12;
+constexpr size_t REPLAY_BLOCK_ADDRESS = 12;       // packets and pages handed over
+constexpr size_t REPLAY_BLOCK_TRANSFER_ADDRESS = 7; // the file-transfer test's buffer, in its command too
 constexpr size_t REPLAY_ADDRESS_SIZE = 8;
+
+// Where a picdev block of `request` holds an address besides xferBuf; 0 for none.
+size_t __replayReportAddress(uint32_t request)
+{
+    if (request == PIC_HID_PIC32_PROGRAM || request == PIC_HID_PIC32_PROGRAM_DONE || request == PIC_HID_PROGRAM_FPGA ||
+        request == PIC_HID_PROGRAM_CPLD) {
+        return REPLAY_BLOCK_ADDRESS;
+    }
+    return request == PIC_HID_FILE_TRANSFER_TEST ? REPLAY_BLOCK_TRANSFER_ADDRESS : 0;
+}
 
 struct {
     std::span<const uint8_t> file;
@@ -309,9 +321,8 @@ void __replayKeepAddresses(uint32_t request, const uint8_t *from, uint8_t *to)
     std::array<uint8_t, sizeof(picHidIoctlArg)> copy;
     std::memcpy(copy.data(), from, copy.size());
     std::memcpy(&copy[REPLAY_BLOCK_XFER_BUF], to + REPLAY_BLOCK_XFER_BUF, REPLAY_ADDRESS_SIZE);
-    if (request == PIC_HID_PIC32_PROGRAM || request == PIC_HID_PIC32_PROGRAM_DONE || request == PIC_HID_PROGRAM_FPGA ||
-        request == PIC_HID_PROGRAM_CPLD) {
-        std::memcpy(&copy[REPLAY_BLOCK_ADDRESS], to + REPLAY_BLOCK_ADDRESS, REPLAY_ADDRESS_SIZE);
+    if (const size_t at = __replayReportAddress(request); at != 0) {
+        std::memcpy(&copy[at], to + at, REPLAY_ADDRESS_SIZE);
     }
     std::memcpy(to, copy.data(), copy.size());
 }
@@ -591,9 +602,8 @@ std::vector<uint8_t> __replayComparable(const recordView &v, std::span<const uin
             for (size_t copy = 0; copy < 2; ++copy) {
                 const size_t block = fixedAt + sizeof io + copy * io.argSize;
                 __replayMask(bytes, block + REPLAY_BLOCK_XFER_BUF, REPLAY_ADDRESS_SIZE);
-                if (io.request == PIC_HID_PIC32_PROGRAM || io.request == PIC_HID_PIC32_PROGRAM_DONE ||
-                    io.request == PIC_HID_PROGRAM_FPGA || io.request == PIC_HID_PROGRAM_CPLD) {
-                    __replayMask(bytes, block + REPLAY_BLOCK_ADDRESS, REPLAY_ADDRESS_SIZE);
+                if (const size_t at = __replayReportAddress(io.request); at != 0) {
+                    __replayMask(bytes, block + at, REPLAY_ADDRESS_SIZE);
                 }
             }
         } else if (io.argKind == static_cast<uint32_t>(recordArgKind::VALUE) && io.request != I2C_SLAVE) {
@@ -602,10 +612,36 @@ std::vector<uint8_t> __replayComparable(const recordView &v, std::span<const uin
         }
         break;
     }
+    case recordKind::WRITE: {
+        // A reply to the file-transfer test carries the buffer's address in its command.
+        const size_t cmd = sizeof(recordHead) + sizeof(recordTransfer) + offsetof(usbDaemonRequest, cmd);
+        if (v.data.size() == sizeof(usbDaemonRequest) && bytes[cmd] == QX_HID_CMD_FILE_TRANSFER_TEST) {
+            __replayMask(bytes, cmd + REPLAY_BLOCK_TRANSFER_ADDRESS, REPLAY_ADDRESS_SIZE);
+        }
+        break;
+    }
     default:
         break;
     }
     return bytes;
+}
+
+// Where two records first differ, in words: the part of the record and the two bytes.
+std::string __replayFirstDifference(const recordView &v, const std::vector<uint8_t> &want,
+                                    const std::vector<uint8_t> &got)
+{
+    if (want.size() != got.size()) {
+        return "a record of " + std::to_string(got.size()) + " bytes where " + std::to_string(want.size()) +
+               " were recorded";
+    }
+    const size_t at = static_cast<size_t>(std::mismatch(want.begin(), want.end(), got.begin()).first - want.begin());
+    const size_t fixedAt = sizeof(recordHead);
+    const size_t dataAt = fixedAt + recordFixedSize(static_cast<recordKind>(v.head.kind)) + v.text.size();
+    char text[128];
+    snprintf(text, sizeof text, "byte %zu of its %s differs: 0x%02x recorded, 0x%02x now",
+             at >= dataAt ? at - dataAt : at >= fixedAt ? at - fixedAt : at,
+             at >= dataAt ? "data" : at >= fixedAt ? "fixed part" : "head", want[at], got[at]);
+    return text;
 }
 
 void __replaySinkRecord(std::span<const uint8_t> bytes)
@@ -635,12 +671,13 @@ void __replaySinkEnd()
     if (rp.nextRc != 1) {
         __replayDiverged(__replayExpectedLine(), cameLine);
     }
-    const auto expected = rp.file.subspan(rp.next.offset, rp.next.head.size);
-    if (__replayComparable(rp.next, expected) != __replayComparable(came, rp.came)) {
-        __replayDiverged(__replayExpectedLine(), cameLine);
+    const auto want = __replayComparable(rp.next, rp.file.subspan(rp.next.offset, rp.next.head.size));
+    const auto got = __replayComparable(came, rp.came);
+    if (want != got) {
+        __replayDiverged(__replayExpectedLine(), cameLine, __replayFirstDifference(rp.next, want, got));
     }
-    traceTake(rp.trace, rp.next);
     rp.history.push_back(traceLine(rp.trace, rp.next));
+    traceTake(rp.trace, rp.next);
     if (rp.history.size() > REPLAY_HISTORY) {
         rp.history.pop_front();
     }
@@ -735,7 +772,7 @@ int tarnholdSimReplayMain(int argc, char **argv)
         words.emplace_back("tarnhold");
     }
     traceTake(rp.trace, rp.next);
-    rp.virtualUs = rp.next.head.timeUs;
+    const uint64_t startUs = rp.next.head.timeUs;
     ++rp.matched;
     __replayAdvance();
 
@@ -756,7 +793,8 @@ int tarnholdSimReplayMain(int argc, char **argv)
     daemonArgv.push_back(nullptr);
     rp.wallStart = std::chrono::steady_clock::now();
     platformSys = REPLAY_OPS;
-    sysRecordStartSink(REPLAY_SINK, (rp.header.flags & RECORD_FLAG_DATA) != 0);
+    sysRecordStartSink(REPLAY_SINK, (rp.header.flags & RECORD_FLAG_DATA) != 0); // its time 0 is the recording's
+    rp.virtualUs = startUs;
     mainReplay(static_cast<int>(words.size()), daemonArgv.data(), start.requestFd, start.watchdogSliceUs);
     // The daemon's start-up gave up: the replay matched if the recording ends here too.
     if (rp.nextRc == 0 || (rp.nextRc == 1 && rp.next.head.kind == static_cast<uint8_t>(recordKind::EXIT))) {

@@ -25,7 +25,7 @@ SIM_SOCKET=/run/tarnhold-sim.sock
 SIM_READY=/run/tarnhold-sim.ready
 UNIT=tarnhold.service
 
-CHECKS="setup installed startupUpgrade access renumberedNode homeUpgrades fans journalOnce crashRestart watchdogRestart
+CHECKS="setup installed startupUpgrade access renumberedNode homeUpgrades fans recordReplay journalOnce crashRestart watchdogRestart
  exposure stopped purged"
 only=$(sed -n 's/.*tarnhold\.vmchecks=\([^ ]*\).*/\1/p' /proc/cmdline)
 [ "$only" = all ] || CHECKS=${only//,/ }
@@ -207,6 +207,28 @@ fans() {
     [ "$(ctl --json fan | grep -o '"mode":"[a-z]*"')" = '"mode":"automatic"' ] || { echo "fan reads back otherwise"; return 1; }
 }
 
+# Recording turned on by a drop-in, as an integrator does: what the service did
+# under the unit, on the real device node, replays to its end on the desk's build.
+recordReplay() {
+    local rec=/var/log/tarnhold/record.trn dropin=/run/systemd/system/$UNIT.d records last out
+    mkdir -p "$dropin"
+    printf '[Service]\nEnvironment=TARNHOLD_RECORD=%s TARNHOLD_RECORD_DATA=1\n' "$rec" >"$dropin/record.conf"
+    systemctl daemon-reload
+    systemctl restart "$UNIT" || { echo "no start with recording on"; return 1; }
+    ctl get-info >/dev/null && ctl fan >/dev/null && ctl cpld-info >/dev/null && ctl file-transfer 65536 >/dev/null ||
+        { echo "requests failed"; return 1; }
+    systemctl stop "$UNIT"
+    rm -rf "$dropin"
+    systemctl daemon-reload
+    systemctl start "$UNIT"
+    records=$(( $(tarnholdctl trace "$rec" | wc -l) - 1 ))
+    last=$(tarnholdctl trace "$rec" | tail -1)
+    out=$(tarnhold-sim --replay "$rec" 2>&1) || { echo "replay: $out"; return 1; }
+    figure "recording under the unit: $records exchanges, $(stat -c %s "$rec") bytes; $(head -1 <<<"$out")"
+    echo "$records exchanges recorded ($(stat -c %s "$rec") bytes), the last: $last; $out"
+    grep -q "all $records exchanges matched" <<<"$out" && grep -q "signal 15" <<<"$last"
+}
+
 # Every line once, through syslog with its priority; none copied from standard error.
 journalOnce() {
     journalctl -b -u "$UNIT" -o json --output-fields=MESSAGE,PRIORITY,_TRANSPORT,SYSLOG_IDENTIFIER |
@@ -302,6 +324,7 @@ purged() {
         [ -e "$f" ] || [ -L "$f" ] && left="$left $f,"
     done
     ls /var/crash/tarnhold-* >/dev/null 2>&1 && left="$left crash logs,"
+    [ -e /var/log/tarnhold ] && left="$left /var/log/tarnhold,"
     [ "$(cat /run/tarnhold-vm-crash-before)" = 0 ] && [ -e /var/crash ] && left="$left /var/crash,"
     ls /var/lib/systemd/deb-systemd-helper-enabled/ 2>/dev/null | grep -q tarnhold && left="$left deb-systemd-helper state,"
     dpkg -s tarnhold >/dev/null 2>&1 && left="$left the package's dpkg record,"
