@@ -161,23 +161,22 @@ std::string __replayExpectedLine()
     return std::string("(damaged record: ") + rp.nextError.message + ")";
 }
 
-// Whether the next recorded exchange is of `kind`; at the recording's end
-// the replay is over. Another kind leaves it for the comparison to report.
-bool __replayExpect(recordKind kind)
+// The next recorded exchange, which must be of `kind` (`what` says what the
+// daemon did instead); at the recording's end the replay is over.
+void __replayTake(recordKind kind, const std::string &what = {})
 {
     if (rp.nextRc == 0 || (rp.nextRc == 1 && (rp.next.head.kind == static_cast<uint8_t>(recordKind::EXIT) ||
                                               rp.next.head.kind == static_cast<uint8_t>(recordKind::GAP)))) {
         __replayEnd();
     }
+    const std::string came = what.empty() ? std::string("a ") + recordKindName(static_cast<uint8_t>(kind)) : what;
     if (rp.nextRc < 0) {
-        __replayDiverged(__replayExpectedLine(), std::string("a ") + recordKindName(static_cast<uint8_t>(kind)),
-                         "the recording is damaged here");
+        __replayDiverged(__replayExpectedLine(), came, "the recording is damaged here");
     }
     if (rp.next.head.kind != static_cast<uint8_t>(kind)) {
-        return false;
+        __replayDiverged(__replayExpectedLine(), came);
     }
     rp.virtualUs = std::max(rp.virtualUs, rp.next.head.timeUs);
-    return true;
 }
 
 template <typename T> T __replayFixed()
@@ -273,12 +272,6 @@ int __replayFileFd(const recordFile &f, const std::string &path)
 
 // ---- The table under the recorder: recorded answers -------------------------------
 
-int __replayFail()
-{
-    errno = EIO;
-    return -1;
-}
-
 template <typename R> R __replayResult(R result, int err)
 {
     errno = err;
@@ -287,18 +280,17 @@ template <typename R> R __replayResult(R result, int err)
 
 int __replayOpen(const char *path, int, mode_t)
 {
-    if (__replayExpect(recordKind::OPEN)) {
-        const auto o = __replayFixed<recordOpen>();
-        return __replayResult(o.result, o.err);
-    }
-    if (rp.next.head.kind == static_cast<uint8_t>(recordKind::FILE)) {
+    if (rp.nextRc == 1 && rp.next.head.kind == static_cast<uint8_t>(recordKind::FILE)) {
+        __replayTake(recordKind::FILE);
         const auto f = __replayFixed<recordFile>();
         if (f.size < 0) {
             return __replayResult(-1, f.err);
         }
         return __replayFileFd(f, path);
     }
-    return __replayFail();
+    __replayTake(recordKind::OPEN, std::string("open ") + path);
+    const auto o = __replayFixed<recordOpen>();
+    return __replayResult(o.result, o.err);
 }
 
 int __replayClose(int fd)
@@ -307,9 +299,7 @@ int __replayClose(int fd)
         rp.fileFds.erase(std::find(rp.fileFds.begin(), rp.fileFds.end(), fd));
         return ::close(fd);
     }
-    if (!__replayExpect(recordKind::CLOSE)) {
-        return __replayFail();
-    }
+    __replayTake(recordKind::CLOSE);
     const auto c = __replayFixed<recordClose>();
     return __replayResult(c.result, c.err);
 }
@@ -329,9 +319,7 @@ void __replayKeepAddresses(uint32_t request, const uint8_t *from, uint8_t *to)
 
 int __replayIoctl(int, unsigned long request, void *arg)
 {
-    if (!__replayExpect(recordKind::IOCTL)) {
-        return __replayFail();
-    }
+    __replayTake(recordKind::IOCTL);
     const auto io = __replayFixed<recordIoctl>();
     const uint8_t *after = rp.next.data.data() + io.argSize;
     if (io.argKind == static_cast<uint32_t>(recordArgKind::BLOCK) && arg != nullptr && _IOC_TYPE(request) == 'H') {
@@ -352,9 +340,7 @@ ssize_t __replayRead(int fd, void *buf, size_t len)
     if (__replayIsFileFd(fd)) {
         return ::read(fd, buf, len);
     }
-    if (!__replayExpect(recordKind::READ)) {
-        return __replayFail();
-    }
+    __replayTake(recordKind::READ);
     const auto t = __replayFixed<recordTransfer>();
     std::memcpy(buf, rp.next.data.data(), std::min(len, rp.next.data.size()));
     return __replayResult(static_cast<ssize_t>(t.result), t.err);
@@ -365,9 +351,7 @@ ssize_t __replayWrite(int fd, const void *buf, size_t len)
     if (__replayIsFileFd(fd)) {
         return ::write(fd, buf, len);
     }
-    if (!__replayExpect(recordKind::WRITE)) {
-        return __replayFail();
-    }
+    __replayTake(recordKind::WRITE);
     const auto t = __replayFixed<recordTransfer>();
     return __replayResult(static_cast<ssize_t>(t.result), t.err);
 }
@@ -377,18 +361,14 @@ off_t __replayLseek(int fd, off_t offset, int whence)
     if (__replayIsFileFd(fd)) {
         return ::lseek(fd, offset, whence);
     }
-    if (!__replayExpect(recordKind::LSEEK)) {
-        return __replayFail();
-    }
+    __replayTake(recordKind::LSEEK);
     const auto l = __replayFixed<recordLseek>();
     return __replayResult(static_cast<off_t>(l.result), l.err);
 }
 
 int __replayStatAnswer(struct stat *st)
 {
-    if (!__replayExpect(recordKind::STAT)) {
-        return __replayFail();
-    }
+    __replayTake(recordKind::STAT);
     const auto s = __replayFixed<recordStat>();
     *st = {};
     st->st_mode = s.mode;
@@ -409,28 +389,26 @@ int __replayFstat(int fd, struct stat *st)
 
 int __replayAccess(const char *, int)
 {
-    if (!__replayExpect(recordKind::ACCESS)) {
-        return __replayFail();
-    }
+    __replayTake(recordKind::ACCESS);
     const auto a = __replayFixed<recordAccess>();
     return __replayResult(a.result, a.err);
 }
 
-int __replayUsleep(useconds_t)
+int __replayUsleep(useconds_t us)
 {
-    return __replayExpect(recordKind::SLEEP) ? __replayFixed<recordSleep>().result : 0;
+    __replayTake(recordKind::SLEEP, "sleep " + std::to_string(us) + " us");
+    return __replayFixed<recordSleep>().result;
 }
 
-int __replaySystem(const char *)
+int __replaySystem(const char *command)
 {
-    return __replayExpect(recordKind::SYSTEM) ? __replayFixed<recordSystem>().result : -1;
+    __replayTake(recordKind::SYSTEM, std::string("system \"") + command + "\"");
+    return __replayFixed<recordSystem>().result;
 }
 
 int __replaySelect(int nfds, fd_set *readfds, fd_set *writefds, fd_set *exceptfds, struct timeval *)
 {
-    if (!__replayExpect(recordKind::SELECT)) {
-        return __replayFail();
-    }
+    __replayTake(recordKind::SELECT);
     const auto s = __replayFixed<recordSelect>();
     for (fd_set *set : {readfds, writefds, exceptfds}) {
         if (set != nullptr) {
@@ -445,7 +423,8 @@ int __replaySelect(int nfds, fd_set *readfds, fd_set *writefds, fd_set *exceptfd
 
 uint64_t __replayMsSince1970()
 {
-    return __replayExpect(recordKind::CLOCK) ? __replayFixed<recordClock>().msSince1970 : 0;
+    __replayTake(recordKind::CLOCK);
+    return __replayFixed<recordClock>().msSince1970;
 }
 
 uint64_t __replayMonotonicUs()
@@ -455,7 +434,8 @@ uint64_t __replayMonotonicUs()
 
 int __replayFindPci(const char *, const char *, char *sysPath, size_t size)
 {
-    if (!__replayExpect(recordKind::PCI) || rp.next.text.empty() || size == 0) {
+    __replayTake(recordKind::PCI);
+    if (rp.next.text.empty() || size == 0) {
         return -1;
     }
     const size_t n = std::min(size - 1, rp.next.text.size());
@@ -466,8 +446,9 @@ int __replayFindPci(const char *, const char *, char *sysPath, size_t size)
 
 int __replayUsb(recordUsbOp op)
 {
-    if (!__replayExpect(recordKind::USB) || __replayFixed<recordUsb>().op != static_cast<uint32_t>(op)) {
-        return -1;
+    __replayTake(recordKind::USB);
+    if (__replayFixed<recordUsb>().op != static_cast<uint32_t>(op)) {
+        __replayDiverged(__replayExpectedLine(), "usb call " + std::to_string(static_cast<uint32_t>(op)));
     }
     return __replayFixed<recordUsb>().result;
 }
@@ -665,7 +646,7 @@ void __replaySinkEnd()
     }
     // A MEM record comes from the recorder itself, without a call under it.
     if (came.head.kind == static_cast<uint8_t>(recordKind::MEM)) {
-        __replayExpect(recordKind::MEM);
+        __replayTake(recordKind::MEM);
     }
     std::string cameLine = traceLine(rp.trace, came);
     if (rp.nextRc != 1) {

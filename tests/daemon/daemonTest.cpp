@@ -437,6 +437,40 @@ TEST_F(mainLoopOnSim, aRecordedRunOfStartUpAndLoopReplaysToItsEnd)
     fs::remove_all(keep);
 }
 
+// Records wait in a buffer between the service's waits; a crash signal writes them out before its own record.
+TEST_F(mainLoopOnSim, aCrashSignalWritesTheRecordsStillBufferedBeforeItsOwn)
+{
+    const std::string rec = dir_ + "/crash.rec";
+    auto crash = [&] {
+        setenv("TARNHOLD_RECORD", rec.c_str(), 1);
+        std::array<char *, 2> argv = {const_cast<char *>("tarnhold"), nullptr};
+        sysRecordStart(1, argv.data(), requestRead_.get());
+        for (int i = 0; i < 3; ++i) {
+            uint8_t report[QX_REPORT_SIZE] = {QX_HID_CMD_GET_INFO};
+            qxUsbCmd(report); // a send and no wait: its record stays in the buffer
+        }
+        signal(SIGSEGV, [](int sig) {
+            sysRecordExit(sig);
+            _exit(7);
+        });
+        raise(SIGSEGV);
+    };
+    EXPECT_EXIT(crash(), ::testing::ExitedWithCode(7), "");
+    const std::string bytes = daemonHarnessReadFile(rec);
+    const std::span<const uint8_t> file(reinterpret_cast<const uint8_t *>(bytes.data()), bytes.size());
+    recordFileHeader header;
+    recordError error;
+    ASSERT_TRUE(recordReadHeader(file, header, error)) << error.message;
+    uint64_t offset = sizeof header, index = 0;
+    recordView view;
+    std::vector<recordKind> kinds;
+    while (recordReadNext(file, offset, index, view, error) == 1) {
+        kinds.push_back(recordKind(view.head.kind));
+    }
+    EXPECT_EQ(kinds, (std::vector<recordKind>{recordKind::START, recordKind::IOCTL, recordKind::IOCTL,
+                                              recordKind::IOCTL, recordKind::EXIT}));
+}
+
 class daemonProcessTest : public ::testing::Test {
 protected:
     // A namespace as on first start, with the image that the appliance's flash holds.

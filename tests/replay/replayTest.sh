@@ -190,7 +190,10 @@ roundtrip)
     ;;
 crash)
     rec="$WORK/crash.rec"
-    start "$rec" 20 --flash-image "$HEX" -- --file "$HEX"
+    # Each chunk leaves the driver busy for a while, so that the daemon waits
+    # (and its records reach the file) between chunks: the signal comes while
+    # pages are still being handed over.
+    start "$rec" 20 --flash-image "$HEX" --log "$WORK/events" --fault urb-busy:400000 -- --file "$HEX"
     ctl get-info
     "$CTL" --timeout 120 fpga-upgrade "$FPGA" >/dev/null 2>&1 &
     for _ in $(seq 1 600); do
@@ -198,11 +201,18 @@ crash)
         sleep 0.05
     done
     [ "$(count "$rec" PIC_HID_PROGRAM_FPGA)" -ge 10 ] || fail "the FPGA upgrade did not start sending pages"
+    [ "$(count "$rec" PIC_HID_PROGRAM_FPGA)" -lt 130 ] || fail "the FPGA upgrade sent its pages before the signal"
     kill -SEGV "$(cat /var/run/tarnhold.pid)"
     wait "$SIM_PID" || true
     SIM_PID=
     "$CTL" trace "$rec" >"$WORK/trace" || fail "the crash's recording does not read to its end"
     tail -1 "$WORK/trace" | grep -q 'exit.*signal 11' || fail "the recording does not end with the signal"
+    # Every chunk the simulated driver was handed is in the recording (but one
+    # the signal may have caught inside its call).
+    seen=$(grep -c '^DRIVER .*request=0x80584808' "$WORK/events")
+    recorded=$(grep -c 'ioctl .*PIC_HID_PROGRAM_FPGA' "$WORK/trace")
+    echo "chunks handed to the driver: $seen; recorded: $recorded"
+    [ "$recorded" = "$seen" ] || [ "$recorded" = $((seen - 1)) ] || fail "chunks lost from the recording"
     out=$("$SIM" --replay "$rec") || fail "does not replay: $out"
     echo "$out"
     records=$(( $(wc -l <"$WORK/trace") - 1 ))

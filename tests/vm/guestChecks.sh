@@ -223,7 +223,7 @@ recordReplay() {
     systemctl start "$UNIT"
     records=$(( $(tarnholdctl trace "$rec" | wc -l) - 1 ))
     last=$(tarnholdctl trace "$rec" | tail -1)
-    out=$(tarnhold-sim --replay "$rec" 2>&1) || { echo "replay: $out"; return 1; }
+    out=$("$work/../sim/tarnhold-sim" --replay "$rec" 2>&1) || { echo "replay: $out"; return 1; }
     figure "recording under the unit: $records exchanges, $(stat -c %s "$rec") bytes; $(head -1 <<<"$out")"
     echo "$records exchanges recorded ($(stat -c %s "$rec") bytes), the last: $last; $out"
     grep -q "all $records exchanges matched" <<<"$out" && grep -q "signal 15" <<<"$last"
