@@ -252,6 +252,7 @@ void __recCut()
         ++n;
     }
     rec.checkpointCount = n;
+    rec.nextCheckpoint = rec.nextCheckpoint > cut.offset ? rec.nextCheckpoint - cut.offset + newCut : rec.size;
 }
 
 // Before a record of `size` bytes goes to the file: the start-up part closes

@@ -226,6 +226,9 @@ limit)
     [ "$size" -le $((256 * 1024 + 65536)) ] || fail "$size bytes, past the limit"
     "$CTL" trace "$rec" >"$WORK/trace" || fail "the cut recording does not read to its end"
     [ "$(grep -c ' gap ' "$WORK/trace")" = 1 ] || fail "no gap, or more than one"
+    gapAt=$("$CTL" --json trace "$rec" | grep '"kind":"gap"' | sed -n 's/.*"offset":\([0-9]*\).*/\1/p')
+    [ "$gapAt" -ge $((64 * 1024)) ] && [ $((size - gapAt)) -ge $((64 * 1024)) ] ||
+        fail "start-up part ($gapAt bytes) or newest part ($((size - gapAt)) bytes) shorter than a quarter of the limit"
     sed -n 2p "$WORK/trace" | grep -q ' start ' || fail "the start-up part is gone"
     tail -1 "$WORK/trace" | grep -q 'exit.*signal 15' || fail "the newest part is gone"
     out=$("$SIM" --replay "$rec") || fail "does not replay up to the gap: $out"
