@@ -38,8 +38,8 @@ int32_t scsiCtrlInit()
 
     char sysPath[SCSI_CTRL_PATH_BUF_SIZE] = {};
     const int rc = platformSys.findPciDevice(SCSI_CTRL_VENDOR, SCSI_CTRL_DEVICE, sysPath, sizeof sysPath);
-    if (rc == 0) {
-        snprintf(m.configPathBuf, SCSI_CTRL_PATH_LIMIT, "%s/%s", sysPath, "config");
+    // A longer path is cut at the limit, terminator included.
+    if (rc == 0 && snprintf(m.configPathBuf, SCSI_CTRL_PATH_LIMIT, "%s/%s", sysPath, "config") >= 0) {
         m.configPath = m.configPathBuf;
     }
     return rc == -2 ? -1 : 0;

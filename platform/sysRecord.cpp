@@ -160,6 +160,9 @@ void __recFlushCommitted()
 
 void __recPut(const void *p, size_t n)
 {
+    if (n == 0) {
+        return;
+    }
     if (rec.used + n > rec.buf.size()) {
         __recFlushCommitted();
         if (rec.used + n > rec.buf.size()) {

@@ -342,7 +342,9 @@ ssize_t __replayRead(int fd, void *buf, size_t len)
     }
     __replayTake(recordKind::READ);
     const auto t = __replayFixed<recordTransfer>();
-    std::memcpy(buf, rp.next.data.data(), std::min(len, rp.next.data.size()));
+    if (!rp.next.data.empty()) {
+        std::memcpy(buf, rp.next.data.data(), std::min(len, rp.next.data.size()));
+    }
     return __replayResult(static_cast<ssize_t>(t.result), t.err);
 }
 
