@@ -221,8 +221,12 @@ recordReplay() {
     rm -rf "$dropin"
     systemctl daemon-reload
     systemctl start "$UNIT"
-    records=$(( $(tarnholdctl trace "$rec" | wc -l) - 1 ))
-    last=$(tarnholdctl trace "$rec" | tail -1)
+    tarnholdctl trace "$rec" >/run/record.txt || { echo "trace refuses the recording"; return 1; }
+    records=$(( $(wc -l </run/record.txt) - 1 ))
+    last=$(tail -1 /run/record.txt)
+    # The fan controller's bus and the driver's read of the transfer buffer are in it too.
+    grep -q 'ioctl /dev/i2c-0 I2C_SMBUS' /run/record.txt && grep -q ' mem .*PIC_HID_FILE_TRANSFER_TEST' /run/record.txt ||
+        { echo "no I2C transfer or no memory read recorded"; return 1; }
     out=$("$work/../sim/tarnhold-sim" --replay "$rec" 2>&1) || { echo "replay: $out"; return 1; }
     figure "recording under the unit: $records exchanges, $(stat -c %s "$rec") bytes; $(head -1 <<<"$out")"
     echo "$records exchanges recorded ($(stat -c %s "$rec") bytes), the last: $last; $out"
