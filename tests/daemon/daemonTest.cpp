@@ -390,6 +390,27 @@ TEST_F(mainLoopOnSim, absencesAreServedAgainByTheSecondRequestAfterTheReturnAndH
     EXPECT_EQ(polls(2), (std::vector<int32_t>{0, 0}));
 }
 
+// The kinds of a recording's records, in order; the file must read to its end.
+std::vector<recordKind> recordedKinds(const std::string &path)
+{
+    const std::string bytes = daemonHarnessReadFile(path);
+    const std::span<const uint8_t> file(reinterpret_cast<const uint8_t *>(bytes.data()), bytes.size());
+    recordFileHeader header;
+    recordError error = {};
+    std::vector<recordKind> kinds;
+    uint64_t offset = sizeof header, index = 0;
+    recordView view;
+    if (!recordReadHeader(file, header, error)) {
+        ADD_FAILURE() << path << ": " << error.message;
+        return kinds;
+    }
+    while (recordReadNext(file, offset, index, view, error) == 1) {
+        kinds.push_back(recordKind(view.head.kind));
+    }
+    EXPECT_EQ(offset, file.size()) << error.message;
+    return kinds;
+}
+
 // A run of the start-up and the loop recorded on the in-process appliance replays to its end in tarnhold-sim.
 TEST_F(mainLoopOnSim, aRecordedRunOfStartUpAndLoopReplaysToItsEnd)
 {
@@ -421,16 +442,7 @@ TEST_F(mainLoopOnSim, aRecordedRunOfStartUpAndLoopReplaysToItsEnd)
     sysRecordStop();
     mainHeartbeat = MAIN_HEARTBEAT_NONE;
 
-    const std::string bytes = daemonHarnessReadFile(rec);
-    const std::span<const uint8_t> file(reinterpret_cast<const uint8_t *>(bytes.data()), bytes.size());
-    recordFileHeader header;
-    recordError error;
-    ASSERT_TRUE(recordReadHeader(file, header, error)) << error.message;
-    uint64_t offset = sizeof header, count = 0;
-    recordView view;
-    while (recordReadNext(file, offset, count, view, error) == 1) {
-    }
-    ASSERT_EQ(offset, file.size()) << error.message;
+    const size_t count = recordedKinds(rec).size();
     daemonHarness replay;
     EXPECT_EQ(replay.runToEnd({.binary = TARNHOLD_SIM_BINARY, .args = {"--replay", rec}}), 0) << replay.stderrText();
     EXPECT_THAT(replay.stdoutText(), HasSubstr("all " + std::to_string(count) + " exchanges matched"));
@@ -456,18 +468,7 @@ TEST_F(mainLoopOnSim, aCrashSignalWritesTheRecordsStillBufferedBeforeItsOwn)
         raise(SIGSEGV);
     };
     EXPECT_EXIT(crash(), ::testing::ExitedWithCode(7), "");
-    const std::string bytes = daemonHarnessReadFile(rec);
-    const std::span<const uint8_t> file(reinterpret_cast<const uint8_t *>(bytes.data()), bytes.size());
-    recordFileHeader header;
-    recordError error;
-    ASSERT_TRUE(recordReadHeader(file, header, error)) << error.message;
-    uint64_t offset = sizeof header, index = 0;
-    recordView view;
-    std::vector<recordKind> kinds;
-    while (recordReadNext(file, offset, index, view, error) == 1) {
-        kinds.push_back(recordKind(view.head.kind));
-    }
-    EXPECT_EQ(kinds, (std::vector<recordKind>{recordKind::START, recordKind::IOCTL, recordKind::IOCTL,
+    EXPECT_EQ(recordedKinds(rec), (std::vector<recordKind>{recordKind::START, recordKind::IOCTL, recordKind::IOCTL,
                                               recordKind::IOCTL, recordKind::EXIT}));
 }
 
