@@ -74,10 +74,31 @@ if [ -z "${REPLAY_TEST_INSIDE:-}" ]; then
     [ "$(id -u)" = 0 ] || { echo "SKIP: needs root for a private mount namespace"; exit 0; }
     REPLAY_TEST_INSIDE=1 exec unshare --mount --propagation private bash "$0" "$CASE" "$SRC" "$BUILD" "$@"
 fi
-for dir in /tmp /var/run; do
-    case "$SRC/:$BUILD/" in "$dir"/* | *:"$dir"/*) continue ;; esac
+# A fresh tmpfs on DIR, so that cases running side by side never share the
+# daemon's fixed paths; a checkout or build below DIR stays visible: its top
+# folder is opened before the mount and bound back onto itself after it.
+freshTmpfs() {
+    local dir=$1 path rel top fd
+    local -a kept=()
+    for path in "$SRC" "$BUILD"; do
+        case "$path/" in "$dir"/*) rel=${path#"$dir"/} && kept+=("$dir/${rel%%/*}") ;; esac
+    done
+    local -a fds=() tops=()
+    for top in "${kept[@]}"; do
+        [[ " ${tops[*]} " == *" $top "* ]] && continue
+        exec {fd}<"$top"
+        fds+=("$fd")
+        tops+=("$top")
+    done
     mount -t tmpfs -o mode=1777 tmpfs "$dir"
-done
+    for i in "${!tops[@]}"; do
+        mkdir -p "${tops[i]}"
+        mount --no-canonicalize --bind "/proc/self/fd/${fds[i]}" "${tops[i]}"
+        exec {fds[i]}<&-
+    done
+}
+freshTmpfs /tmp
+freshTmpfs /var/run
 # Outside the tmpfs just mounted: the files survive the daemon's ends.
 WORK=$(mktemp -d "$BUILD/replay-$CASE.XXXXXX")
 SIM_PID=
