@@ -9,7 +9,9 @@
 //     benchFifo --echo-server        (what it runs itself inside tarnhold-sim)
 //
 // Prints both rates and their ratio (daemon / echo) for single round trips
-// and for batches of 32 records in flight.
+// and for batches of 32 records in flight. With TARNHOLD_RECORD set, the
+// daemon records every exchange (the echo server records nothing): the ratio
+// is then what recording leaves of the FIFO's rate.
 #include "daemonHarness.h"
 
 #include "uniqueFd.h"

@@ -19,14 +19,19 @@ BENCH_TABLE='
 # The daemon serves as fast as a bare echo server with the same per-reply open, write and close (rate >= 0.9).
 benchFifo      benchRequests/server:0/inFlight:1/real_time    ratio<=1.11  benchRequests/server:1/inFlight:1/real_time
 benchFifo      benchRequests/server:0/inFlight:32/real_time   ratio<=1.11  benchRequests/server:1/inFlight:32/real_time
+# The same with the daemon recording every exchange (TARNHOLD_RECORD): at least 0.8 of the echo rate.
+benchFifoRecording benchRequests/server:0/inFlight:1/real_time  ratio<=1.25 benchRequests/server:1/inFlight:1/real_time
+benchFifoRecording benchRequests/server:0/inFlight:32/real_time ratio<=1.25 benchRequests/server:1/inFlight:32/real_time
 # A firmware file loads no slower than objcopy and md5sum do the same job.
 benchHexLoad   benchQxFileInit/real_time                      ratio<=1.0   benchObjcopyMd5sum/real_time
 # A host-held answer costs about what a refused code does; a relay is its fixed 2 ms wait and little more.
 benchEndToEnd  BM_endToEnd/hostHeldIndicator/real_time        ratio<=1.2   BM_endToEnd/refusedCode/real_time
 benchEndToEnd  BM_endToEnd/relayedGetInfo/real_time           time<=3000   -
-# The service'"'"'s own cost per relay stays under 1% of the relay'"'"'s fixed 2 ms wait.
-benchRelay     BM_RelayedRequest/24                           time<=20     -
-benchRelay     BM_RelayedRequest/9                            time<=20     -
+# The service'"'"'s own cost per relay stays under 1% of the relay'"'"'s fixed 2 ms wait, recording or not.
+benchRelay     BM_RelayedRequest/code:24/recording:0          time<=20     -
+benchRelay     BM_RelayedRequest/code:9/recording:0           time<=20     -
+benchRelay     BM_RelayedRequest/code:24/recording:1          time<=20     -
+benchRelay     BM_RelayedRequest/code:9/recording:1           time<=20     -
 # The programming walk'"'"'s own cost stays under 1% of the ~6 s the transfers take on the wire.
 benchProgram   BM_programFullImage                            time<=60000  -
 benchProgram   BM_programSparseImage                          time<=60000  -
@@ -59,6 +64,15 @@ for bin in "$BUILD"/bench/bench*; do
         tail -5 "$out/$name.log" >&2
     fi
 done
+if [[ benchFifoRecording =~ $FILTER ]] && [ -x "$BUILD/bench/benchFifo" ]; then
+    echo "== benchFifoRecording" >&2
+    if ! TARNHOLD_RECORD="$out/benchFifo.trn" "$BUILD/bench/benchFifo" --benchmark_out="$out/benchFifoRecording.json" \
+        --benchmark_out_format=json >"$out/benchFifoRecording.log" 2>&1; then
+        echo "   benchFifoRecording failed:" >&2
+        tail -5 "$out/benchFifoRecording.log" >&2
+    fi
+    rm -f "$out"/benchFifo.trn*
+fi
 
 BENCH_TABLE="$BENCH_TABLE" python3 - "$out" <<'PY'
 import json, os, re, sys
