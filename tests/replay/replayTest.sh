@@ -50,6 +50,13 @@ if [ "$CASE" = stored ]; then
     out=$("$SIM" --replay "$WORK/$NAME.rec" --files "$KEPT") || fail "$NAME does not replay: $out"
     echo "$out"
     grep -q "all $records exchanges matched" <<<"$out" || fail "$NAME: not all $records exchanges replayed"
+    if [ "$NAME" = day ]; then
+        # It holds the firmware file's hash only: another file of that name is named and refused.
+        mkdir "$WORK/other"
+        { cat "$KEPT/app.hex"; echo; } >"$WORK/other/app.hex"
+        out=$("$SIM" --replay "$WORK/$NAME.rec" --files "$WORK/other") && fail "$NAME replayed with another file"
+        grep -q "the file $WORK/other/app.hex is not the one recorded" <<<"$out" || fail "$NAME: other file not named"
+    fi
     # The last reply, one byte of its answer changed: the daemon now sends
     # something else than the recording holds there.
     at=$("$CTL" --json trace "$WORK/$NAME.rec" | grep '"kind":"write"' | tail -1 |
