@@ -54,7 +54,6 @@ constexpr size_t QX_USB_TRACE_BYTES_PER_LINE = 16;
 // Payload offsets of the values a report carries for the driver.
 constexpr size_t QX_USB_IO_REQUEST = 3;  // code 38: the driver request number
 constexpr size_t QX_USB_XFER_LEN = 3;    // code 37: transfer length
-constexpr size_t QX_USB_XFER_BUF = 7;    // code 37: buffer address
 
 struct {
     int32_t fd = -1;
@@ -187,7 +186,7 @@ int32_t qxUsbCmd(const uint8_t *report)
     case QX_HID_CMD_FILE_TRANSFER_TEST:
         request = PIC_HID_FILE_TRANSFER_TEST;
         arg.xferLen = leGet32(&report[QX_USB_XFER_LEN]);
-        arg.xferBuf = leGet64(&report[QX_USB_XFER_BUF]);
+        arg.xferBuf = leGet64(&report[QX_REPORT_XFER_ADDRESS]);
         break;
     case QX_HID_CMD_IO_CMD:
         request = leGet32(&report[QX_USB_IO_REQUEST]);

@@ -79,6 +79,20 @@ static_assert(PIC_HID_ERASE_CPLD == _IO('H', 15));
 static_assert(PIC_HID_PROGRAM_CPLD == _IOR('H', 16, picHidIoctlArg));
 static_assert(PIC_HID_CPLD_UPGRADE_RUN == _IO('H', 17));
 
+// Where a request's report holds an address in the caller's memory, besides
+// the block's xferBuf: the packet or pages the driver reads when it sends
+// them on (bytes 12-19), the file-transfer test's buffer (7-14); 0 for none.
+constexpr size_t QX_REPORT_HANDOVER_ADDRESS = 12;
+constexpr size_t QX_REPORT_XFER_ADDRESS = 7;
+constexpr size_t qxUsbReportAddress(uint32_t request)
+{
+    return request == PIC_HID_PIC32_PROGRAM || request == PIC_HID_PIC32_PROGRAM_DONE ||
+                   request == PIC_HID_PROGRAM_FPGA || request == PIC_HID_PROGRAM_CPLD
+               ? QX_REPORT_HANDOVER_ADDRESS
+           : request == PIC_HID_FILE_TRANSFER_TEST ? QX_REPORT_XFER_ADDRESS
+                                                    : 0;
+}
+
 // The driver's answer to a raw request: byte 0 this code, byte 1 seq ^ 0x57, byte 2 zero.
 constexpr uint8_t PIC_HID_ACK_PIC32 = 5;
 constexpr uint8_t PIC_HID_ACK_URB = 39;

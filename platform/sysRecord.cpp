@@ -41,7 +41,6 @@ constexpr const char *SYS_RECORD_BUILD = "tarnhold " TARNHOLD_VERSION;
 // Where the picdev block names memory the driver reads later: packets of the
 // PIC32 programming, pages of the FPGA and CPLD chunks.
 constexpr size_t SYS_RECORD_BLOCK_COUNT = 11;
-constexpr size_t SYS_RECORD_BLOCK_ADDRESS = 12;
 constexpr uint32_t SYS_RECORD_PAGE_SIZE = 256;
 constexpr uint32_t SYS_RECORD_MAX_PAGES = 30;
 constexpr uint32_t SYS_RECORD_PACKET_SIZE = 64;
@@ -419,17 +418,14 @@ void __recSendPending(int fd)
 
 void __recQueueHandOver(int fd, uint32_t request, const picHidIoctlArg &block)
 {
-    uint32_t len = 0;
-    if (request == PIC_HID_PIC32_PROGRAM || request == PIC_HID_PIC32_PROGRAM_DONE) {
-        len = SYS_RECORD_PACKET_SIZE;
-    } else if (request == PIC_HID_PROGRAM_FPGA || request == PIC_HID_PROGRAM_CPLD) {
-        const uint32_t pages = block.report[SYS_RECORD_BLOCK_COUNT];
-        len = std::min(pages, SYS_RECORD_MAX_PAGES) * SYS_RECORD_PAGE_SIZE;
-    } else {
+    if (qxUsbReportAddress(request) != QX_REPORT_HANDOVER_ADDRESS) {
         return;
     }
+    const uint32_t pages = std::min<uint32_t>(block.report[SYS_RECORD_BLOCK_COUNT], SYS_RECORD_MAX_PAGES);
+    const bool packet = request == PIC_HID_PIC32_PROGRAM || request == PIC_HID_PIC32_PROGRAM_DONE;
+    const uint32_t len = packet ? SYS_RECORD_PACKET_SIZE : pages * SYS_RECORD_PAGE_SIZE;
     uint64_t address = 0;
-    std::memcpy(&address, &block.report[SYS_RECORD_BLOCK_ADDRESS], sizeof address);
+    std::memcpy(&address, &block.report[QX_REPORT_HANDOVER_ADDRESS], sizeof address);
     if (rec.pendingCount == rec.pending.size()) {
         __recSendPending(rec.pending[0].fd);
     }

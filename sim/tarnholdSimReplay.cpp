@@ -46,20 +46,8 @@ constexpr size_t REPLAY_HISTORY = 8;
 constexpr int REPLAY_FILE_FD_MIN = 700;
 // Bytes of the picdev block that hold addresses in the daemon's memory:
 // they differ from run to run, so they are not compared.
-constexpr size_t REPLAY_BLOCK_XFER_BUF = 80;
-constexpr size_t REPLAY_BLOCK_ADDRESS = 12;       // packets and pages handed over
-constexpr size_t REPLAY_BLOCK_TRANSFER_ADDRESS = 7; // the file-transfer test's buffer, in its command too
+constexpr size_t REPLAY_BLOCK_XFER_BUF = offsetof(picHidIoctlArg, xferBuf);
 constexpr size_t REPLAY_ADDRESS_SIZE = 8;
-
-// Where a picdev block of `request` holds an address besides xferBuf; 0 for none.
-size_t __replayReportAddress(uint32_t request)
-{
-    if (request == PIC_HID_PIC32_PROGRAM || request == PIC_HID_PIC32_PROGRAM_DONE || request == PIC_HID_PROGRAM_FPGA ||
-        request == PIC_HID_PROGRAM_CPLD) {
-        return REPLAY_BLOCK_ADDRESS;
-    }
-    return request == PIC_HID_FILE_TRANSFER_TEST ? REPLAY_BLOCK_TRANSFER_ADDRESS : 0;
-}
 
 struct {
     std::span<const uint8_t> file;
@@ -311,7 +299,7 @@ void __replayKeepAddresses(uint32_t request, const uint8_t *from, uint8_t *to)
     std::array<uint8_t, sizeof(picHidIoctlArg)> copy;
     std::memcpy(copy.data(), from, copy.size());
     std::memcpy(&copy[REPLAY_BLOCK_XFER_BUF], to + REPLAY_BLOCK_XFER_BUF, REPLAY_ADDRESS_SIZE);
-    if (const size_t at = __replayReportAddress(request); at != 0) {
+    if (const size_t at = qxUsbReportAddress(request); at != 0) {
         std::memcpy(&copy[at], to + at, REPLAY_ADDRESS_SIZE);
     }
     std::memcpy(to, copy.data(), copy.size());
@@ -585,7 +573,7 @@ std::vector<uint8_t> __replayComparable(const recordView &v, std::span<const uin
             for (size_t copy = 0; copy < 2; ++copy) {
                 const size_t block = fixedAt + sizeof io + copy * io.argSize;
                 __replayMask(bytes, block + REPLAY_BLOCK_XFER_BUF, REPLAY_ADDRESS_SIZE);
-                if (const size_t at = __replayReportAddress(io.request); at != 0) {
+                if (const size_t at = qxUsbReportAddress(io.request); at != 0) {
                     __replayMask(bytes, block + at, REPLAY_ADDRESS_SIZE);
                 }
             }
@@ -599,7 +587,7 @@ std::vector<uint8_t> __replayComparable(const recordView &v, std::span<const uin
         // A reply to the file-transfer test carries the buffer's address in its command.
         const size_t cmd = sizeof(recordHead) + sizeof(recordTransfer) + offsetof(usbDaemonRequest, cmd);
         if (v.data.size() == sizeof(usbDaemonRequest) && bytes[cmd] == QX_HID_CMD_FILE_TRANSFER_TEST) {
-            __replayMask(bytes, cmd + REPLAY_BLOCK_TRANSFER_ADDRESS, REPLAY_ADDRESS_SIZE);
+            __replayMask(bytes, cmd + QX_REPORT_XFER_ADDRESS, REPLAY_ADDRESS_SIZE);
         }
         break;
     }
