@@ -117,7 +117,7 @@ void __cpldClearRecord()
 
 int32_t cpldUpgradeFileInit(const char *path)
 {
-    evm_log(0, CPLD_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-%s:: fileName: %s", "cpldUpgradeFileInit", path);
+    evm_log(0, CPLD_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-%s:: fileName: %s", "cpldUpgradeFileInit", evmLogEscape(path));
     const ssize_t size = usbMgmtUploadFileSize(CPLD_UPLOAD, path);
     if (size < 0) {
         return -1;

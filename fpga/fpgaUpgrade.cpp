@@ -150,7 +150,7 @@ int32_t __fpgaUpgradeRun(const char *path)
 
 int32_t fpgaUpgradeFileInit(const char *path)
 {
-    evm_log(0, FPGA_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-%s:: fileName: %s", "fpgaUpgradeFileInit", path);
+    evm_log(0, FPGA_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-%s:: fileName: %s", "fpgaUpgradeFileInit", evmLogEscape(path));
     const ssize_t size = usbMgmtUploadFileSize(FPGA_UPLOAD, path);
     if (size < 0) {
         return -1;

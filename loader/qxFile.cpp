@@ -90,7 +90,7 @@ constexpr std::array<int8_t, 256> __qxFileHexDigits = [] {
 
 void __qxFileLogNotHex(const char *s, int32_t len)
 {
-    evm_log(0, QX_FILE_LOG_SOURCE, __LINE__, "QX_TRACE_PRINTF-ERROR: not a hex value: %s, length: %d", s, len);
+    evm_log(0, QX_FILE_LOG_SOURCE, __LINE__, "QX_TRACE_PRINTF-ERROR: not a hex value: %s, length: %d", evmLogEscape(s), len);
 }
 
 // Sum of the count, address, type and data bytes; a pair that is not

@@ -135,7 +135,7 @@ int32_t qxLoaderGetClientFileName(char *fileName)
         len = QX_STORED_NUM_MAX;
     }
     memcpy(platformStr.data(), &block[QX_SLOT_BYTE_DATA], len);
-    evm_log(0, QX_LOADER_LOG_SOURCE, __LINE__, "QX_TRACE_PRINTF-platformStr: %s", platformStr.data());
+    evm_log(0, QX_LOADER_LOG_SOURCE, __LINE__, "QX_TRACE_PRINTF-platformStr: %s", evmLogEscape(platformStr.data()));
 
     return __qxLoaderGetPicClientFileNameFromPlatform(platformStr.data(), fileName);
 }

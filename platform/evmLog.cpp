@@ -11,13 +11,59 @@
 
 namespace {
 
+constexpr size_t EVM_LOG_LINE_MAX = 1024;
+
 struct {
     evmLogSinkFn sink = nullptr;
     bool echo = true;
     bool syslogOpen = false;
+    char escaped[EVM_LOG_ESCAPE_SLOTS][EVM_LOG_ESCAPED_MAX + 1] = {};
+    size_t nextSlot = 0;
 } evmLogPrivateMembers;
 
-constexpr size_t EVM_LOG_LINE_MAX = 1024;
+// One byte as it goes into a line: itself, or its escape (at most 4 characters).
+size_t __evmLogEscapeByte(unsigned char c, char *out)
+{
+    constexpr char HEX[] = "0123456789abcdef";
+    const char named = c == '\n' ? 'n' : c == '\r' ? 'r' : c == '\t' ? 't' : c == '\\' ? '\\' : '\0';
+    if (named != '\0') {
+        out[0] = '\\';
+        out[1] = named;
+        return 2;
+    }
+    if (c >= 0x20 && c < 0x7f) {
+        out[0] = static_cast<char>(c);
+        return 1;
+    }
+    out[0] = '\\';
+    out[1] = 'x';
+    out[2] = HEX[c >> 4];
+    out[3] = HEX[c & 0xf];
+    return 4;
+}
+
+// The formatted line itself: whatever control character an argument brought
+// in (a tab in the trace names' padding is the line's own) is escaped, so one
+// call is one line whoever forgot to escape.
+void __evmLogOneLine(char (&text)[EVM_LOG_LINE_MAX])
+{
+    char line[EVM_LOG_LINE_MAX]; // on the stack: the exit handler logs too
+    size_t out = 0;
+    bool changed = false;
+    for (const char *p = text; *p != '\0' && out + 4 < sizeof line; ++p) {
+        const auto c = static_cast<unsigned char>(*p);
+        if (c < 0x20 && c != '\t') {
+            out += __evmLogEscapeByte(c, &line[out]);
+            changed = true;
+        } else {
+            line[out++] = static_cast<char>(c);
+        }
+    }
+    if (changed) {
+        line[out] = '\0';
+        memcpy(text, line, out + 1);
+    }
+}
 
 // Whether standard error is the journal's stream, as systemd tells a service
 // it starts (JOURNAL_STREAM="DEVICE:INODE" of that stream). Checked on every
@@ -36,6 +82,27 @@ bool __evmLogStderrIsJournal()
 constexpr int EVM_LOG_HELD_SIGNALS[] = {SIGHUP, SIGINT, SIGQUIT, SIGABRT, SIGTERM};
 
 } // namespace
+
+const char *evmLogEscape(const char *text)
+{
+    auto &m = evmLogPrivateMembers;
+    char *out = m.escaped[m.nextSlot];
+    m.nextSlot = (m.nextSlot + 1) % EVM_LOG_ESCAPE_SLOTS;
+    constexpr char CUT[] = "...";
+    size_t len = 0;
+    for (const char *p = text != nullptr ? text : ""; *p != '\0'; ++p) {
+        char one[4];
+        const size_t n = __evmLogEscapeByte(static_cast<unsigned char>(*p), one);
+        if (len + n > EVM_LOG_ESCAPED_MAX - (sizeof CUT - 1)) {
+            memcpy(&out[len], CUT, sizeof CUT);
+            return out;
+        }
+        memcpy(&out[len], one, n);
+        len += n;
+    }
+    out[len] = '\0';
+    return out;
+}
 
 void evmLogSetSink(evmLogSinkFn sink)
 {
@@ -62,6 +129,7 @@ extern "C" void evm_log(int level, const char *source, int line, const char *for
     if (len > 0 && text[len - 1] == '\n') {
         text[--len] = '\0';
     }
+    __evmLogOneLine(text);
     if (m.sink != nullptr) {
         m.sink(level, source, line, text);
     }

@@ -28,7 +28,8 @@ constexpr useconds_t USB_MGMT_CLIENT_FILE_WAIT_US = 500;
 int32_t usbMgmtInit(const char *fileName)
 {
     std::array<char, USB_MGMT_FILE_NAME_SIZE> name{};
-    evm_log(1, USB_MGMT_INIT_LOG_SOURCE, __LINE__, "usbMgmtInit: filename='%s'", fileName != nullptr ? fileName : "none");
+    evm_log(1, USB_MGMT_INIT_LOG_SOURCE, __LINE__, "usbMgmtInit: filename='%s'",
+            fileName != nullptr ? evmLogEscape(fileName) : "none");
 
     if (fileName != nullptr) {
         // The named file wins whatever platform the microcontroller reports.
@@ -56,13 +57,13 @@ int32_t usbMgmtInit(const char *fileName)
             evm_log(0, USB_MGMT_INIT_LOG_SOURCE, __LINE__, "QX_TRACE_USBMGMT-Error getting client file name");
             return rc;
         }
-        evm_log(1, USB_MGMT_INIT_LOG_SOURCE, __LINE__, "usbMgmtInit: found filename='%s'", name.data());
+        evm_log(1, USB_MGMT_INIT_LOG_SOURCE, __LINE__, "usbMgmtInit: found filename='%s'", evmLogEscape(name.data()));
     }
 
     daemonNotifyStatus("Firmware file %s", name.data());
     int32_t rc = qxFileInit(name.data());
     if (rc != 0) {
-        evm_log(0, USB_MGMT_INIT_LOG_SOURCE, __LINE__, "QX_TRACE_USBMGMT-%s file Error", name.data());
+        evm_log(0, USB_MGMT_INIT_LOG_SOURCE, __LINE__, "QX_TRACE_USBMGMT-%s file Error", evmLogEscape(name.data()));
         return rc;
     }
     rc = qxLoaderInit(0);

@@ -143,8 +143,8 @@ TEST_F(qxFileTest, recordsOutsideTheFlashRangeAreSkippedWholeAndOnlyTypeFourMove
     std::tie(expected[0], expected[0x10], expected[0x20]) = std::tuple(1, 2, 3);
     std::copy(d.begin(), d.end(), expected.end() - 16); // ends exactly at the range end
     EXPECT_EQ(held(), md5Of(expected, 0x53000)) << "the image as expected";
-    // The field is shown from its start to the end of the row; a skipped record has no line.
-    EXPECT_EQ(log.texts()[1], "QX_TRACE_PRINTF-ERROR: not a hex value: " + badUpper.substr(9) + "\n, length: 4");
+    // The field is shown from its start to the end of the row, its newline escaped; a skipped record has no line.
+    EXPECT_EQ(log.texts()[1], "QX_TRACE_PRINTF-ERROR: not a hex value: " + badUpper.substr(9) + "\\n, length: 4");
     EXPECT_EQ(log.texts().size(), 2u + 9u);
 }
 
