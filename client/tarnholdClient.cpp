@@ -180,9 +180,10 @@ int __tarnholdClientDenied(const char *requestFifo)
                                 name, requestFifo, name);
 }
 
-int __tarnholdClientSend(const usbDaemonRequest &record, const char *requestFifo, uint64_t deadline)
+// -EPERM: a FIFO at the request path that is not the service's.
+int __tarnholdClientSend(const usbDaemonRequest &record, const char *requestFifo, int replyFd, uint64_t deadline)
 {
-    uniqueFd request(open(requestFifo, O_WRONLY | O_NONBLOCK | O_CLOEXEC));
+    uniqueFd request(open(requestFifo, O_WRONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
     if (!request.valid()) {
         int err = errno;
         if (err == ENXIO) {
@@ -194,11 +195,29 @@ int __tarnholdClientSend(const usbDaemonRequest &record, const char *requestFifo
         if (err == EACCES) {
             return __tarnholdClientDenied(requestFifo);
         }
+        if (err == ELOOP) {
+            return __tarnholdClientFail(-EPERM, "%s is a symbolic link, not the service's FIFO: nothing sent",
+                                        requestFifo);
+        }
         return __tarnholdClientFail(-err, "cannot open %s: %s", requestFifo, strerror(err));
     }
     struct stat st = {};
     if (fstat(request.get(), &st) != 0 || !S_ISFIFO(st.st_mode)) {
         return __tarnholdClientFail(-EINVAL, "%s is not a FIFO", requestFifo);
+    }
+    if (st.st_uid != TARNHOLD_CLIENT_SERVICE_UID) {
+        return __tarnholdClientFail(-EPERM,
+                                    "%s belongs to uid %u, not to the service's account: nothing sent (an "
+                                    "administrator removes it and restarts tarnhold)",
+                                    requestFifo, static_cast<unsigned>(st.st_uid));
+    }
+    // With a group of its own the service writes replies only into FIFOs of
+    // root or of its members: the group on the reply FIFO shows membership
+    // (only a member may give it). Not a member: left as it is.
+    if (st.st_gid != getegid() && fchown(replyFd, static_cast<uid_t>(-1), st.st_gid) != 0 && errno != EPERM) {
+        int err = errno;
+        return __tarnholdClientFail(-err, "cannot give the reply FIFO group %u: %s", static_cast<unsigned>(st.st_gid),
+                                    strerror(err));
     }
     for (;;) {
         ssize_t n = __tarnholdClientWriteRecord(request.get(), record);
@@ -288,7 +307,7 @@ int tarnholdClientExchange(usbDaemonRequest &record, const tarnholdClientParams 
     memset(out.clientFifo, 0, sizeof out.clientFifo);
     memcpy(out.clientFifo, replyFifo.path(), strlen(replyFifo.path()));
     out.result = 0;
-    rc = __tarnholdClientSend(out, params.requestFifo, deadline);
+    rc = __tarnholdClientSend(out, params.requestFifo, reply.get(), deadline);
     if (rc != 0) {
         return rc;
     }

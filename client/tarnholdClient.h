@@ -2,6 +2,8 @@
 // through a reply FIFO of the client's own that lives only for the exchange.
 #pragma once
 
+#include <sys/types.h>
+
 #include "usbDaemonRequest.h"
 
 #include <cstdint>
@@ -24,6 +26,9 @@ constexpr int TARNHOLD_CLIENT_LONGEST_UPGRADE_MS = 173000;
 constexpr int TARNHOLD_CLIENT_TIMEOUT_MS = 360000;
 static_assert(TARNHOLD_CLIENT_TIMEOUT_MS >= 2 * TARNHOLD_CLIENT_LONGEST_UPGRADE_MS);
 constexpr const char *TARNHOLD_CLIENT_TMP_DIR = "/tmp";
+// The account the service runs as: a request FIFO of any other account at the
+// path is not the service's (another account's FIFO would collect requests).
+constexpr uid_t TARNHOLD_CLIENT_SERVICE_UID = 0;
 constexpr int TARNHOLD_CLIENT_PROGRESS_MS = 1000;
 
 struct tarnholdClientParams {

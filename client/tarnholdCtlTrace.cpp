@@ -34,7 +34,8 @@ struct ctlTraceMapping {
 
 void __ctlTraceFail(const char *path, bool json, const std::string &where, const char *message)
 {
-    fprintf(stderr, "tarnholdctl: %s: %s%s\n", path, where.c_str(), message);
+    fprintf(stderr, "tarnholdctl: %s: %s%s\n", tracePrintable(path).c_str(), where.c_str(),
+            tracePrintable(message).c_str());
     if (json) {
         printf("{\"error\":%s}\n", tarnholdCtlJsonString(where + message).c_str());
     }
@@ -52,7 +53,9 @@ void __ctlTraceHeader(const recordFileHeader &h, bool json)
         printf("{\"format\":%u,\"build\":%s,\"startWallMs\":%" PRIu64 ",\"data\":%s}\n", h.version,
                tarnholdCtlJsonString(h.build).c_str(), h.startWallMs, data ? "true" : "false");
     } else {
-        printf("recording format %u, %s, started %s.%03u UTC, %s\n", h.version, h.build, start,
+        // The build text is the recording's own: a made-up file carries any bytes there.
+        const std::string build = tracePrintable(std::string_view(h.build, strnlen(h.build, sizeof h.build)));
+        printf("recording format %u, %s, started %s.%03u UTC, %s\n", h.version, build.c_str(), start,
                static_cast<unsigned>(h.startWallMs % 1000),
                data ? "file and memory bytes kept" : "file and memory hashes only");
     }
@@ -62,7 +65,8 @@ void __ctlTraceHeader(const recordFileHeader &h, bool json)
 
 tarnholdCtlTraceOutcome tarnholdCtlTrace(const char *path, bool json)
 {
-    uniqueFd fd(open(path, O_RDONLY | O_CLOEXEC));
+    // Without blocking: a FIFO or a device named here is refused, never waited on.
+    uniqueFd fd(open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     struct stat st = {};
     const char *unreadable = !fd.valid() || fstat(fd.get(), &st) != 0 ? strerror(errno)
                              : !S_ISREG(st.st_mode)                   ? "not a regular file"

@@ -91,15 +91,6 @@ template <size_t N> const char *__traceLookup(const std::array<traceName, N> &ta
 }
 
 // A path or word for the line: bytes that would break it or mislead show as \xNN.
-std::string __tracePrintable(std::string_view raw)
-{
-    std::string out;
-    for (const char c : raw) {
-        const auto u = static_cast<unsigned char>(c);
-        out += u >= 0x20 && u < 0x7f && c != '\\' ? std::string(1, c) : __traceFormat("\\x%02x", u);
-    }
-    return out;
-}
 
 // The line's text and the JSON object's members, built together.
 struct traceOut {
@@ -123,7 +114,7 @@ struct traceOut {
         add(part, key, tarnholdCtlJsonString(value));
     }
     // A text the record carries (a path, a word): escaped on the line, whole in JSON.
-    void raw(const char *key, const std::string &value) { str(__tracePrintable(value), key, value); }
+    void raw(const char *key, const std::string &value) { str(tracePrintable(value), key, value); }
 };
 
 template <typename T> T __traceFixed(const recordView &v)
@@ -174,7 +165,7 @@ std::string __traceFdName(const traceState &s, int fd)
 void __traceFd(traceOut &o, const traceState &s, int fd)
 {
     const std::string name = __traceFdName(s, fd);
-    o.num(__tracePrintable(name), "fd", fd);
+    o.num(tracePrintable(name), "fd", fd);
     if (name != "fd " + std::to_string(fd)) {
         o.str("", "name", name);
     }
@@ -282,7 +273,7 @@ void __traceStart(traceOut &o, const traceState &, const recordView &v)
     for (size_t at = 0; at < v.data.size();) {
         const size_t end = std::find(v.data.begin() + at, v.data.end(), 0) - v.data.begin();
         const std::string word = __traceText(v.data.subspan(at, end - at));
-        words += " " + __tracePrintable(word);
+        words += " " + tracePrintable(word);
         json += (json.size() > 1 ? "," : "") + tarnholdCtlJsonString(word);
         at = end + 1;
     }
@@ -376,7 +367,7 @@ void __traceRecord(traceOut &o, const recordView &v, bool reply)
                 ",\"resultText\":" + tarnholdCtlJsonString(tarnholdCtlResultText(r.result)) +
                 ",\"resp\":" + tarnholdCtlBlockJson(r.resp);
     } else {
-        text += " reply to " + __tracePrintable(fifo);
+        text += " reply to " + tracePrintable(fifo);
     }
     o.add(text, reply ? "reply" : "request", json + "}");
 }
@@ -497,7 +488,7 @@ void __traceUsb(traceOut &o, const traceState &, const recordView &v)
         recordUsbDevice d;
         std::memcpy(&d, v.data.data() + at, sizeof d);
         const std::string bus(d.bus, strnlen(d.bus, sizeof d.bus)), dev(d.device, strnlen(d.device, sizeof d.device));
-        o.add(__tracePrintable(bus) + "/" + __tracePrintable(dev) +
+        o.add(tracePrintable(bus) + "/" + tracePrintable(dev) +
               __traceFormat(" %04x:%04x", d.idVendor, d.idProduct));
         json += (json.size() > 1 ? "," : "") +
                 __traceFormat("{\"idVendor\":%u,\"idProduct\":%u,\"bus\":", d.idVendor, d.idProduct) +
@@ -539,7 +530,7 @@ void __traceMem(traceOut &o, const traceState &s, const recordView &v)
 
 void __tracePci(traceOut &o, const traceState &, const recordView &v)
 {
-    o.str(v.text.empty() ? "no controller" : __tracePrintable(__traceText(v.text)), "folder", __traceText(v.text));
+    o.str(v.text.empty() ? "no controller" : tracePrintable(__traceText(v.text)), "folder", __traceText(v.text));
 }
 
 void __traceExit(traceOut &o, const traceState &, const recordView &v)
@@ -575,6 +566,16 @@ traceOut __traceDecode(const traceState &s, const recordView &v)
 }
 
 } // namespace
+
+std::string tracePrintable(std::string_view raw)
+{
+    std::string out;
+    for (const char c : raw) {
+        const auto u = static_cast<unsigned char>(c);
+        out += u >= 0x20 && u < 0x7f && c != '\\' ? std::string(1, c) : __traceFormat("\\x%02x", u);
+    }
+    return out;
+}
 
 void traceReset(traceState &s)
 {

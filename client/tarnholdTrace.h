@@ -7,6 +7,11 @@
 
 #include <map>
 #include <string>
+#include <string_view>
+
+// Text a recording carries, for a line: bytes outside printable ASCII and
+// backslashes as \xNN, so no text can end the line or pass for another.
+std::string tracePrintable(std::string_view raw);
 
 // What earlier records told about the descriptors of later ones.
 struct traceState {

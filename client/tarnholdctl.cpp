@@ -33,6 +33,7 @@ enum tarnholdCtlExit : int {
     CTL_EXIT_FIRMWARE_FILE = 4, // firmware-check: the file does not load; an upgrade file or a recording is refused
     CTL_EXIT_DIFFERS = 5,       // firmware-check: the stored firmware differs from the file
     CTL_EXIT_DENIED = 6,        // not allowed to send requests (not root, not in the FIFO's group)
+    CTL_EXIT_FOREIGN = 7,       // the FIFO at the request path is not the service's: nothing sent
 };
 
 constexpr size_t CTL_FIRST_ARG_BYTE = QX_REPORT_PAYLOAD;
@@ -87,7 +88,7 @@ bool __ctlFillBytes(usbDaemonRequest &record, int argc, char **argv, size_t maxB
     return true;
 }
 
-// 0, or CTL_EXIT_TRANSPORT (CTL_EXIT_DENIED) after saying why.
+// 0, or CTL_EXIT_TRANSPORT (CTL_EXIT_DENIED, CTL_EXIT_FOREIGN) after saying why.
 int __ctlExchange(const tarnholdCtlContext &ctx, usbDaemonRequest &record)
 {
     int rc = tarnholdClientExchange(record, ctx.params);
@@ -99,7 +100,7 @@ int __ctlExchange(const tarnholdCtlContext &ctx, usbDaemonRequest &record)
         printf("{\"error\":%s,\"errno\":%d,\"noDaemon\":%s}\n", tarnholdCtlJsonString(tarnholdClientLastError()).c_str(),
                -rc, tarnholdClientIsNoDaemon(rc) ? "true" : "false");
     }
-    return rc == -EACCES ? CTL_EXIT_DENIED : CTL_EXIT_TRANSPORT;
+    return rc == -EACCES ? CTL_EXIT_DENIED : rc == -EPERM ? CTL_EXIT_FOREIGN : CTL_EXIT_TRANSPORT;
 }
 
 int __ctlPrintReply(const tarnholdCtlContext &ctx, const usbDaemonRequest &reply, const tarnholdCtlDecoded &decoded,

@@ -2,12 +2,13 @@
 // request FIFO and the request loop.
 #include "main.h"
 
+#include "mainFifo.h"
+
 #include "daemonLib.h"
 #include "daemonNotify.h"
 #include "evmLog.h"
 #include "qxUsb.h"
 #include "scsiCtrl.h"
-#include "seamFd.h"
 #include "sysRecord.h"
 #include "sysSeam.h"
 #include "uniqueFd.h"
@@ -22,7 +23,6 @@
 #include <execinfo.h>
 #include <fcntl.h>
 #include <getopt.h>
-#include <grp.h>
 #include <string_view>
 #include <sys/select.h>
 #include <sys/stat.h>
@@ -58,21 +58,12 @@ constexpr int MAIN_CRASH_FRAMES = 10;
 constexpr size_t MAIN_FILE_NAME_SIZE = 300;
 constexpr uint32_t MAIN_FILE_NAME_MAX_MINUS_ONE = 293; // names of 1 to 294 characters
 constexpr suseconds_t MAIN_WAIT_SLACK_US = 10;
-constexpr const char *MAIN_REPLY_NOT_FIFO = "not a FIFO";
 constexpr const char *MAIN_DAEMON_WORD = "--daemon";
 
 // Group names of 1 to 32 characters, as groupadd makes them; n - 1 taken
 // unsigned, like the firmware file name's check.
 constexpr size_t MAIN_GROUP_NAME_SIZE = 33;
 constexpr uint32_t MAIN_GROUP_NAME_MAX_MINUS_ONE = 31;
-// Without --fifo-group every local account writes requests (the protocol's
-// mode); with it only root and the group's members, who cannot read other
-// clients' records out of it.
-constexpr mode_t MAIN_FIFO_MODE_OPEN = 0666;
-constexpr mode_t MAIN_FIFO_MODE_GROUP = 0620;
-// Made anew at most this often when the path keeps being swapped under us.
-constexpr int MAIN_FIFO_TRIES = 3;
-constexpr size_t MAIN_GROUP_BUF_SIZE = 16384;
 
 constexpr char MAIN_PIPE_LINE[] = "signal_pipe_handler():: retry!\n";
 static_assert(sizeof MAIN_PIPE_LINE - 1 == 31);
@@ -142,7 +133,7 @@ bool __mainCopyValue(const char *value, uint32_t maxMinusOne, char *field)
 void __mainTakeFileName(const char *name)
 {
     auto &m = mainPrivateMembers;
-    evm_log(0, MAIN_SOURCE, __LINE__, "platform input: %s", name);
+    evm_log(0, MAIN_SOURCE, __LINE__, "platform input: %s", evmLogEscape(name));
     static_assert(sizeof m.fileName > MAIN_FILE_NAME_MAX_MINUS_ONE + 1);
     if (!__mainCopyValue(name, MAIN_FILE_NAME_MAX_MINUS_ONE, m.fileName)) {
         evm_log(0, MAIN_SOURCE, __LINE__, "INVALID FILE NAME INPUT");
@@ -214,180 +205,6 @@ int32_t __mainInstallSignals()
         return -1;
     }
     return 0;
-}
-
-// What was found at the request FIFO's path, in words for the log.
-const char *__mainNodeKind(mode_t mode)
-{
-    return S_ISFIFO(mode)   ? "a FIFO"
-           : S_ISLNK(mode)  ? "a symbolic link"
-           : S_ISREG(mode)  ? "a regular file"
-           : S_ISDIR(mode)  ? "a directory"
-           : S_ISSOCK(mode) ? "a socket"
-                            : "a device node";
-}
-
-// The group the request FIFO is given: --fifo-group's, else the service's own.
-int32_t __mainFifoGroupId(gid_t &gid)
-{
-    auto &m = mainPrivateMembers;
-    if (!m.fifoGroupGiven) {
-        gid = getegid();
-        return 0;
-    }
-    // Start-up only: the lookup may allocate (NSS); the loop never repeats it.
-    std::array<char, MAIN_GROUP_BUF_SIZE> buf;
-    group entry = {};
-    group *found = nullptr;
-    if (m.fifoGroupRefused || getgrnam_r(m.fifoGroup, &entry, buf.data(), buf.size(), &found) != 0 ||
-        found == nullptr) {
-        evm_log(0, MAIN_SOURCE, __LINE__, "%s: no group '%s' to give it to", USB_DAEMON_FIFO,
-                m.fifoGroupRefused ? "" : m.fifoGroup);
-        return -1;
-    }
-    gid = found->gr_gid;
-    return 0;
-}
-
-// Anything at the path but the service's own FIFO is not trusted: removed, so
-// that a fresh one is made. False after saying why it could not be.
-bool __mainRemoveFound(const struct stat &st)
-{
-    evm_log(0, MAIN_SOURCE, __LINE__, "%s: found %s owned by uid %u (mode %04o), not the service's own FIFO; made anew",
-            USB_DAEMON_FIFO, __mainNodeKind(st.st_mode), static_cast<unsigned>(st.st_uid),
-            static_cast<unsigned>(st.st_mode & 07777));
-    int rc = S_ISDIR(st.st_mode) ? rmdir(USB_DAEMON_FIFO) : unlink(USB_DAEMON_FIFO);
-    if (rc != 0 && errno != ENOENT) {
-        evm_log(0, MAIN_SOURCE, __LINE__, "%s: cannot remove it: %s", USB_DAEMON_FIFO, strerror(errno));
-        return false;
-    }
-    return true;
-}
-
-// The read end of a FIFO that the service made and owns. The node is judged
-// on the descriptor (opened without following a link), so a swap of the path
-// between a look at it and the open is caught; a path that keeps changing
-// under the service ends start-up.
-int32_t __mainOpenOwnFifo(uniqueFd &reader)
-{
-    for (int tries = 0; tries < MAIN_FIFO_TRIES; ++tries) {
-        // Made closed: nobody else opens it before its group and mode are set.
-        mode_t oldMask = umask(0);
-        int rc = mkfifo(USB_DAEMON_FIFO, 0600);
-        int err = errno;
-        umask(oldMask);
-        if (rc != 0 && err != EEXIST) {
-            evm_log(0, MAIN_SOURCE, __LINE__, "Error creating USB_DAEMON_FIFO: %s", strerror(err));
-            return -1;
-        }
-        // Anything but a FIFO is never opened (opening a device node can have
-        // side effects), only removed.
-        struct stat st = {};
-        if (rc != 0 && lstat(USB_DAEMON_FIFO, &st) == 0 && !S_ISFIFO(st.st_mode)) {
-            if (!__mainRemoveFound(st)) {
-                return -1;
-            }
-            continue;
-        }
-        reader.reset(open(USB_DAEMON_FIFO, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
-        if (!reader.valid()) {
-            if (errno == ELOOP || errno == ENOENT) {
-                continue; // swapped for a link, or removed, meanwhile: look again
-            }
-            evm_log(0, MAIN_SOURCE, __LINE__, "open %s for reading: %s", USB_DAEMON_FIFO, strerror(errno));
-            return -1;
-        }
-        if (fstat(reader.get(), &st) != 0) {
-            evm_log(0, MAIN_SOURCE, __LINE__, "%s: %s", USB_DAEMON_FIFO, strerror(errno));
-            return -1;
-        }
-        if (S_ISFIFO(st.st_mode) && st.st_uid == geteuid()) {
-            if (rc != 0) {
-                evm_log(0, MAIN_SOURCE, __LINE__, "%s already exist, don't have to create it again!", USB_DAEMON_FIFO);
-            }
-            return 0;
-        }
-        // Another account's FIFO: its owner could shut other clients out or
-        // read their records and answer them.
-        reader.reset();
-        if (!__mainRemoveFound(st)) {
-            return -1;
-        }
-    }
-    evm_log(0, MAIN_SOURCE, __LINE__, "%s is not a FIFO, giving up", USB_DAEMON_FIFO);
-    return -1;
-}
-
-int32_t __mainOpenRequestFifo()
-{
-    auto &m = mainPrivateMembers;
-    gid_t gid = 0;
-    uniqueFd reader;
-    if (__mainFifoGroupId(gid) != 0 || __mainOpenOwnFifo(reader) != 0) {
-        return -1;
-    }
-    // Group and mode go on the descriptor, so they hold for the FIFO served
-    // whatever the path names by now, and are set anew at every start, over a
-    // FIFO of an earlier run too (one that was left open to everyone included).
-    mode_t mode = m.fifoGroupGiven ? MAIN_FIFO_MODE_GROUP : MAIN_FIFO_MODE_OPEN;
-    if (fchown(reader.get(), static_cast<uid_t>(-1), gid) != 0 || fchmod(reader.get(), mode) != 0) {
-        evm_log(0, MAIN_SOURCE, __LINE__, "%s: cannot set its group and mode: %s", USB_DAEMON_FIFO, strerror(errno));
-        return -1;
-    }
-    // Our own write end keeps the read end from reporting end-of-file between
-    // clients. Non-blocking: the read end is open, so it never waits, and a
-    // path swapped meanwhile for a FIFO nobody reads fails instead of hanging;
-    // it must be the FIFO just opened.
-    uniqueFd dummy(open(USB_DAEMON_FIFO, O_WRONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
-    struct stat readSt = {};
-    struct stat writeSt = {};
-    if (!dummy.valid() || fstat(reader.get(), &readSt) != 0 || fstat(dummy.get(), &writeSt) != 0 ||
-        readSt.st_ino != writeSt.st_ino || readSt.st_dev != writeSt.st_dev) {
-        evm_log(0, MAIN_SOURCE, __LINE__, "open %s for writing: %s", USB_DAEMON_FIFO,
-                dummy.valid() ? "another node" : strerror(errno));
-        return -1;
-    }
-    m.fdDaemon = reader.release();
-    m.fdDummy = dummy.release();
-    return 0;
-}
-
-// The reply goes only into a FIFO named within the record's field; anything
-// else loses the reply with the "fdClient" line.
-void __mainReply()
-{
-    auto &m = mainPrivateMembers;
-    const char *path = m.record.clientFifo;
-    // The path is read only within its field: without a NUL there, no reply.
-    if (memchr(path, '\0', sizeof m.record.clientFifo) == nullptr) {
-        evm_log(0, MAIN_SOURCE, __LINE__, "fdClient: %d - '%s'", -1, strerror(ENAMETOOLONG));
-        return;
-    }
-    // Anything but a FIFO is never opened (opening a device node can have side
-    // effects); the open is checked again after, so a swap of the path in
-    // between still cannot redirect the reply. O_NOCTTY: a terminal named here
-    // never becomes the daemon's controlling terminal.
-    struct stat st = {};
-    if (platformSys.stat(path, &st) == 0 && !S_ISFIFO(st.st_mode)) {
-        evm_log(0, MAIN_SOURCE, __LINE__, "fdClient: %d - '%s'", -1, MAIN_REPLY_NOT_FIFO);
-        return;
-    }
-    seamFd client(path, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-    m.fdClient = client.get();
-    if (!client.valid()) {
-        evm_log(0, MAIN_SOURCE, __LINE__, "fdClient: %d - '%s'", m.fdClient, strerror(errno));
-        return;
-    }
-    if (platformSys.fstat(client.get(), &st) != 0 || !S_ISFIFO(st.st_mode)) {
-        m.fdClient = -1;
-        evm_log(0, MAIN_SOURCE, __LINE__, "fdClient: %d - '%s'", -1, MAIN_REPLY_NOT_FIFO);
-        return;
-    }
-    if (platformSys.write(client.get(), &m.record, sizeof m.record) == -1) {
-        evm_log(0, MAIN_SOURCE, __LINE__, "tarnhold:main: write - '%s'", strerror(errno));
-    }
-    // Cleared before the close so the exit handler never closes it twice.
-    m.fdClient = -1;
 }
 
 void __mainResetOptions()
@@ -487,7 +304,9 @@ int mainRun(int argc, char **argv)
     void *frame = nullptr;
     backtrace(&frame, 1);
 
-    if (__mainInstallSignals() != 0 || __mainOpenRequestFifo() != 0) {
+    if (__mainInstallSignals() != 0 ||
+        mainFifoSetGroup(m.fifoGroupGiven ? m.fifoGroup : nullptr, m.fifoGroupRefused) != 0 ||
+        mainFifoOpen(m.fdDaemon, m.fdDummy) != 0) {
         return __mainStartupFailed();
     }
     printf("fdDaemon: %d, fdDummy: %d\n", m.fdDaemon, m.fdDummy);
@@ -505,8 +324,12 @@ int mainReplay(int argc, char **argv, int requestFd, uint64_t watchdogSliceUs)
     if (!__mainParseOptions(argc, argv)) {
         return 0;
     }
+    // The group's replies rule as on the appliance, where the desk knows the
+    // group; without it replies are not judged by owner.
+    (void)mainFifoSetGroup(m.fifoGroupGiven && !m.fifoGroupRefused ? m.fifoGroup : nullptr, false);
     m.fdDaemon = requestFd;
     m.lastTick = 0;
+    mainFifoSetRequest(requestFd);
     return __mainServe(true);
 }
 
@@ -559,11 +382,12 @@ void mainLoopPass()
         qxUsbHeal();
     }
     m.record.result = usbMgmtCmd(m.record.cmd, m.record.resp);
-    __mainReply();
+    mainFifoReply(m.record, m.fdClient);
 }
 
 void mainLoopSetRequestFd(int fd)
 {
     mainPrivateMembers.fdDaemon = fd;
     mainPrivateMembers.lastTick = 0;
+    mainFifoSetRequest(fd);
 }

@@ -75,6 +75,7 @@ int32_t __qxLoaderHandOver(uint32_t request, const qxUsbBlock &block)
 {
     qxUsbBlock io{};
     __qxLoaderFillIo(io.data(), request);
+    platformSysHandOver(block.data(), QX_REPORT_SIZE);
     lePut64(&io[QX_IO_BYTE_ADDRESS], reinterpret_cast<uintptr_t>(block.data()));
     return qxUsbCmd(io.data());
 }

@@ -7,6 +7,8 @@
 class seamFd {
 public:
     seamFd(const char *path, int flags) : fd_(platformSys.open(path, flags, 0)) {}
+    // One opened otherwise through the seam (platformSys.openNoLinks).
+    explicit seamFd(int fd) : fd_(fd) {}
     seamFd(const seamFd &) = delete;
     seamFd &operator=(const seamFd &) = delete;
     ~seamFd()

@@ -21,7 +21,6 @@
 #include <fcntl.h>
 #include <linux/i2c-dev.h>
 #include <linux/i2c.h>
-#include <sys/uio.h>
 #include <unistd.h>
 
 namespace {
@@ -223,7 +222,9 @@ void __recCut()
     }
     char tmp[SYS_RECORD_PATH_SIZE + 8];
     __recCopyText(tmp, sizeof tmp, rec.path, ".tmp");
-    const int out = ::open(tmp, O_RDWR | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0640);
+    // Made afresh: never a file or link someone left at that name.
+    ::unlink(tmp);
+    const int out = ::open(tmp, O_RDWR | O_CREAT | O_EXCL | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0600);
     recordHead head = {};
     head.kind = static_cast<uint8_t>(recordKind::GAP);
     head.size = sizeof head + sizeof(recordGap);
@@ -330,28 +331,17 @@ std::span<const uint8_t> __recText(const char *text)
 
 // ---- Hashes -------------------------------------------------------------------
 
-// The SHA-256 of memory at `address`, read as the driver reads it (a bad
-// address is reported, never touched): false when it cannot be read.
+// The SHA-256 of memory at `address`, as the driver reads it: only memory
+// the service handed over itself is read. Any other address (a client's, in a
+// pass-through request) is recorded as unreadable and never touched: false.
 bool __recHashMemory(uint64_t address, uint32_t len, uint8_t *hash)
 {
-    EVP_DigestInit_ex(rec.md, EVP_sha256(), nullptr);
-    uint64_t done = 0;
-    while (done < len) {
-        const size_t n = static_cast<size_t>(std::min<uint64_t>(rec.chunk.size(), len - done));
-        iovec local = {rec.chunk.data(), n};
-        iovec remote = {reinterpret_cast<void *>(static_cast<uintptr_t>(address + done)), n};
-        const ssize_t got = address == 0 ? -1 : process_vm_readv(getpid(), &local, 1, &remote, 1, 0);
-        if (got < 0 && address != 0 && (errno == EPERM || errno == ENOSYS)) {
-            // A system-call filter that does not allow the check: the address
-            // is the service's own buffer, handed over after it filled it.
-            std::memcpy(rec.chunk.data(), remote.iov_base, n);
-        } else if (got != static_cast<ssize_t>(n)) {
-            std::memset(hash, 0, RECORD_HASH_SIZE);
-            return false;
-        }
-        EVP_DigestUpdate(rec.md, rec.chunk.data(), n);
-        done += n;
+    if (address == 0 || !platformSysHandedOver(address, len)) {
+        std::memset(hash, 0, RECORD_HASH_SIZE);
+        return false;
     }
+    EVP_DigestInit_ex(rec.md, EVP_sha256(), nullptr);
+    EVP_DigestUpdate(rec.md, reinterpret_cast<const void *>(static_cast<uintptr_t>(address)), len);
     unsigned int out = 0;
     EVP_DigestFinal_ex(rec.md, hash, &out);
     return true;
@@ -447,9 +437,11 @@ bool __recFileIsFile(const char *path, int flags, int fd)
            ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
 }
 
-int __recOpen(const char *path, int flags, mode_t mode)
+// Both opens are recorded alike: which one the service uses for a path is the
+// service's own rule, not part of the exchange.
+int __recOpenThrough(int (*under)(const char *, int, mode_t), const char *path, int flags, mode_t mode)
 {
-    const int rc = rec.under.open(path, flags, mode);
+    const int rc = under(path, flags, mode);
     const int err = errno;
     if (!rec.on) {
         return rc;
@@ -489,6 +481,16 @@ int __recOpen(const char *path, int flags, mode_t mode)
     }
     errno = err;
     return rc;
+}
+
+int __recOpen(const char *path, int flags, mode_t mode)
+{
+    return __recOpenThrough(rec.under.open, path, flags, mode);
+}
+
+int __recOpenNoLinks(const char *path, int flags, mode_t mode)
+{
+    return __recOpenThrough(rec.under.openNoLinks, path, flags, mode);
 }
 
 int __recClose(int fd)
@@ -804,6 +806,7 @@ uint64_t __recMonotonicUs()
 
 constexpr platformSysOps SYS_RECORD_OPS = {
     .open = __recOpen,
+    .openNoLinks = __recOpenNoLinks,
     .access = __recAccess,
     .close = __recClose,
     .ioctl = __recIoctl,
@@ -904,17 +907,31 @@ void sysRecordStart(int argc, char **argv, int requestFd)
     const char *dataText = getenv("TARNHOLD_RECORD_DATA");
     const bool withData = dataText != nullptr && strcmp(dataText, "1") == 0;
 
-    // The recording of the run before (the one that crashed, say) is kept.
+    // The recording of the run before (the one that crashed, say) is kept;
+    // anything else there, another account's above all, is left alone.
     struct stat st = {};
-    if (::lstat(rec.path, &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0) {
+    if (::lstat(rec.path, &st) == 0 && S_ISREG(st.st_mode) && st.st_uid == geteuid() && st.st_size > 0) {
         char previous[sizeof rec.path + 2];
         __recCopyText(previous, sizeof previous, rec.path, ".1");
         ::rename(rec.path, previous);
     }
-    // Read as well: a cut copies the parts it keeps out of it.
-    rec.fd = ::open(rec.path, O_RDWR | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0640);
-    if (rec.fd < 0) {
-        evm_log(0, SYS_RECORD_SOURCE, __LINE__, "recording to %s not started: %s", rec.path, strerror(errno));
+    // Read as well: a cut copies the parts it keeps out of it. Never through a
+    // link, and emptied only once it is known to be the service's own file:
+    // it may hold whole files the service read as root, so it is 0600.
+    rec.fd = ::open(rec.path, O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600);
+    const char *refused = nullptr;
+    if (rec.fd >= 0 && (::fstat(rec.fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_uid != geteuid())) {
+        refused = "not a file of the service's own";
+    } else if (rec.fd >= 0 && (::ftruncate(rec.fd, 0) != 0 || ::fchmod(rec.fd, 0600) != 0)) {
+        refused = strerror(errno);
+    }
+    if (rec.fd < 0 || refused != nullptr) {
+        evm_log(0, SYS_RECORD_SOURCE, __LINE__, "recording to %s not started: %s", evmLogEscape(rec.path),
+                refused != nullptr ? refused : strerror(errno));
+        if (rec.fd >= 0) {
+            ::close(rec.fd);
+            rec.fd = -1;
+        }
         return;
     }
     rec.toFile = true;

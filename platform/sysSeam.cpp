@@ -1,20 +1,126 @@
 #include "sysSeam.h"
 
 #include "daemonNotify.h"
+#include "uniqueFd.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <libudev.h>
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <climits>
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <sys/ioctl.h>
+#include <sys/statfs.h>
 #include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
 int __sysOpen(const char *path, int flags, mode_t mode) { return ::open(path, flags, mode); }
+
+// Links followed on the way, as the kernel allows.
+constexpr int SYS_OPEN_LINKS_MAX = 40;
+
+bool __sysOnProc(int dirFd)
+{
+    struct statfs fs = {};
+    return ::fstatfs(dirFd, &fs) != 0 || fs.f_type == PROC_SUPER_MAGIC;
+}
+
+// A link only root could have placed: root's, in a folder of root's that no
+// one else may write.
+bool __sysLinkIsRoots(int dirFd, const struct stat &link)
+{
+    struct stat dir = {};
+    return link.st_uid == 0 && ::fstat(dirFd, &dir) == 0 && dir.st_uid == 0 && (dir.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+}
+
+int __sysRefuse(int err)
+{
+    errno = err;
+    return -1;
+}
+
+int __sysOpenNoLinks(const char *path, int flags, mode_t mode)
+{
+    // What is still to be resolved, relative to `dir`.
+    char rest[PATH_MAX];
+    const size_t len = strnlen(path, sizeof rest);
+    if (len == 0 || len == sizeof rest) {
+        return __sysRefuse(len == 0 ? ENOENT : ENAMETOOLONG);
+    }
+    memcpy(rest, path, len + 1);
+    uniqueFd dir(::open(rest[0] == '/' ? "/" : ".", O_PATH | O_DIRECTORY | O_CLOEXEC));
+    size_t pos = 0;
+    int links = 0;
+    while (dir.valid()) {
+        if (__sysOnProc(dir.get())) {
+            return __sysRefuse(EXDEV);
+        }
+        while (rest[pos] == '/') {
+            ++pos;
+        }
+        size_t end = pos;
+        while (rest[end] != '\0' && rest[end] != '/') {
+            ++end;
+        }
+        if (end == pos || end - pos > NAME_MAX) {
+            return __sysRefuse(end == pos ? EISDIR : ENAMETOOLONG);
+        }
+        char name[NAME_MAX + 1];
+        memcpy(name, &rest[pos], end - pos);
+        name[end - pos] = '\0';
+        size_t next = end;
+        while (rest[next] == '/') {
+            ++next;
+        }
+        // The node itself, not yet opened for use: a link or a device is
+        // refused before anything with side effects happens.
+        uniqueFd node(::openat(dir.get(), name, O_PATH | O_NOFOLLOW | O_CLOEXEC));
+        struct stat st = {};
+        if (!node.valid() || ::fstat(node.get(), &st) != 0) {
+            return -1;
+        }
+        if (S_ISLNK(st.st_mode)) {
+            if (rest[next] == '\0' || !__sysLinkIsRoots(dir.get(), st) || ++links > SYS_OPEN_LINKS_MAX) {
+                return __sysRefuse(ELOOP);
+            }
+            // The link's text in front of what is left, resolved the same way.
+            char target[PATH_MAX];
+            const ssize_t n = ::readlinkat(node.get(), "", target, sizeof target);
+            const size_t tail = strlen(&rest[next]) + 1;
+            if (n <= 0 || static_cast<size_t>(n) + 1 + tail > sizeof rest) {
+                return __sysRefuse(n <= 0 ? ELOOP : ENAMETOOLONG);
+            }
+            memmove(&rest[n + 1], &rest[next], tail);
+            memcpy(rest, target, static_cast<size_t>(n));
+            rest[n] = '/';
+            pos = 0;
+            if (target[0] == '/') {
+                dir.reset(::open("/", O_PATH | O_DIRECTORY | O_CLOEXEC));
+            }
+            continue;
+        }
+        if (rest[next] == '\0') {
+            if (S_ISCHR(st.st_mode) || S_ISBLK(st.st_mode)) {
+                return __sysRefuse(ENOTSUP);
+            }
+            return ::openat(dir.get(), name, flags | O_NOFOLLOW, mode);
+        }
+        if (!S_ISDIR(st.st_mode)) {
+            return __sysRefuse(ENOTDIR);
+        }
+        dir = std::move(node);
+        pos = next;
+    }
+    return -1;
+}
 int __sysIoctl(int fd, unsigned long request, void *arg) { return ::ioctl(fd, request, arg); }
 int __sysSystem(const char *command) { return ::system(command); }
 
@@ -77,6 +183,7 @@ int __sysFindPciDevice(const char *vendor, const char *device, char *sysPath, si
 
 const platformSysOps PLATFORM_SYS_LIBC = {
     .open = __sysOpen,
+    .openNoLinks = __sysOpenNoLinks,
     .access = ::access,
     .close = ::close,
     .ioctl = __sysIoctl,
@@ -101,6 +208,42 @@ const platformSysOps PLATFORM_SYS_LIBC = {
 };
 
 platformSysOps platformSys = PLATFORM_SYS_LIBC;
+
+namespace {
+
+// Few buffers are ever handed over, each from a fixed place.
+constexpr size_t PLATFORM_SYS_HAND_OVERS = 8;
+
+struct {
+    std::array<std::pair<uintptr_t, size_t>, PLATFORM_SYS_HAND_OVERS> handOvers = {};
+    size_t next = 0;
+} platformSysPrivateMembers;
+
+} // namespace
+
+void platformSysHandOver(const void *base, size_t len)
+{
+    auto &m = platformSysPrivateMembers;
+    const auto at = reinterpret_cast<uintptr_t>(base);
+    for (auto &[b, l] : m.handOvers) {
+        if (b == at) {
+            l = std::max(l, len);
+            return;
+        }
+    }
+    m.handOvers[m.next] = {at, len};
+    m.next = (m.next + 1) % m.handOvers.size();
+}
+
+bool platformSysHandedOver(uint64_t address, uint64_t len)
+{
+    for (const auto &[b, l] : platformSysPrivateMembers.handOvers) {
+        if (l != 0 && address >= b && len <= l && address - b <= l - len) {
+            return true;
+        }
+    }
+    return false;
+}
 
 int platformSysSleep(useconds_t us)
 {

@@ -14,6 +14,13 @@
 
 struct platformSysOps {
     int (*open)(const char *path, int flags, mode_t mode);
+    // open() for a path someone else named (a client's reply FIFO, an upgrade
+    // file): resolved one component at a time, never through /proc, never
+    // through a symbolic link as the last component, and through one on the
+    // way only where root placed it in a folder only root writes (/var/run ->
+    // /run); never opens a device node. Refusals: ELOOP for a link, EXDEV for
+    // /proc, ENOTSUP for a device node.
+    int (*openNoLinks)(const char *path, int flags, mode_t mode);
     // Whether the device node is there at all, without opening it.
     int (*access)(const char *path, int mode);
     int (*close)(int fd);
@@ -48,6 +55,13 @@ extern platformSysOps platformSys;
 
 // The real bindings, for restoring the table or delegating to it.
 extern const platformSysOps PLATFORM_SYS_LIBC;
+
+// Memory the service hands the driver by its address (the file-transfer
+// pattern, programming blocks, FPGA and CPLD pages): said before the address
+// goes out. Only such memory is ever read by the service on the driver's
+// behalf (a recording's copy); an address a client names is not.
+void platformSysHandOver(const void *base, size_t len);
+bool platformSysHandedOver(uint64_t address, uint64_t len);
 
 // Every wait of the service: platformSys.usleep, with the watchdog's
 // keep-alive before and after. While a watchdog watches the process, a wait

@@ -76,6 +76,7 @@ int32_t netUsbFuncFileTransfer(qxUsbBlock &cmd, qxUsbBlock &)
     if (leGet32(&cmd[USB_MGMT_XFER_LEN]) > USB_MGMT_XFER_MAX) {
         lePut32(&cmd[USB_MGMT_XFER_LEN], USB_MGMT_XFER_MAX);
     }
+    platformSysHandOver(__testingTmmmmpBuf, sizeof __testingTmmmmpBuf);
     lePut64(&cmd[USB_MGMT_XFER_BUF], reinterpret_cast<uintptr_t>(__testingTmmmmpBuf));
     const int32_t rc = qxUsbCmd(cmd.data());
     if (rc != 0) {

@@ -59,7 +59,7 @@ ssize_t usbMgmtUploadFileSize(const usbMgmtUploadRules &rules, const char *path)
 {
     struct stat st = {};
     if (platformSys.stat(path, &st) != 0) {
-        evm_log(0, rules.logSource, __LINE__, "QX_TRACE_FILE-error finding file: %s", path);
+        evm_log(0, rules.logSource, __LINE__, "QX_TRACE_FILE-error finding file: %s", evmLogEscape(path));
         return -1;
     }
     if (st.st_size < rules.minSize || st.st_size > rules.maxSize) {
@@ -72,18 +72,20 @@ ssize_t usbMgmtUploadFileSize(const usbMgmtUploadRules &rules, const char *path)
 
 ssize_t usbMgmtUploadReadFile(const usbMgmtUploadRules &rules, const char *path, uint8_t *data, size_t size)
 {
-    // Opened without blocking and checked once open: a FIFO or a device that
-    // stat passed must neither hold the service nor be taken for a file.
-    seamFd fd(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    // A client's path: opened without blocking and without following a link
+    // the client could have placed, and checked once open: a FIFO or a device
+    // that stat passed must neither hold the service nor be taken for a file.
+    seamFd fd(platformSys.openNoLinks(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC, 0));
     if (!fd.valid()) {
-        evm_log(0, rules.logSource, __LINE__, "QX_TRACE_FILE-error opening file: %s - '%s'", path,
-                std::strerror(errno));
+        const int err = errno;
+        evm_log(0, rules.logSource, __LINE__, "QX_TRACE_FILE-error opening file: %s - '%s'", evmLogEscape(path),
+                err == ENOTSUP ? "not a regular file" : std::strerror(err));
         return -1;
     }
     struct stat st = {};
     if (platformSys.fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
         const char *reason = S_ISDIR(st.st_mode) ? std::strerror(EISDIR) : "not a regular file";
-        evm_log(0, rules.logSource, __LINE__, "QX_TRACE_FILE-error opening file: %s - '%s'", path, reason);
+        evm_log(0, rules.logSource, __LINE__, "QX_TRACE_FILE-error opening file: %s - '%s'", evmLogEscape(path), reason);
         return -1;
     }
     if (rules.logFileSize) {
@@ -106,6 +108,7 @@ ssize_t usbMgmtUploadReadFile(const usbMgmtUploadRules &rules, const char *path,
 
 int32_t usbMgmtUploadPages(const usbMgmtUploadRules &rules, const uint8_t *data, uint32_t pages)
 {
+    platformSysHandOver(data, static_cast<size_t>(pages) * USB_MGMT_UPLOAD_PAGE_SIZE);
     uint32_t next = 0;
     while (next < pages) {
         // A driver with room at every query never lets the upgrade sleep.

@@ -300,6 +300,12 @@ void __simInProcessBuildBus()
     inProcess.bus.devices = &inProcess.devices[0];
 }
 
+// Paths clients name are the host's, never the model's nodes.
+int __simInProcessOpenNoLinks(const char *path, int flags, mode_t mode)
+{
+    return PLATFORM_SYS_LIBC.openNoLinks(path, flags, mode);
+}
+
 // The controller's search is udev's (a umockdev testbed's under the tests).
 int __simInProcessFindPci(const char *vendor, const char *device, char *sysPath, size_t size)
 {
@@ -308,6 +314,7 @@ int __simInProcessFindPci(const char *vendor, const char *device, char *sysPath,
 
 constexpr platformSysOps SIM_IN_PROCESS_OPS = {
     .open = __simInProcessOpen,
+    .openNoLinks = __simInProcessOpenNoLinks,
     .access = __simInProcessAccess,
     .close = __simInProcessClose,
     .ioctl = __simInProcessIoctl,

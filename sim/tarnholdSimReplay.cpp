@@ -520,6 +520,7 @@ int __replayUsbClose(usb_dev_handle *)
 
 constexpr platformSysOps REPLAY_OPS = {
     .open = __replayOpen,
+    .openNoLinks = __replayOpen,
     .access = __replayAccess,
     .close = __replayClose,
     .ioctl = __replayIoctl,

@@ -533,28 +533,36 @@ TEST_F(daemonProcessTest, servesCodesWithoutHandlerWithResult8OnlyReportsSigpipe
     EXPECT_TRUE(serves(daemon));
 }
 
-TEST_F(daemonProcessTest, onlyItsOwnFifoIsServedAndItGetsTheGroupAndModeAtEveryStart)
+TEST_F(daemonProcessTest, onlyItsOwnFifoIsServedWhateverWasAtThePathAndItGetsTheGroupAndModeAtEveryStart)
 {
     const group *adm = getgrnam("adm");
     ASSERT_NE(adm, nullptr);
     const gid_t admGid = adm->gr_gid;
     // A symbolic link's target that the daemon would take as its own FIFO and give group and mode were the link
-    // followed; a regular file seen through a second name.
+    // followed; a regular file seen through a second name; a folder deep enough that removing it would walk it.
     ASSERT_EQ(mkfifo("/tmp/target", 0600), 0);
     std::ofstream("/tmp/regular") << "kept";
-    const std::string replaced = std::string(USB_DAEMON_FIFO) + ": found ";
-    const std::string anew = ", not the service's own FIFO; made anew";
+    const std::string found = std::string(USB_DAEMON_FIFO) + ": found ";
+    const std::string moved = ", not the service's own FIFO; moved to /tmp/qx-usb-daemon-fifo\\.[a-z0-5]{8}";
     // What is at the path before the start, the options (with a group root:adm 0620, else root:root 0666), the line.
     const std::tuple<int (*)(), strings, std::string> cases[] = {
         {[] { return 0; }, {"--fifo-group", "adm"}, ""},
         {[] { return mkfifo(USB_DAEMON_FIFO, 0666); }, {"--fifo-group", "adm"},
          std::string(USB_DAEMON_FIFO) + " already exist, don't have to create it again!"},
         {[] { return mkfifo(USB_DAEMON_FIFO, 0) | chown(USB_DAEMON_FIFO, 65534, 65534) | chmod(USB_DAEMON_FIFO, 0666); },
-         {"--fifo-g=adm"}, replaced + "a FIFO owned by uid 65534 (mode 0666)" + anew},
+         {"--fifo-g=adm"}, found + "a FIFO owned by uid 65534 \\(mode 0666\\)" + moved},
         {[] { return symlink("/tmp/target", USB_DAEMON_FIFO); }, {"--fifo-group", "adm"},
-         replaced + "a symbolic link owned by uid 0 (mode 0777)" + anew},
+         found + "a symbolic link owned by uid 0 \\(mode 0777\\)" + moved},
         {[] { return link("/tmp/regular", USB_DAEMON_FIFO) | chmod("/tmp/regular", 0644); }, {},
-         replaced + "a regular file owned by uid 0 (mode 0644)" + anew},
+         found + "a regular file owned by uid 0 \\(mode 0644\\)" + moved},
+        {[] {
+             std::error_code ec;
+             fs::create_directories(std::string(USB_DAEMON_FIFO) + "/a/b/c/d/e/f/g/h", ec);
+             std::ofstream(std::string(USB_DAEMON_FIFO) + "/a/b/c/file") << "x";
+             return (ec ? 1 : 0) | symlink("/", (std::string(USB_DAEMON_FIFO) + "/a/root").c_str()) |
+                    chown(USB_DAEMON_FIFO, 65534, 65534);
+         },
+         {}, found + "a directory owned by uid 65534 \\(mode 0755\\)" + moved},
     };
     for (auto [place, args, line] : cases) {
         SCOPED_TRACE(line);
@@ -565,13 +573,22 @@ TEST_F(daemonProcessTest, onlyItsOwnFifoIsServedAndItGetsTheGroupAndModeAtEveryS
         daemonHarness daemon;
         startServing(daemon, args, 077); // the mode does not come from the umask
         EXPECT_TRUE(serves(daemon));
-        strings lines = {APP_INPUT_LINE};
-        lines.insert(lines.end(), !line.empty(), line);
-        EXPECT_EQ(daemon.logTexts("main"), lines);
+        const strings lines = daemon.logTexts("main");
+        ASSERT_EQ(lines.size(), line.empty() ? 1u : 2u);
+        EXPECT_EQ(lines[0], APP_INPUT_LINE);
+        if (!line.empty()) {
+            EXPECT_THAT(lines[1], MatchesRegex(line));
+        }
         struct stat st = {};
         ASSERT_EQ(lstat(USB_DAEMON_FIFO, &st), 0);
         EXPECT_TRUE(S_ISFIFO(st.st_mode) && st.st_uid == 0 && st.st_gid == (grouped ? admGid : 0));
         EXPECT_EQ(fs::perms(st.st_mode & 07777), fs::perms(grouped ? 0620 : 0666));
+        // What was moved aside is whole where the line says, nothing in it followed.
+        if (lines.size() == 2 && lines[1].find("directory") != std::string::npos) {
+            const std::string aside = lines[1].substr(lines[1].rfind(' ') + 1);
+            EXPECT_TRUE(fs::is_directory(aside + "/a/b/c/d/e/f/g/h") && fs::is_symlink(aside + "/a/root"));
+            EXPECT_EQ(daemonHarnessReadFile(aside + "/a/b/c/file"), "x");
+        }
     }
     EXPECT_TRUE(fs::is_fifo("/tmp/target") && fs::status("/tmp/target").permissions() == fs::perms(0600));
     EXPECT_EQ(daemonHarnessReadFile("/tmp/regular"), "kept");
@@ -583,6 +600,53 @@ TEST_F(daemonProcessTest, onlyItsOwnFifoIsServedAndItGetsTheGroupAndModeAtEveryS
         EXPECT_EQ(daemon.runToEnd(daemonHarnessOnAppliance(APP_HEX, {"--fifo-group", group})), 1) << line;
         EXPECT_THAT(daemon.logTexts("main"), Contains(line));
     }
+}
+
+// Records written straight into the request FIFO, as any program may; each reply path is judged on what it opens.
+TEST_F(daemonProcessTest, repliesGoOnlyIntoAClientsFifoAndEachRefusalIsOneLineWithThePathEscaped)
+{
+    daemonHarness daemon;
+    startServing(daemon, {"--file", APP_HEX, "--fifo-group", "adm"});
+    auto reader = [](const std::string &path, uid_t uid, gid_t gid) {
+        EXPECT_EQ(mkfifo(path.c_str(), 0622) | chown(path.c_str(), uid, gid), 0) << path;
+        return uniqueFd(open(path.c_str(), O_RDONLY | O_NONBLOCK));
+    };
+    const gid_t admGid = getgrnam("adm")->gr_gid;
+    uniqueFd root = reader("/tmp/root-fifo", 0, 0);
+    uniqueFd outsider = reader("/tmp/outsider-fifo", 65534, 65534);
+    uniqueFd member = reader("/tmp/member-fifo", 65534, admGid); // only a member can give its FIFO the group
+    ASSERT_EQ(symlink("/tmp/root-fifo", "/tmp/link"), 0);
+    ASSERT_EQ(symlink("/tmp/root-fifo", "/tmp/evil\nmain:1: forged"), 0);
+    const std::string viaProc = "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(root.get());
+    uniqueFd requests(open(USB_DAEMON_FIFO, O_WRONLY | O_NONBLOCK));
+    auto send = [&](const std::string &path, uint8_t code = 200) {
+        usbDaemonRequest r = daemonHarnessRecord(code);
+        memcpy(r.clientFifo, path.data(), std::min(path.size(), sizeof r.clientFifo - 1));
+        if (code == QX_HID_CMD_FPGA_UPGRADE) {
+            memcpy(&r.cmd[3], "/tmp/evil\nmain:2: forged", 25);
+        }
+        ASSERT_EQ(write(requests.get(), &r, sizeof r), ssize_t(sizeof r));
+    };
+    // The request FIFO itself would hand the reply back as the next request, round and round.
+    for (const std::string &path : strings{USB_DAEMON_FIFO, "/tmp/link", viaProc, "/tmp/outsider-fifo",
+                                   "/tmp/evil\nmain:1: forged", "/tmp/member-fifo"}) {
+        send(path);
+    }
+    send("/tmp/root-fifo", QX_HID_CMD_FPGA_UPGRADE);
+    ASSERT_TRUE(serves(daemon)); // served in order: everything before it is done
+    EXPECT_EQ(daemon.logTexts("main"),
+              (strings{APP_INPUT_LINE, "no reply to '/tmp/qx-usb-daemon-fifo': the request FIFO itself",
+                       "no reply to '/tmp/link': a symbolic link in the path",
+                       "no reply to '" + viaProc + "': a path under /proc",
+                       "no reply to '/tmp/outsider-fifo': a FIFO of uid 65534, who is not in group adm",
+                       "no reply to '/tmp/evil\\nmain:1: forged': a symbolic link in the path"}));
+    EXPECT_THAT(daemon.logTexts("fpgaUpgrade"),
+                Contains("QX_TRACE_FILE-fpgaUpgradeFileInit:: fileName: /tmp/evil\\nmain:2: forged"));
+    EXPECT_EQ(pending(member.get()), int(sizeof(usbDaemonRequest)));
+    EXPECT_EQ(pending(outsider.get()), 0);
+    EXPECT_EQ(pending(root.get()), int(sizeof(usbDaemonRequest))) << "only the FPGA request's own reply";
+    // Nothing of the forged texts began a line of its own.
+    EXPECT_EQ(daemon.stderrText().find("\nmain:"), std::string::npos);
 }
 
 TEST_F(daemonProcessTest, fileNamesOf1To294CharactersAreTakenOthersRefused)

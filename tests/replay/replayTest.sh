@@ -263,11 +263,17 @@ limit)
     grep -q "stops at the gap" <<<"$out" || fail "the replay does not say it stopped at the gap"
     ;;
 diskfull)
-    start /dev/full 10 --flash-image "$HEX" -- --file "$HEX"
+    # A folder that fills after the first records (a device such as /dev/full
+    # is never recorded into: only a regular file of the service's own).
+    mkdir "$WORK/small"
+    mount -t tmpfs -o size=4k tmpfs "$WORK/small"
+    start "$WORK/small/rec.trn" 10 --flash-image "$HEX" -- --file "$HEX"
     ctl get-info
     ctl slot-read 10
     stop
-    [ "$(grep -c 'recording to /dev/full stopped' "$WORK/daemon.log")" = 1 ] || fail "not one line about the stop"
+    umount "$WORK/small"
+    [ "$(grep -c "recording to $WORK/small/rec.trn stopped (write: No space left on device)" "$WORK/daemon.log")" = 1 ] ||
+        fail "not one line about the stop"
     ;;
 *)
     echo "usage: $0 stored NAME|roundtrip|crash|limit|diskfull|make SOURCE_DIR BUILD_DIR" >&2
