@@ -803,6 +803,13 @@ TEST_F(daemonProcessTest, tarnholdctlExitStatusAndStatusLinesSayWhatHappened)
 
 TEST_F(daemonProcessTest, withAFifoGroupOnlyRootAndMembersSendRequestsAndOthersAreToldHowToGetIn)
 {
+    // Another account's FIFO at the path, while no service runs: nothing is sent into it.
+    ASSERT_EQ(mkfifo(USB_DAEMON_FIFO, 0666) | chown(USB_DAEMON_FIFO, 65534, 65534), 0);
+    uniqueFd catcher(open(USB_DAEMON_FIFO, O_RDONLY | O_NONBLOCK));
+    EXPECT_EQ(ctl({"raw", "200"}), 7);
+    EXPECT_THAT(out_, HasSubstr("belongs to uid 65534, not to the service's account: nothing sent"));
+    EXPECT_EQ(pending(catcher.get()), 0);
+    catcher.reset();
     daemonHarness daemon;
     startServing(daemon, {"--file", APP_HEX, "--fifo-group", "adm"});
     auto nobody = [](const char *groups) {

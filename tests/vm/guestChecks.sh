@@ -26,7 +26,7 @@ SIM_READY=/run/tarnhold-sim.ready
 UNIT=tarnhold.service
 
 CHECKS="setup installed startupUpgrade access renumberedNode homeUpgrades fans recordReplay journalOnce crashRestart watchdogRestart
- exposure stopped purged"
+ exposure restartQueued foreignFifo sandboxNeeds stopped purged"
 only=$(sed -n 's/.*tarnhold\.vmchecks=\([^ ]*\).*/\1/p' /proc/cmdline)
 [ "$only" = all ] || CHECKS=${only//,/ }
 
@@ -217,6 +217,11 @@ recordReplay() {
     systemctl restart "$UNIT" || { echo "no start with recording on"; return 1; }
     ctl get-info >/dev/null && ctl fan >/dev/null && ctl cpld-info >/dev/null && ctl file-transfer 65536 >/dev/null ||
         { echo "requests failed"; return 1; }
+    # A pass-through whose block names an address the client chose (0x10): recorded, never read, under the
+    # unit's system-call filter; the next request on the node sends the driver's read of it out.
+    local pid=$(prop MainPID)
+    ctl raw 38 0x0a 0x48 0x58 0x80 0 0 0 0 0 0x10 >/dev/null
+    ctl get-info >/dev/null && [ "$(prop MainPID)" = "$pid" ] || { echo "the service did not survive a wild address"; return 1; }
     systemctl stop "$UNIT"
     rm -rf "$dropin"
     systemctl daemon-reload
@@ -227,6 +232,8 @@ recordReplay() {
     # The fan controller's bus and the driver's read of the transfer buffer are in it too.
     grep -q 'ioctl /dev/i2c-0 I2C_SMBUS' /run/record.txt && grep -q ' mem .*PIC_HID_FILE_TRANSFER_TEST' /run/record.txt ||
         { echo "no I2C transfer or no memory read recorded"; return 1; }
+    grep -q ' mem .*0x10.*unreadable' /run/record.txt || { echo "the wild address is not recorded unreadable"; grep ' mem ' /run/record.txt | tail -2; return 1; }
+    [ "$(stat -c %a "$rec")" = 600 ] || { echo "recording mode $(stat -c %a "$rec")"; return 1; }
     out=$("$work/../sim/tarnhold-sim" --replay "$rec" 2>&1) || { echo "replay: $out"; return 1; }
     figure "recording under the unit: $records exchanges, $(stat -c %s "$rec") bytes; $(head -1 <<<"$out")"
     echo "$records exchanges recorded ($(stat -c %s "$rec") bytes), the last: $last; $out"
@@ -305,13 +312,107 @@ exposure() {
     awk -v e="$e" 'BEGIN { exit !(e != "" && e <= 3.0) }'
 }
 
+# A client blocked on the request FIFO while the service restarts (its write waits for a reader) is
+# answered by the next start: the FIFO stays at a stop.
+restartQueued() {
+    systemctl stop "$UNIT"
+    [ -p "$FIFO" ] || { echo "the FIFO went with the stop"; return 1; }
+    /usr/bin/python3 - "$FIFO" >/run/queued.txt 2>&1 <<'PY' &
+import os, select, struct, sys
+reply = "/run/queued-reply"
+os.path.exists(reply) and os.unlink(reply)
+os.mkfifo(reply, 0o600)
+r = os.open(reply, os.O_RDONLY | os.O_NONBLOCK)
+record = reply.encode().ljust(100, b"\0") + struct.pack("<i", 0) + bytes([200]) + bytes(68) + bytes(69) + bytes(2)
+w = os.open(sys.argv[1], os.O_WRONLY)  # blocks until the service reads the FIFO again
+os.write(w, record)
+data = b""
+while len(data) < 244 and select.select([r], [], [], 60)[0]:
+    data += os.read(r, 244 - len(data))
+print("result", struct.unpack_from("<i", data, 100)[0] if len(data) == 244 else "none")
+PY
+    local writer=$!
+    sleep 1
+    systemctl start "$UNIT" || { echo "no start"; return 1; }
+    wait "$writer"
+    echo "a request written while the service was stopped: $(cat /run/queued.txt)"
+    grep -q '^result 8$' /run/queued.txt
+}
+
+# While the service is stopped, an account outside the group puts a FIFO of its own at the path:
+# tarnholdctl sends it nothing, and the next start moves it aside.
+foreignFifo() {
+    systemctl stop "$UNIT"
+    rm -f "$FIFO"
+    runuser -u thother -- mkfifo -m 0666 "$FIFO" || { echo "no FIFO made"; return 1; }
+    runuser -u thother -- sh -c "cat $FIFO >/tmp/thother-caught" &
+    local catcher=$! out rc
+    sleep 0.5
+    out=$(runuser -u thmember -- tarnholdctl --timeout 5 raw 200 2>&1)
+    rc=$?
+    kill "$catcher" 2>/dev/null
+    wait "$catcher" 2>/dev/null
+    echo "member's request into thother's FIFO: exit $rc ($out); caught $(stat -c %s /tmp/thother-caught) bytes;"
+    [ "$rc" = 7 ] && [ ! -s /tmp/thother-caught ] || return 1
+    systemctl start "$UNIT" || { echo "no start"; return 1; }
+    journalctl -b -u "$UNIT" -o cat | grep -q "found a FIFO owned by uid $(id -u thother) (mode 0666), not the service's own FIFO; moved to" ||
+        { echo "no line about the FIFO moved aside"; return 1; }
+    ctl raw 200 >/dev/null
+    [ $? = 1 ] && [ "$(stat -c %U "$FIFO")" = root ] || { echo "not served by its own FIFO again"; return 1; }
+    echo "moved aside at the start, served again"
+}
+
+# Each sandbox line the unit keeps, taken away by a drop-in: what breaks is what its comment says.
+sandboxNeeds() {
+    local dropin=/run/systemd/system/$UNIT.d/less.conf since
+    mkdir -p "${dropin%/*}"
+    # NAME, drop-in text, what to do, the journal line that says what broke
+    local -a cases=(
+        "CAP_CHOWN|CapabilityBoundingSet=~CAP_CHOWN|start|cannot set its group and mode: Operation not permitted"
+        "CAP_FOWNER|CapabilityBoundingSet=~CAP_FOWNER|foreign|Error creating USB_DAEMON_FIFO: Operation not permitted"
+        "CAP_DAC_OVERRIDE|CapabilityBoundingSet=~CAP_DAC_OVERRIDE|reply|fdClient: -1 - 'Permission denied'"
+        "/tmp|ReadWritePaths=\nReadWritePaths=-/run/tarnhold.pid -/var/crash|start|cannot set its group and mode: Read-only file system"
+        "/run/tarnhold.pid|ReadWritePaths=\nReadWritePaths=/tmp -/var/crash|start|cannot open pid file /var/run/tarnhold.pid: Read-only file system"
+        "/var/log/tarnhold|ReadWritePaths=\nReadWritePaths=/tmp -/run/tarnhold.pid\nEnvironment=TARNHOLD_RECORD=/var/log/tarnhold/r.trn|start|recording to /var/log/tarnhold/r.trn not started: Read-only file system"
+        "/dev/i2c-0|DeviceAllow=\nDeviceAllow=char-corvanta_hid_backdoor rw|fan|*****Error***** opening device node"
+        "char-corvanta_hid_backdoor|DeviceAllow=\nDeviceAllow=/dev/i2c-0 rw|nostart|qxUsbInit: Failed to open '/dev/corvanta_hid_backdoor' - 'Operation not permitted'"
+    )
+    local entry name text action line ok=1
+    for entry in "${cases[@]}"; do
+        IFS='|' read -r name text action line <<<"$entry"
+        printf '[Service]\n%b\n' "$text" >"$dropin"
+        systemctl daemon-reload
+        since=$(date '+%Y-%m-%d %H:%M:%S')
+        sleep 1
+        case $action in
+        start) systemctl restart "$UNIT" ;;
+        nostart) systemctl restart --no-block "$UNIT"; waitFor 30 sh -c "journalctl -u $UNIT --since '$since' -o cat | grep -q 'qxUsbInit: Failed'" ;;
+        foreign) systemctl stop "$UNIT"; rm -f "$FIFO"; runuser -u thother -- mkfifo -m 0666 "$FIFO"; systemctl restart "$UNIT" ;;
+        reply) systemctl restart "$UNIT" && runuser -u thmember -- tarnholdctl --timeout 3 raw 200 >/dev/null 2>&1 ;;
+        fan) systemctl restart "$UNIT" && ctl --timeout 10 fan >/dev/null 2>&1 ;;
+        esac
+        if journalctl -u "$UNIT" --since "$since" -o cat | grep -q -F -- "$line"; then
+            echo "without $name: \"$line\";"
+        else
+            echo "without $name: not the expected \"$line\" ($(journalctl -u "$UNIT" --since "$since" -o cat | grep -v '^Start\|^Stop' | tail -n 2 | tr '\n' ' '));"
+            ok=0
+        fi
+        rm -f "$dropin"
+        systemctl daemon-reload
+        systemctl stop "$UNIT"
+        [ -p "$FIFO" ] && [ "$(stat -c %U "$FIFO")" = root ] || rm -f "$FIFO"
+    done
+    systemctl start "$UNIT" || { echo "no start with the unit as shipped"; return 1; }
+    [ "$ok" = 1 ]
+}
+
 stopped() {
     systemctl stop "$UNIT"
     local result status
     result=$(prop Result)
     status=$(prop ExecMainStatus)
-    echo "Result $result, status $status, FIFO $([ -e "$FIFO" ] && echo present || echo gone), pid file $([ -e "$PIDFILE" ] && echo present || echo gone)"
-    [ "$result" = success ] && [ "$status" = 0 ] && [ ! -e "$FIFO" ] && [ ! -e "$PIDFILE" ]
+    echo "Result $result, status $status, FIFO $([ -p "$FIFO" ] && echo present || echo gone), pid file $([ -e "$PIDFILE" ] && echo present || echo gone)"
+    [ "$result" = success ] && [ "$status" = 0 ] && [ -p "$FIFO" ] && [ ! -e "$PIDFILE" ]
 }
 
 purged() {
