@@ -618,6 +618,11 @@ TEST_F(daemonProcessTest, repliesGoOnlyIntoAClientsFifoAndEachRefusalIsOneLineWi
     ASSERT_EQ(symlink("/tmp/root-fifo", "/tmp/link"), 0);
     ASSERT_EQ(symlink("/tmp/root-fifo", "/tmp/evil\nmain:1: forged"), 0);
     const std::string viaProc = "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(root.get());
+    // A link on the way is followed only where only root could have placed it (as /var/run -> /run).
+    ASSERT_TRUE(fs::create_directories("/tmp/rooted/open") && fs::create_directory("/tmp/fifos"));
+    fs::permissions("/tmp/rooted/open", fs::perms::all);
+    ASSERT_EQ(symlink("/tmp/fifos", "/tmp/rooted/via") | symlink("/tmp/fifos", "/tmp/rooted/open/via"), 0);
+    uniqueFd behindRootsLink = reader("/tmp/fifos/fifo", 0, 0);
     uniqueFd requests(open(USB_DAEMON_FIFO, O_WRONLY | O_NONBLOCK));
     auto send = [&](const std::string &path, uint8_t code = 200) {
         usbDaemonRequest r = daemonHarnessRecord(code);
@@ -629,7 +634,8 @@ TEST_F(daemonProcessTest, repliesGoOnlyIntoAClientsFifoAndEachRefusalIsOneLineWi
     };
     // The request FIFO itself would hand the reply back as the next request, round and round.
     for (const std::string &path : strings{USB_DAEMON_FIFO, "/tmp/link", viaProc, "/tmp/outsider-fifo",
-                                   "/tmp/evil\nmain:1: forged", "/tmp/member-fifo"}) {
+                                   "/tmp/evil\nmain:1: forged", "/tmp/member-fifo", "/tmp/rooted/via/fifo",
+                                   "/tmp/rooted/open/via/fifo", "/dev/null"}) {
         send(path);
     }
     send("/tmp/root-fifo", QX_HID_CMD_FPGA_UPGRADE);
@@ -639,10 +645,13 @@ TEST_F(daemonProcessTest, repliesGoOnlyIntoAClientsFifoAndEachRefusalIsOneLineWi
                        "no reply to '/tmp/link': a symbolic link in the path",
                        "no reply to '" + viaProc + "': a path under /proc",
                        "no reply to '/tmp/outsider-fifo': a FIFO of uid 65534, who is not in group adm",
-                       "no reply to '/tmp/evil\\nmain:1: forged': a symbolic link in the path"}));
+                       "no reply to '/tmp/evil\\nmain:1: forged': a symbolic link in the path",
+                       "no reply to '/tmp/rooted/open/via/fifo': a symbolic link in the path",
+                       "fdClient: -1 - 'not a FIFO'"}));
     EXPECT_THAT(daemon.logTexts("fpgaUpgrade"),
                 Contains("QX_TRACE_FILE-fpgaUpgradeFileInit:: fileName: /tmp/evil\\nmain:2: forged"));
     EXPECT_EQ(pending(member.get()), int(sizeof(usbDaemonRequest)));
+    EXPECT_EQ(pending(behindRootsLink.get()), int(sizeof(usbDaemonRequest)));
     EXPECT_EQ(pending(outsider.get()), 0);
     EXPECT_EQ(pending(root.get()), int(sizeof(usbDaemonRequest))) << "only the FPGA request's own reply";
     // Nothing of the forged texts began a line of its own.
