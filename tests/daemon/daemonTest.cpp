@@ -388,6 +388,17 @@ TEST_F(mainLoopOnSim, absencesAreServedAgainByTheSecondRequestAfterTheReturnAndH
     // The re-open after ENODEV, then one try in each second.
     EXPECT_EQ(std::ranges::count(simKinds(), simEventKind::OPEN_FAILED), 11);
     EXPECT_EQ(polls(2), (std::vector<int32_t>{0, 0}));
+    // Host-held requests alone never try the closed link, however long it stays closed (codes without a handler
+    // among them).
+    simDropOffBus(10'000'000);
+    EXPECT_EQ(poll(QX_HID_CMD_GET_ALL_DRV_STATUS), -1);
+    forget();
+    for (int round = 0; round < 40; ++round) { // 2.4 s
+        for (uint8_t code : {0, 8, 15, 22, 23, 30, 31, 32, 57, 58, 64, 255}) {
+            poll(code);
+        }
+    }
+    EXPECT_EQ(std::ranges::count(simKinds(), simEventKind::OPEN_FAILED), 0);
 }
 
 // The kinds of a recording's records, in order; the file must read to its end.
