@@ -806,6 +806,15 @@ TEST_F(daemonProcessTest, tarnholdctlExitStatusAndStatusLinesSayWhatHappened)
     EXPECT_EQ(ctl({"status"}), 1);
     EXPECT_THAT(out, HasSubstr("fifo:       FAILED: /tmp/qx-usb-daemon-fifo: FIFO, owner root:root, mode 0600 "
                                "(FIFO, owner root:root, mode 0666 expected)\n"));
+    // So is one of another account (which no request goes into: 3, no answer), or of another group.
+    ASSERT_EQ(chmod(USB_DAEMON_FIFO, 0666), 0);
+    for (const auto &[uid, gid, owner, status] :
+         {std::tuple{65534u, 0u, "nobody:root", 3}, {0u, 65534u, "root:nogroup", 1}}) {
+        ASSERT_EQ(chown(USB_DAEMON_FIFO, uid, gid), 0);
+        EXPECT_EQ(ctl({"status"}), status) << out;
+        EXPECT_THAT(out, HasSubstr(std::string("fifo:       FAILED: /tmp/qx-usb-daemon-fifo: FIFO, owner ") + owner +
+                                   ", mode 0666 (FIFO, owner root:root, mode 0666 expected)\n"));
+    }
     EXPECT_EQ(ctl({"--json", "status"}), 1);
     EXPECT_THAT(out, MatchesRegex("\\{\"ok\":false,\"checks\":\\{\"daemon\":\\{\"state\":\"OK\",.*"
                                   "\"fifo\":\\{\"state\":\"FAILED\",.*"
