@@ -401,8 +401,8 @@ TEST_F(mainLoopOnSim, absencesAreServedAgainByTheSecondRequestAfterTheReturnAndH
     EXPECT_EQ(std::ranges::count(simKinds(), simEventKind::OPEN_FAILED), 0);
 }
 
-// The kinds of a recording's records, in order; the file must read to its end.
-std::vector<recordKind> recordedKinds(const std::string &path)
+// The kinds of a recording's records, in order, and its last gap's counts; the file must read to its end.
+std::vector<recordKind> recordedKinds(const std::string &path, recordGap *gap = nullptr)
 {
     const std::string bytes = daemonHarnessReadFile(path);
     const std::span<const uint8_t> file(reinterpret_cast<const uint8_t *>(bytes.data()), bytes.size());
@@ -417,6 +417,9 @@ std::vector<recordKind> recordedKinds(const std::string &path)
     }
     while (recordReadNext(file, offset, index, view, error) == 1) {
         kinds.push_back(recordKind(view.head.kind));
+        if (gap != nullptr && kinds.back() == recordKind::GAP) {
+            memcpy(gap, view.fixed, sizeof *gap);
+        }
     }
     EXPECT_EQ(offset, file.size()) << error.message;
     return kinds;
@@ -481,6 +484,64 @@ TEST_F(mainLoopOnSim, aCrashSignalWritesTheRecordsStillBufferedBeforeItsOwn)
     EXPECT_EXIT(crash(), ::testing::ExitedWithCode(7), "");
     EXPECT_EQ(recordedKinds(rec), (std::vector<recordKind>{recordKind::START, recordKind::IOCTL, recordKind::IOCTL,
                                               recordKind::IOCTL, recordKind::EXIT}));
+}
+
+// The recording file: a link placed at its path, or at the name a cut writes the new file under, is not followed,
+// nor is another account's file there written; past its limit the file keeps the start-up part and the newest
+// part, and the gap between them counts exactly the exchanges and bytes it left out.
+TEST_F(mainLoopOnSim, theRecordingFileTakesNoLinkNorAnotherAccountsFileAndItsGapCountsOnlyWhatWasLeftOut)
+{
+    const std::string rec = dir_ + "/run.rec", victim = dir_ + "/victim", path = "/nonexistent/recorded";
+    constexpr int LOOKS = 20000; // 1 MB: more than one cut
+    const auto look = [&](int count) {
+        for (int i = 0; i < count; ++i) {
+            platformSys.access(path.c_str(), F_OK);
+        }
+    };
+    std::array<char *, 2> argv = {const_cast<char *>("tarnhold"), nullptr};
+    const auto start = [&] {
+        setenv("TARNHOLD_RECORD", rec.c_str(), 1);
+        setenv("TARNHOLD_RECORD_LIMIT", "256K", 1);
+        sysRecordStart(1, argv.data(), requestRead_.get());
+        unsetenv("TARNHOLD_RECORD");
+        unsetenv("TARNHOLD_RECORD_LIMIT");
+    };
+    // A link to a file of the service's account at either name, and another account's file at the path.
+    std::ofstream(victim) << "kept";
+    for (const auto &[at, link] : {std::pair{rec, true}, {rec + ".tmp", true}, {rec, false}}) {
+        if (link) {
+            ASSERT_EQ(symlink(victim.c_str(), at.c_str()), 0);
+        } else {
+            std::ofstream(at) << "kept";
+            ASSERT_EQ(chown(at.c_str(), 65534, 65534), 0);
+        }
+        start();
+        look(LOOKS);
+        sysRecordStop();
+        EXPECT_EQ(daemonHarnessReadFile(link ? victim : at).substr(0, 16), "kept") << at;
+        fs::remove(at);
+    }
+
+    start();
+    ASSERT_TRUE(sysRecordOn());
+    look(10);
+    send(dir_ + "/reply"); // the first request read ends the start-up part
+    usbDaemonRequest r;
+    ASSERT_EQ(platformSys.read(requestRead_.get(), &r, sizeof r), ssize_t(sizeof r));
+    look(LOOKS);
+    sysRecordStop();
+
+    // Left out: the request's read, which opens the loop's part, and the older looks.
+    recordGap gap = {};
+    const std::vector<recordKind> kinds = recordedKinds(rec, &gap);
+    ASSERT_GT(kinds.size(), 12u);
+    EXPECT_EQ(std::vector(kinds.begin(), kinds.begin() + 12),
+              repeat<recordKind>({recordKind::START}, {recordKind::ACCESS}, 10, {recordKind::GAP}));
+    const auto newest = uint64_t(std::count(kinds.begin() + 12, kinds.end(), recordKind::ACCESS));
+    EXPECT_EQ(newest, kinds.size() - 12);
+    EXPECT_EQ(gap.records, 1 + LOOKS - newest);
+    EXPECT_EQ(gap.bytes, sizeof(recordHead) + sizeof(recordTransfer) + sizeof r +
+                             (LOOKS - newest) * (sizeof(recordHead) + sizeof(recordAccess) + path.size()));
 }
 
 class daemonProcessTest : public ::testing::Test {
