@@ -229,7 +229,8 @@ void __recCut()
     head.kind = static_cast<uint8_t>(recordKind::GAP);
     head.size = sizeof head + sizeof(recordGap);
     head.timeUs = __recNowUs();
-    const recordGap gap = {cut.records - rec.headRecords, cut.emitted - rec.headEnd};
+    // `emitted` counts records only; the start-up part's end is a file offset, past the file's header.
+    const recordGap gap = {cut.records - rec.headRecords, cut.emitted - (rec.headEnd - sizeof(recordFileHeader))};
     std::array<uint8_t, sizeof head + sizeof gap> gapBytes;
     std::memcpy(gapBytes.data(), &head, sizeof head);
     std::memcpy(gapBytes.data() + sizeof head, &gap, sizeof gap);

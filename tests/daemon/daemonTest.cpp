@@ -388,10 +388,21 @@ TEST_F(mainLoopOnSim, absencesAreServedAgainByTheSecondRequestAfterTheReturnAndH
     // The re-open after ENODEV, then one try in each second.
     EXPECT_EQ(std::ranges::count(simKinds(), simEventKind::OPEN_FAILED), 11);
     EXPECT_EQ(polls(2), (std::vector<int32_t>{0, 0}));
+    // Host-held requests alone never try the closed link, however long it stays closed (codes without a handler
+    // among them).
+    simDropOffBus(10'000'000);
+    EXPECT_EQ(poll(QX_HID_CMD_GET_ALL_DRV_STATUS), -1);
+    forget();
+    for (int round = 0; round < 40; ++round) { // 2.4 s
+        for (uint8_t code : {0, 8, 15, 22, 23, 30, 31, 32, 57, 58, 64, 255}) {
+            poll(code);
+        }
+    }
+    EXPECT_EQ(std::ranges::count(simKinds(), simEventKind::OPEN_FAILED), 0);
 }
 
-// The kinds of a recording's records, in order; the file must read to its end.
-std::vector<recordKind> recordedKinds(const std::string &path)
+// The kinds of a recording's records, in order, and its last gap's counts; the file must read to its end.
+std::vector<recordKind> recordedKinds(const std::string &path, recordGap *gap = nullptr)
 {
     const std::string bytes = daemonHarnessReadFile(path);
     const std::span<const uint8_t> file(reinterpret_cast<const uint8_t *>(bytes.data()), bytes.size());
@@ -406,6 +417,9 @@ std::vector<recordKind> recordedKinds(const std::string &path)
     }
     while (recordReadNext(file, offset, index, view, error) == 1) {
         kinds.push_back(recordKind(view.head.kind));
+        if (gap != nullptr && kinds.back() == recordKind::GAP) {
+            memcpy(gap, view.fixed, sizeof *gap);
+        }
     }
     EXPECT_EQ(offset, file.size()) << error.message;
     return kinds;
@@ -470,6 +484,64 @@ TEST_F(mainLoopOnSim, aCrashSignalWritesTheRecordsStillBufferedBeforeItsOwn)
     EXPECT_EXIT(crash(), ::testing::ExitedWithCode(7), "");
     EXPECT_EQ(recordedKinds(rec), (std::vector<recordKind>{recordKind::START, recordKind::IOCTL, recordKind::IOCTL,
                                               recordKind::IOCTL, recordKind::EXIT}));
+}
+
+// The recording file: a link placed at its path, or at the name a cut writes the new file under, is not followed,
+// nor is another account's file there written; past its limit the file keeps the start-up part and the newest
+// part, and the gap between them counts exactly the exchanges and bytes it left out.
+TEST_F(mainLoopOnSim, theRecordingFileTakesNoLinkNorAnotherAccountsFileAndItsGapCountsOnlyWhatWasLeftOut)
+{
+    const std::string rec = dir_ + "/run.rec", victim = dir_ + "/victim", path = "/nonexistent/recorded";
+    constexpr int LOOKS = 20000; // 1 MB: more than one cut
+    const auto look = [&](int count) {
+        for (int i = 0; i < count; ++i) {
+            platformSys.access(path.c_str(), F_OK);
+        }
+    };
+    std::array<char *, 2> argv = {const_cast<char *>("tarnhold"), nullptr};
+    const auto start = [&] {
+        setenv("TARNHOLD_RECORD", rec.c_str(), 1);
+        setenv("TARNHOLD_RECORD_LIMIT", "256K", 1);
+        sysRecordStart(1, argv.data(), requestRead_.get());
+        unsetenv("TARNHOLD_RECORD");
+        unsetenv("TARNHOLD_RECORD_LIMIT");
+    };
+    // A link to a file of the service's account at either name, and another account's file at the path.
+    std::ofstream(victim) << "kept";
+    for (const auto &[at, link] : {std::pair{rec, true}, {rec + ".tmp", true}, {rec, false}}) {
+        if (link) {
+            ASSERT_EQ(symlink(victim.c_str(), at.c_str()), 0);
+        } else {
+            std::ofstream(at) << "kept";
+            ASSERT_EQ(chown(at.c_str(), 65534, 65534), 0);
+        }
+        start();
+        look(LOOKS);
+        sysRecordStop();
+        EXPECT_EQ(daemonHarnessReadFile(link ? victim : at).substr(0, 16), "kept") << at;
+        fs::remove(at);
+    }
+
+    start();
+    ASSERT_TRUE(sysRecordOn());
+    look(10);
+    send(dir_ + "/reply"); // the first request read ends the start-up part
+    usbDaemonRequest r;
+    ASSERT_EQ(platformSys.read(requestRead_.get(), &r, sizeof r), ssize_t(sizeof r));
+    look(LOOKS);
+    sysRecordStop();
+
+    // Left out: the request's read, which opens the loop's part, and the older looks.
+    recordGap gap = {};
+    const std::vector<recordKind> kinds = recordedKinds(rec, &gap);
+    ASSERT_GT(kinds.size(), 12u);
+    EXPECT_EQ(std::vector(kinds.begin(), kinds.begin() + 12),
+              repeat<recordKind>({recordKind::START}, {recordKind::ACCESS}, 10, {recordKind::GAP}));
+    const auto newest = uint64_t(std::count(kinds.begin() + 12, kinds.end(), recordKind::ACCESS));
+    EXPECT_EQ(newest, kinds.size() - 12);
+    EXPECT_EQ(gap.records, 1 + LOOKS - newest);
+    EXPECT_EQ(gap.bytes, sizeof(recordHead) + sizeof(recordTransfer) + sizeof r +
+                             (LOOKS - newest) * (sizeof(recordHead) + sizeof(recordAccess) + path.size()));
 }
 
 class daemonProcessTest : public ::testing::Test {
@@ -804,6 +876,15 @@ TEST_F(daemonProcessTest, tarnholdctlExitStatusAndStatusLinesSayWhatHappened)
     EXPECT_EQ(ctl({"status"}), 1);
     EXPECT_THAT(out, HasSubstr("fifo:       FAILED: /tmp/qx-usb-daemon-fifo: FIFO, owner root:root, mode 0600 "
                                "(FIFO, owner root:root, mode 0666 expected)\n"));
+    // So is one of another account (which no request goes into: 3, no answer), or of another group.
+    ASSERT_EQ(chmod(USB_DAEMON_FIFO, 0666), 0);
+    for (const auto &[uid, gid, owner, status] :
+         {std::tuple{65534u, 0u, "nobody:root", 3}, {0u, 65534u, "root:nogroup", 1}}) {
+        ASSERT_EQ(chown(USB_DAEMON_FIFO, uid, gid), 0);
+        EXPECT_EQ(ctl({"status"}), status) << out;
+        EXPECT_THAT(out, HasSubstr(std::string("fifo:       FAILED: /tmp/qx-usb-daemon-fifo: FIFO, owner ") + owner +
+                                   ", mode 0666 (FIFO, owner root:root, mode 0666 expected)\n"));
+    }
     EXPECT_EQ(ctl({"--json", "status"}), 1);
     EXPECT_THAT(out, MatchesRegex("\\{\"ok\":false,\"checks\":\\{\"daemon\":\\{\"state\":\"OK\",.*"
                                   "\"fifo\":\\{\"state\":\"FAILED\",.*"

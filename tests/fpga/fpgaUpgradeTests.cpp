@@ -44,6 +44,7 @@ TEST_F(fpgaUpgradeTest, fileSizeBoundsAndUpgradeSizeWalk)
         SCOPED_TRACE(size);
         std::vector<uint8_t> bytes = bytesOf(size);
         std::fill_n(bytes.begin() + 1024 * std::max(blankBlock, 0), blankBlock >= 0 ? 1024 : 0, 0xFF);
+        EXPECT_EQ(upgradeFrom(QX_HID_CMD_FPGA_UPGRADE, "/nonexistent/f.bin"), -1); // hands the buffer back
         EXPECT_EQ(fpgaUpgradeFileInit(write(bytes).c_str()), upgradeSize != 0 ? 0 : -1);
         if (upgradeSize == 0) {
             EXPECT_EQ(log.textsFrom("fpgaUpgrade").back(), "QX_TRACE_FILE-error wrong file size: "
@@ -52,8 +53,9 @@ TEST_F(fpgaUpgradeTest, fileSizeBoundsAndUpgradeSizeWalk)
             const fpgaUpgradeView v = fpgaUpgradeGetView();
             EXPECT_EQ(v.upgradeSize, upgradeSize);
             // 0xFF as far as the walk and the driver read, the 1 KiB-rounded size; not to the buffer's end.
-            EXPECT_TRUE(std::all_of(v.data + size, v.data + (size + 1023) / 1024 * 1024,
-                                    [](uint8_t b) { return b == 0xFF; }));
+            const size_t rounded = (size + 1023) / 1024 * 1024;
+            EXPECT_TRUE(std::all_of(v.data + size, v.data + rounded, [](uint8_t b) { return b == 0xFF; }));
+            EXPECT_EQ(residentPages(v.data + rounded, FPGA_DATA_SIZE - rounded), 0u);
         }
     }
     EXPECT_EQ(fpgaUpgradeFileInit("/nonexistent/f.bin"), -1);

@@ -33,8 +33,10 @@ TEST_F(qxUsbLinkTest, busyDriverGetsThreeAttempts100msApartWithoutCounting)
         EXPECT_EQ(qxUsbGetState().errCnt, 0u);
     }
 
-    // Three busy answers: -1 with the send's text for both, errCnt unchanged. The
-    // read hands back nothing, even when a signal cut its retry sleeps short.
+    // Three busy answers: -1 with the send's text for both, errCnt unchanged (a counted failure stays
+    // counted). The read hands back nothing, even when a signal cut its retry sleeps short.
+    simFailIoctl(PIC_HID_SEND_REPORT, EIO, 1);
+    EXPECT_EQ(qxUsbCmd(r.data()), -1);
     simFailIoctl(PIC_HID_SEND_REPORT, EAGAIN, 3);
     simFailIoctl(PIC_HID_GET_REPORT, EAGAIN, 3);
     simOps = platformSys;
@@ -46,7 +48,7 @@ TEST_F(qxUsbLinkTest, busyDriverGetsThreeAttempts100msApartWithoutCounting)
     EXPECT_EQ(qxUsbGetReport(in.data()), -1);
     EXPECT_THAT(simSleeps(), ElementsAre(100000u, 100000u, 100000u, 100000u));
     EXPECT_THAT(log.leveled(), ElementsAre("4 qxUsbCmd: ioctl failed max times", "4 qxUsbCmd: ioctl failed max times"));
-    EXPECT_EQ(qxUsbGetState().errCnt, 0u);
+    EXPECT_EQ(qxUsbGetState().errCnt, 1u);
     EXPECT_EQ(simKinds(), std::vector(6, simEventKind::IOCTL_FAILED)); // nothing reached the firmware
     EXPECT_TRUE(allAre(in, 0xA5));
 }

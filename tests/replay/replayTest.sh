@@ -51,9 +51,10 @@ if [ "$CASE" = stored ]; then
     echo "$out"
     grep -q "all $records exchanges matched" <<<"$out" || fail "$NAME: not all $records exchanges replayed"
     if [ "$NAME" = day ]; then
-        # It holds the firmware file's hash only: another file of that name is named and refused.
+        # It holds the firmware file's hash only: another file of that name and size (one character
+        # changed) is named and refused.
         mkdir "$WORK/other"
-        { cat "$KEPT/app.hex"; echo; } >"$WORK/other/app.hex"
+        sed '1s/DC$/DD/' "$KEPT/app.hex" >"$WORK/other/app.hex"
         out=$("$SIM" --replay "$WORK/$NAME.rec" --files "$WORK/other") && fail "$NAME replayed with another file"
         grep -q "the file $WORK/other/app.hex is not the one recorded" <<<"$out" || fail "$NAME: other file not named"
     fi
