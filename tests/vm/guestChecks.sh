@@ -366,14 +366,16 @@ foreignFifo() {
 sandboxNeeds() {
     local dropin=/run/systemd/system/$UNIT.d/less.conf since
     mkdir -p "${dropin%/*}"
+    id thother >/dev/null 2>&1 || useradd -r -M -s /usr/sbin/nologin thother
+    id thmember >/dev/null 2>&1 || useradd -r -M -s /usr/sbin/nologin -G tarnhold thmember
     # NAME, drop-in text, what to do, the journal line that says what broke
     local -a cases=(
-        "CAP_CHOWN|CapabilityBoundingSet=~CAP_CHOWN|start|cannot set its group and mode: Operation not permitted"
+        "CAP_CHOWN|CapabilityBoundingSet=~CAP_CHOWN|fresh|cannot set its group and mode: Operation not permitted"
         "CAP_FOWNER|CapabilityBoundingSet=~CAP_FOWNER|foreign|Error creating USB_DAEMON_FIFO: Operation not permitted"
         "CAP_DAC_OVERRIDE|CapabilityBoundingSet=~CAP_DAC_OVERRIDE|reply|fdClient: -1 - 'Permission denied'"
-        "/tmp|ReadWritePaths=\nReadWritePaths=-/run/tarnhold.pid -/var/crash|start|cannot set its group and mode: Read-only file system"
-        "/run/tarnhold.pid|ReadWritePaths=\nReadWritePaths=/tmp -/var/crash|start|cannot open pid file /var/run/tarnhold.pid: Read-only file system"
-        "/var/log/tarnhold|ReadWritePaths=\nReadWritePaths=/tmp -/run/tarnhold.pid\nEnvironment=TARNHOLD_RECORD=/var/log/tarnhold/r.trn|start|recording to /var/log/tarnhold/r.trn not started: Read-only file system"
+        "/tmp|ReadWritePaths=\nReadWritePaths=/run -/var/crash|start|cannot set its group and mode: Read-only file system"
+        "/run|ReadWritePaths=\nReadWritePaths=/tmp -/var/crash\nReadOnlyPaths=/run|start|cannot open pid file /var/run/tarnhold.pid: Read-only file system"
+        "/var/log/tarnhold|ReadWritePaths=\nReadWritePaths=/tmp /run\nEnvironment=TARNHOLD_RECORD=/var/log/tarnhold/r.trn|start|recording to /var/log/tarnhold/r.trn not started: Read-only file system"
         "/dev/i2c-0|DeviceAllow=\nDeviceAllow=char-corvanta_hid_backdoor rw|fan|*****Error***** opening device node"
         "char-corvanta_hid_backdoor|DeviceAllow=\nDeviceAllow=/dev/i2c-0 rw|nostart|qxUsbInit: Failed to open '/dev/corvanta_hid_backdoor' - 'Operation not permitted'"
     )
@@ -386,6 +388,7 @@ sandboxNeeds() {
         sleep 1
         case $action in
         start) systemctl restart "$UNIT" ;;
+        fresh) systemctl stop "$UNIT"; rm -f "$FIFO"; systemctl restart "$UNIT" ;;
         nostart) systemctl restart --no-block "$UNIT"; waitFor 30 sh -c "journalctl -u $UNIT --since '$since' -o cat | grep -q 'qxUsbInit: Failed'" ;;
         foreign) systemctl stop "$UNIT"; rm -f "$FIFO"; runuser -u thother -- mkfifo -m 0666 "$FIFO"; systemctl restart "$UNIT" ;;
         reply) systemctl restart "$UNIT" && runuser -u thmember -- tarnholdctl --timeout 3 raw 200 >/dev/null 2>&1 ;;
