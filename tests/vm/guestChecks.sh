@@ -371,7 +371,6 @@ sandboxNeeds() {
     # NAME, drop-in text, what to do, the journal line that says what broke
     local -a cases=(
         "CAP_CHOWN|CapabilityBoundingSet=~CAP_CHOWN|fresh|cannot set its group and mode: Operation not permitted"
-        "CAP_FOWNER|CapabilityBoundingSet=~CAP_FOWNER|foreign|Error creating USB_DAEMON_FIFO: Operation not permitted"
         "CAP_DAC_OVERRIDE|CapabilityBoundingSet=~CAP_DAC_OVERRIDE|reply|fdClient: -1 - 'Permission denied'"
         "/tmp|ReadWritePaths=\nReadWritePaths=/run -/var/crash|start|cannot set its group and mode: Read-only file system"
         "/run|ReadWritePaths=\nReadWritePaths=/tmp -/var/crash\nReadOnlyPaths=/run|start|cannot open pid file /var/run/tarnhold.pid: Read-only file system"
@@ -390,7 +389,6 @@ sandboxNeeds() {
         start) systemctl restart "$UNIT" ;;
         fresh) systemctl stop "$UNIT"; rm -f "$FIFO"; systemctl restart "$UNIT" ;;
         nostart) systemctl restart --no-block "$UNIT"; waitFor 30 sh -c "journalctl -u $UNIT --since '$since' -o cat | grep -q 'qxUsbInit: Failed'" ;;
-        foreign) systemctl stop "$UNIT"; rm -f "$FIFO"; runuser -u thother -- mkfifo -m 0666 "$FIFO"; systemctl restart "$UNIT" ;;
         reply) systemctl restart "$UNIT" && runuser -u thmember -- tarnholdctl --timeout 3 raw 200 >/dev/null 2>&1 ;;
         fan) systemctl restart "$UNIT" && ctl --timeout 10 fan >/dev/null 2>&1 ;;
         esac
