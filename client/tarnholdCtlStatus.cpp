@@ -14,9 +14,11 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <grp.h>
+#include <limits>
 #include <pwd.h>
 #include <string>
 #include <string_view>
@@ -62,8 +64,14 @@ std::string __statusReadFile(const std::string &path)
 // The daemon's pid, or 0 after the check has said what is wrong.
 pid_t __statusDaemon()
 {
-    std::string text = __statusReadFile(STATUS_PID_FILE);
-    pid_t pid = static_cast<pid_t>(atoi(text.c_str()));
+    const std::string text = __statusReadFile(STATUS_PID_FILE);
+    // A number and at most a newline: anything else (a number out of range, text after it) is no pid.
+    char *end = nullptr;
+    errno = 0;
+    const long number = strtol(text.c_str(), &end, 10);
+    const bool whole = errno == 0 && end != text.c_str() && (*end == '\0' || std::strcmp(end, "\n") == 0);
+    const bool inRange = number > 0 && number <= std::numeric_limits<pid_t>::max();
+    const pid_t pid = whole && inRange ? static_cast<pid_t>(number) : 0;
     if (pid <= 0) {
         __statusAdd("daemon", statusState::FAILED, std::string("no pid in ") + STATUS_PID_FILE);
         return 0;
@@ -93,7 +101,7 @@ void __statusSystemd()
         return;
     }
     std::string active, sub, text;
-    FILE *show = popen(STATUS_SYSTEMD_SHOW, "r");
+    FILE *show = popen(STATUS_SYSTEMD_SHOW, "r"); // NOLINT(cert-env33-c): a fixed systemctl command, no input in it
     if (show == nullptr) {
         __statusAdd("systemd", statusState::FAILED, std::string("systemctl: ") + strerror(errno));
         return;

@@ -45,9 +45,14 @@ void __ctlTraceHeader(const recordFileHeader &h, bool json)
 {
     const time_t seconds = static_cast<time_t>(h.startWallMs / 1000);
     tm utc = {};
-    gmtime_r(&seconds, &utc);
-    char start[64];
-    strftime(start, sizeof start, "%Y-%m-%d %H:%M:%S", &utc);
+    char date[64];
+    char start[96];
+    // Where no date could be made (strftime's text is then undefined), the number itself.
+    if (gmtime_r(&seconds, &utc) == nullptr || strftime(date, sizeof date, "%Y-%m-%d %H:%M:%S", &utc) == 0) {
+        snprintf(start, sizeof start, "%" PRIu64 " ms since 1970", h.startWallMs);
+    } else {
+        snprintf(start, sizeof start, "%s.%03u UTC", date, static_cast<unsigned>(h.startWallMs % 1000));
+    }
     const bool data = (h.flags & RECORD_FLAG_DATA) != 0;
     if (json) {
         printf("{\"format\":%u,\"build\":%s,\"startWallMs\":%" PRIu64 ",\"data\":%s}\n", h.version,
@@ -55,8 +60,7 @@ void __ctlTraceHeader(const recordFileHeader &h, bool json)
     } else {
         // The build text is the recording's own: a made-up file carries any bytes there.
         const std::string build = tracePrintable(std::string_view(h.build, strnlen(h.build, sizeof h.build)));
-        printf("recording format %u, %s, started %s.%03u UTC, %s\n", h.version, build.c_str(), start,
-               static_cast<unsigned>(h.startWallMs % 1000),
+        printf("recording format %u, %s, started %s, %s\n", h.version, build.c_str(), start,
                data ? "file and memory bytes kept" : "file and memory hashes only");
     }
 }

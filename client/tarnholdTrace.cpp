@@ -271,7 +271,8 @@ void __traceStart(traceOut &o, const traceState &, const recordView &v)
           "watchdogSliceUs", std::to_string(st.watchdogSliceUs));
     std::string words, json = "[";
     for (size_t at = 0; at < v.data.size();) {
-        const size_t end = std::find(v.data.begin() + at, v.data.end(), 0) - v.data.begin();
+        const auto rest = v.data.subspan(at);
+        const size_t end = at + static_cast<size_t>(std::find(rest.begin(), rest.end(), 0) - rest.begin());
         const std::string word = __traceText(v.data.subspan(at, end - at));
         words += " " + tracePrintable(word);
         json += (json.size() > 1 ? "," : "") + tarnholdCtlJsonString(word);
@@ -428,9 +429,11 @@ std::string __traceWallClock(uint64_t ms)
 {
     const time_t seconds = static_cast<time_t>(ms / 1000);
     tm utc = {};
-    gmtime_r(&seconds, &utc);
     char text[40];
-    strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &utc);
+    // Where no date could be made (strftime's text is then undefined), the number itself.
+    if (gmtime_r(&seconds, &utc) == nullptr || strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &utc) == 0) {
+        return __traceFormat("%" PRIu64 " ms since 1970", ms);
+    }
     return __traceFormat("%s.%03u UTC", text, static_cast<unsigned>(ms % 1000));
 }
 

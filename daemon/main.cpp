@@ -31,12 +31,12 @@
 void signal_exit_handler(int sig);
 void signal_pipe_handler(int sig);
 
-const mainHeartbeatOps MAIN_HEARTBEAT_NONE = {
+constexpr mainHeartbeatOps MAIN_HEARTBEAT_NONE = {
     .intervalSec = [] { return uint32_t{0}; },
     .beep = [] {},
 };
 
-const mainHeartbeatOps MAIN_HEARTBEAT_SCSI_CTRL = {
+constexpr mainHeartbeatOps MAIN_HEARTBEAT_SCSI_CTRL = {
     .intervalSec = [] { return static_cast<uint32_t>(scsiCtrlGetHeartBeepIntervalSec()); },
     .beep = [] { scsiCtrlHeartBeep(); },
 };

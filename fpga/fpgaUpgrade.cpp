@@ -111,7 +111,8 @@ void __fpgaReleaseData()
     const uintptr_t first = (begin + page - 1) & ~(page - 1);
     const uintptr_t last = (begin + sizeof fpgaImage.data) & ~(page - 1);
     if (last > first) {
-        madvise(reinterpret_cast<void *>(first), last - first, MADV_DONTNEED);
+        // The range as a pointer into the buffer itself, not one made from a number.
+        madvise(&fpgaImage.data[first - begin], last - first, MADV_DONTNEED);
     }
 }
 

@@ -57,7 +57,7 @@ struct {
 int32_t fileLoaded = 0;
 
 struct __qxFileCloser {
-    void operator()(FILE *file) const { fclose(file); }
+    void operator()(FILE *file) const { (void)fclose(file); } // read only: a failed close loses nothing
 };
 using __qxFileHandle = std::unique_ptr<FILE, __qxFileCloser>;
 
@@ -99,7 +99,7 @@ uint32_t __qxFileRecordSum(const char *line, int32_t count)
 {
     uint32_t sum = 0;
     for (int32_t i = 0; i < count + QX_FILE_SUM_HEADER_BYTES; ++i) {
-        sum += strToH(line + QX_FILE_POS_COUNT + 2 * i, 2) & 0xFF;
+        sum += strToH(line + QX_FILE_POS_COUNT + 2 * static_cast<size_t>(i), 2) & 0xFF;
     }
     return sum;
 }
@@ -123,7 +123,7 @@ __qxFileStep __qxFileTakeRecord(const char *line, int32_t lineLen, __qxFileParse
     }
     const uint32_t address = strToH(line + QX_FILE_POS_ADDRESS, 4);
     const uint32_t type = strToH(line + QX_FILE_POS_TYPE, 2);
-    const uint32_t checksum = strToH(line + QX_FILE_POS_DATA + 2 * count, 2);
+    const uint32_t checksum = strToH(line + QX_FILE_POS_DATA + 2 * static_cast<size_t>(count), 2);
 
     // An unreadable checksum (0xFFFFFFFF) never equals a byte.
     const uint32_t expected = (0u - __qxFileRecordSum(line, count)) & 0xFF;
@@ -207,7 +207,7 @@ int32_t qxFileAddData(uint32_t address, int32_t count, const char *hex, int32_t 
     for (int32_t i = 0; i < count; ++i) {
         // Pairs are taken in order, so a NUL stops the record before any
         // character behind it is read.
-        const uint32_t byte = strToH(hex + 2 * i, 2);
+        const uint32_t byte = strToH(hex + 2 * static_cast<size_t>(i), 2);
         if (byte == QX_FILE_NOT_HEX) {
             return QX_FILE_ERROR;
         }

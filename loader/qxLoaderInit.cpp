@@ -24,7 +24,12 @@ bool __qxLoaderProbeFirmwareRecord()
 {
     uint32_t len = 0;
     uint8_t digest[QX_STORED_NUM_MAX] = {};
-    return qxLoaderGetStoredHash(&len, digest) == 0 || qxLoaderGetStoredHash(&len, digest) == 0;
+    for (int round = 0; round < 2; ++round) {
+        if (qxLoaderGetStoredHash(&len, digest) == 0) {
+            return true;
+        }
+    }
+    return false;
 }
 
 // Slot 4 gets the image's length and digest, the digest's first 10 bytes

@@ -72,6 +72,7 @@ void daemonNotifyInitSlice(uint64_t sliceUs)
     m.sliceUs = sliceUs;
 }
 
+// NOLINTNEXTLINE(cert-dcl50-cpp): printf-like so that the compiler checks every format; a pack would not be
 void daemonNotifyStatus(const char *format, ...)
 {
     auto &m = daemonNotifyPrivateMembers;

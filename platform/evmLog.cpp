@@ -1,5 +1,6 @@
 #include "evmLog.h"
 
+#include <cerrno>
 #include <cinttypes>
 #include <cstdio>
 #include <csignal>
@@ -71,11 +72,22 @@ void __evmLogOneLine(char (&text)[EVM_LOG_LINE_MAX])
 bool __evmLogStderrIsJournal()
 {
     const char *stream = getenv("JOURNAL_STREAM");
-    uintmax_t dev = 0;
-    uintmax_t ino = 0;
+    if (stream == nullptr) {
+        return false;
+    }
+    // Two numbers in range and nothing else; the caller's errno is left as it was.
+    const int saved = errno;
+    errno = 0;
+    char *end = nullptr;
+    const uintmax_t dev = strtoumax(stream, &end, 10);
+    const bool devOk = errno == 0 && end != stream && *end == ':';
+    const char *inoText = devOk ? end + 1 : stream;
+    const uintmax_t ino = devOk ? strtoumax(inoText, &end, 10) : 0;
+    const bool inoOk = devOk && errno == 0 && end != inoText && *end == '\0';
     struct stat st = {};
-    return stream != nullptr && sscanf(stream, "%ju:%ju", &dev, &ino) == 2 && fstat(STDERR_FILENO, &st) == 0 &&
-           st.st_dev == dev && st.st_ino == ino;
+    const bool journal = inoOk && fstat(STDERR_FILENO, &st) == 0 && st.st_dev == dev && st.st_ino == ino;
+    errno = saved;
+    return journal;
 }
 
 // The exit signals that only ever come from outside (kill, a terminal, abort in another frame).

@@ -28,13 +28,13 @@ namespace {
 constexpr const char *SYS_RECORD_SOURCE = "sysRecord";
 constexpr uint64_t SYS_RECORD_DEFAULT_LIMIT = 64ull << 20;
 constexpr uint64_t SYS_RECORD_MIN_LIMIT = 256ull << 10;
-constexpr size_t SYS_RECORD_BUF_SIZE = 64 * 1024;
+constexpr size_t SYS_RECORD_BUF_SIZE = size_t{64} * 1024;
 constexpr size_t SYS_RECORD_FDS = 1024;
 constexpr size_t SYS_RECORD_PENDING_MAX = 64;
 constexpr size_t SYS_RECORD_CHECKPOINTS = 8;
 constexpr size_t SYS_RECORD_PATH_SIZE = 4096;
 // Files kept whole up to this size; a larger one only by its hash.
-constexpr int64_t SYS_RECORD_FILE_DATA_MAX = 256ll << 20;
+constexpr int64_t SYS_RECORD_FILE_DATA_MAX = 256LL << 20;
 constexpr const char *SYS_RECORD_BUILD = "tarnhold " TARNHOLD_VERSION;
 
 // Where the picdev block names memory the driver reads later: packets of the
@@ -342,6 +342,7 @@ bool __recHashMemory(uint64_t address, uint32_t len, uint8_t *hash)
         return false;
     }
     EVP_DigestInit_ex(rec.md, EVP_sha256(), nullptr);
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): the driver names memory by number; the service handed it over
     EVP_DigestUpdate(rec.md, reinterpret_cast<const void *>(static_cast<uintptr_t>(address)), len);
     unsigned int out = 0;
     EVP_DigestFinal_ex(rec.md, hash, &out);
@@ -386,6 +387,7 @@ void __recMem(int fd, uint32_t request, uint64_t address, uint32_t len)
     __recBegin(recordKind::MEM, sizeof(recordHead) + sizeof m + (bytes ? len : 0));
     __recPut(&m, sizeof m);
     if (bytes) {
+        // NOLINTNEXTLINE(performance-no-int-to-ptr): the driver names memory by number; read, it was found readable
         __recPut(reinterpret_cast<const void *>(static_cast<uintptr_t>(address)), len);
     }
     __recEnd();
@@ -831,13 +833,26 @@ constexpr platformSysOps SYS_RECORD_OPS = {
     .usbClose = __recUsbClose,
 };
 
+// Puts the seam back as it was and closes the file; nothing more is written.
+void __recUnlay()
+{
+    if (rec.on) {
+        platformSys = rec.under;
+    }
+    rec.on = false;
+    if (rec.fd >= 0) {
+        ::close(rec.fd);
+        rec.fd = -1;
+    }
+}
+
 void __recStopFile(const char *what, int err)
 {
     rec.used = 0;
     rec.committed = 0;
     evm_log(0, SYS_RECORD_SOURCE, __LINE__, "recording to %s stopped (%s: %s); serving goes on", rec.path, what,
             strerror(err));
-    sysRecordStop();
+    __recUnlay();
 }
 
 void __recLay(bool withData)
@@ -914,7 +929,10 @@ void sysRecordStart(int argc, char **argv, int requestFd)
     if (::lstat(rec.path, &st) == 0 && S_ISREG(st.st_mode) && st.st_uid == geteuid() && st.st_size > 0) {
         char previous[sizeof rec.path + 2];
         __recCopyText(previous, sizeof previous, rec.path, ".1");
-        ::rename(rec.path, previous);
+        if (::rename(rec.path, previous) != 0) {
+            evm_log(0, SYS_RECORD_SOURCE, __LINE__, "recording to %s: the one before is not kept as %s: %s",
+                    evmLogEscape(rec.path), evmLogEscape(previous), strerror(errno));
+        }
     }
     // Read as well: a cut copies the parts it keeps out of it. Never through a
     // link, and emptied only once it is known to be the service's own file:
@@ -1014,12 +1032,5 @@ void sysRecordExit(int sig)
 void sysRecordStop()
 {
     __recFlushCommitted();
-    if (rec.on) {
-        platformSys = rec.under;
-    }
-    rec.on = false;
-    if (rec.fd >= 0) {
-        ::close(rec.fd);
-        rec.fd = -1;
-    }
+    __recUnlay();
 }

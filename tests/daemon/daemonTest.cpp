@@ -484,6 +484,25 @@ TEST_F(mainLoopOnSim, aCrashSignalWritesTheRecordsStillBufferedBeforeItsOwn)
     EXPECT_EXIT(crash(), ::testing::ExitedWithCode(7), "");
     EXPECT_EQ(recordedKinds(rec), (std::vector<recordKind>{recordKind::START, recordKind::IOCTL, recordKind::IOCTL,
                                               recordKind::IOCTL, recordKind::EXIT}));
+
+    // The next start keeps that recording as FILE.1; where it cannot, the log says so before the file is reused.
+    auto start = [&] {
+        setenv("TARNHOLD_RECORD", rec.c_str(), 1);
+        std::array<char *, 2> argv = {const_cast<char *>("tarnhold"), nullptr};
+        sysRecordStart(1, argv.data(), requestRead_.get());
+        unsetenv("TARNHOLD_RECORD");
+        sysRecordStop();
+    };
+    const auto crashed = fs::file_size(rec);
+    const std::string notKept = "recording to " + rec + ": the one before is not kept as " + rec + ".1: Is a directory";
+    logCapture log;
+    start();
+    EXPECT_EQ(fs::file_size(rec + ".1"), crashed);
+    EXPECT_FALSE(log.contains(notKept));
+    fs::remove(rec + ".1");
+    fs::create_directories(rec + ".1/in");
+    start();
+    EXPECT_TRUE(log.contains(notKept)) << testing::PrintToString(log.texts());
 }
 
 // The recording file: a link placed at its path, or at the name a cut writes the new file under, is not followed,
@@ -835,6 +854,11 @@ TEST_F(daemonProcessTest, tarnholdctlExitStatusAndStatusLinesSayWhatHappened)
     EXPECT_THAT(out, MatchesRegex("daemon: +FAILED: no pid in /var/run/tarnhold.pid\n"
                                   "fifo: +FAILED: /tmp/qx-usb-daemon-fifo: No such file or directory\n"
                                   "round trip: FAILED: .*\n"));
+    // A pid file that is not exactly a number holds no pid, not the process its first digits name.
+    std::ofstream("/var/run/tarnhold.pid") << "1x\n";
+    EXPECT_EQ(ctl({"status"}), 3);
+    fs::remove("/var/run/tarnhold.pid");
+    EXPECT_THAT(out, MatchesRegex("daemon: +FAILED: no pid in /var/run/tarnhold.pid\n.*"));
     daemonHarness daemon;
     startServing(daemon);
     EXPECT_EQ(ctl({"raw", "200", "1", "0x02", "0XfF"}), 1);

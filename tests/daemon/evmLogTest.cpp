@@ -76,7 +76,8 @@ TEST(evmLogTest, whileALineGoesOutOnlySentExitSignalsWaitAndFaultsReachTheirHand
 }
 
 // Under systemd standard error is the journal's stream, which already gets the line from syslog: no copy there.
-// Any other standard error (a terminal, the tests' pipe, a stale variable inherited by a child) keeps it.
+// Any other standard error (a terminal, the tests' pipe, a stale variable inherited by a child) keeps it, and so
+// does a variable that is not exactly DEVICE:INODE.
 TEST(evmLogTest, theCopyOnStandardErrorIsLeftOutOnlyWhenStandardErrorIsTheJournalStream)
 {
     int fds[2];
@@ -89,7 +90,7 @@ TEST(evmLogTest, theCopyOnStandardErrorIsLeftOutOnlyWhenStandardErrorIsTheJourna
     const std::string other = std::to_string(st.st_dev) + ":" + std::to_string(st.st_ino + 1);
     evmLogSetSink(nullptr);
     std::string copied;
-    for (const std::string &stream : {self, other, std::string()}) {
+    for (const std::string &stream : {self, other, self + "x", std::string()}) {
         unsetenv("JOURNAL_STREAM");
         if (!stream.empty()) {
             setenv("JOURNAL_STREAM", stream.c_str(), 1);
@@ -103,7 +104,7 @@ TEST(evmLogTest, theCopyOnStandardErrorIsLeftOutOnlyWhenStandardErrorIsTheJourna
     dup2(saved.get(), STDERR_FILENO);
     const std::string pid = std::to_string(getpid());
     EXPECT_EQ(copied, "-\ntarnhold[" + pid + "] <6> main:1: journal " + other + "\ntarnhold[" + pid +
-                          "] <6> main:1: journal \n");
+                          "] <6> main:1: journal " + self + "x\ntarnhold[" + pid + "] <6> main:1: journal \n");
 }
 
 } // namespace
