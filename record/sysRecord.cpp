@@ -152,6 +152,9 @@ void __recFlushCommitted()
     const size_t n = rec.committed;
     rec.committed = 0;
     __recOut({rec.buf.data(), n});
+    if (!rec.on) {
+        return; // the write failed and stopped the recording, which emptied the buffer
+    }
     std::memmove(rec.buf.data(), rec.buf.data() + n, rec.used - n);
     rec.used -= n;
 }
