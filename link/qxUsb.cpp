@@ -294,7 +294,13 @@ void resetUsb()
                 continue; // another process may hold it; the module reload still follows
             }
             evm_log(6, QX_USB_LOG_SOURCE, __LINE__, "resetUsb: resetting PIC");
-            platformSys.usbReset(handle);
+            // libusb 0.1 passes the kernel's refusal on as a negative errno. A device file it could open
+            // only for reading is one (the unit's device rule without "w"): said, or the line above
+            // would claim a reset that never happened.
+            const int rc = platformSys.usbReset(handle);
+            if (rc < 0) {
+                evm_log(6, QX_USB_LOG_SOURCE, __LINE__, "resetUsb: reset failed - '%s'", std::strerror(-rc));
+            }
             platformSys.usbClose(handle);
         }
     }

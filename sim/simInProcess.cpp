@@ -31,6 +31,7 @@ struct {
 
     bool usbListed = true;
     bool usbOpenable = true;
+    int usbResetError = 0;
     struct usb_bus bus {};
     std::array<struct usb_device, 2> devices{};
     char usbHandle = 0; // its address is the fake usb_dev_handle
@@ -270,6 +271,9 @@ int __simInProcessUsbReset(usb_dev_handle *handle)
     if (handle != reinterpret_cast<usb_dev_handle *>(&inProcess.usbHandle)) {
         return -EINVAL;
     }
+    if (inProcess.usbResetError != 0) {
+        return -inProcess.usbResetError;
+    }
     simUsbReset();
     return 0;
 }
@@ -348,6 +352,7 @@ void simInProcessInstall()
     inProcess.handles.fill(-1);
     inProcess.usbListed = true;
     inProcess.usbOpenable = true;
+    inProcess.usbResetError = 0;
     __simInProcessBuildBus();
     simSetClock(__simInProcessNowUs);
     simReset();
@@ -395,6 +400,11 @@ void simSetUsbDevice(bool listed, bool openable)
 {
     inProcess.usbListed = listed;
     inProcess.usbOpenable = openable;
+}
+
+void simSetUsbResetError(int err)
+{
+    inProcess.usbResetError = err;
 }
 
 int simOpenNodeFds()

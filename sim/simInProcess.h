@@ -29,6 +29,9 @@ constexpr uint64_t SIM_WALL_CLOCK_START_MS = 1700000000000ull;
 // The microcontroller's USB device as libusb sees it: listed on the bus at
 // all, and whether opening it for the port reset succeeds. Both on by default.
 void simSetUsbDevice(bool listed, bool openable);
+// The kernel refuses the port reset with `err` (0: it resets), as it does with
+// EPERM on a device file that libusb could open only for reading.
+void simSetUsbResetError(int err);
 
 // How many descriptors of the device node are open right now.
 int simOpenNodeFds();

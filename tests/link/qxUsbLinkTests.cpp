@@ -120,6 +120,15 @@ TEST_F(qxUsbLinkTest, gotoResetsTheUsbDeviceBetweenUnloadAndLoadAndLeavesTheLink
     EXPECT_THAT(simSleeps(), ElementsAre(2000000u));
     EXPECT_THAT(simKinds(), ElementsAre(simEventKind::MODPROBE));
     EXPECT_THAT(log.texts(), IsEmpty());
+
+    // A reset the kernel refuses is said; the module is loaded all the same.
+    simSetUsbDevice(true, true);
+    simSetUsbResetError(EPERM);
+    forget();
+    resetUsb();
+    EXPECT_THAT(simKinds(), ElementsAre(simEventKind::MODPROBE));
+    EXPECT_THAT(log.leveled(),
+                ElementsAre("6 resetUsb: resetting PIC", "6 resetUsb: reset failed - 'Operation not permitted'"));
 }
 
 TEST_F(qxUsbLinkTest, rawRequestsAreTracedUnlessQuietAndIssuedOnceWithoutRecovery)

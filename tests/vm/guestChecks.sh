@@ -24,8 +24,10 @@ NODE=/dev/corvanta_hid_backdoor
 SIM_SOCKET=/run/tarnhold-sim.sock
 SIM_READY=/run/tarnhold-sim.ready
 UNIT=tarnhold.service
+# The microcontroller's USB identity on the dummy host controller (see usbGadget).
+GADGET=/sys/kernel/config/usb_gadget/tarnhold-pic
 
-CHECKS="setup installed startupUpgrade access renumberedNode homeUpgrades fans recordReplay journalOnce crashRestart watchdogRestart
+CHECKS="setup installed startupUpgrade access renumberedNode usbReset usbRenumbered homeUpgrades fans recordReplay journalOnce crashRestart watchdogRestart
  exposure restartQueued foreignFifo sandboxNeeds stopped purged"
 only=$(sed -n 's/.*tarnhold\.vmchecks=\([^ ]*\).*/\1/p' /proc/cmdline)
 [ "$only" = all ] || CHECKS=${only//,/ }
@@ -40,6 +42,8 @@ check() { # NAME: runs the function NAME and records its result
         echo "PASS $name $text" | tee -a "$out" >/dev/console
     else
         echo "FAIL $name $text" | tee -a "$out" >/dev/console
+        # What the service and the simulator said up to the failure, for a look afterwards.
+        journalctl -b -u "$UNIT" -u tarnhold-sim-cuse -o short-monotonic --no-pager >"$results/journal-$name.txt" 2>&1
     fi
 }
 
@@ -78,6 +82,50 @@ sys.exit(0 if text.endswith("ok\n") else 1)
 PY
 }
 
+# The sysfs folder of the USB device 04D8:003C, the microcontroller's numbers.
+picUsb() {
+    local d
+    for d in /sys/bus/usb/devices/*; do
+        [ "$(cat "$d/idVendor" 2>/dev/null)" = 04d8 ] && [ "$(cat "$d/idProduct" 2>/dev/null)" = 003c ] &&
+            { echo "$d"; return 0; }
+    done
+    return 1
+}
+picUsbGone() { ! picUsb >/dev/null; }
+# Its number on the bus, and "bus B device N" for the texts.
+picUsbNumber() { cat "$(picUsb)/devnum"; }
+picUsbName() { local d=$(picUsb) && echo "bus $(cat "$d/busnum") device $(cat "$d/devnum")"; }
+picUsbFile() { local d=$(picUsb) && printf '/dev/bus/usb/%03d/%03d' "$(cat "$d/busnum")" "$(cat "$d/devnum")"; }
+
+# A mark in the kernel log; kernelSince MARK prints the lines from it on.
+kmsgMark() { echo "tarnhold-vm: $1" >/dev/kmsg; }
+kernelSince() { dmesg | sed -n "/tarnhold-vm: $1\$/,\$p"; }
+
+# The microcontroller as the USB stack sees it: a HID gadget with its vendor
+# and product numbers (64-byte vendor-defined reports in and out) on the dummy
+# host controller, so that the link's port reset meets a real USB device and
+# the kernel's reset of it. Only its USB identity: the service still talks to
+# the simulator's node.
+usbGadget() {
+    local m
+    for m in dummy_hcd libcomposite usb_f_hid; do
+        modprobe "$m" || { echo "no $m module"; return 1; }
+    done
+    mountpoint -q /sys/kernel/config || mount -t configfs configfs /sys/kernel/config || return 1
+    mkdir -p "$GADGET/strings/0x409" "$GADGET/configs/c.1" "$GADGET/functions/hid.pic" || return 1
+    echo 0x04d8 >"$GADGET/idVendor"
+    echo 0x003c >"$GADGET/idProduct"
+    echo tarnhold-vm >"$GADGET/strings/0x409/manufacturer"
+    echo "microcontroller USB identity" >"$GADGET/strings/0x409/product"
+    echo 64 >"$GADGET/functions/hid.pic/report_length"
+    printf '\x06\x00\xff\x09\x01\xa1\x01\x15\x00\x26\xff\x00\x75\x08\x95\x40\x09\x01\x81\x02\x95\x40\x09\x01\x91\x02\xc0' \
+        >"$GADGET/functions/hid.pic/report_desc"
+    ln -s "$GADGET/functions/hid.pic" "$GADGET/configs/c.1/" || return 1
+    ls /sys/class/udc | head -n1 >"$GADGET/UDC" || { echo "no dummy UDC"; return 1; }
+    waitFor 10 picUsb || { echo "the gadget did not enumerate"; dmesg | tail -n 5; return 1; }
+    waitFor 10 test -c "$(picUsbFile)" || { echo "no device file for $(picUsbName)"; return 1; }
+}
+
 # The simulated appliance and its buses, before anything of tarnhold is installed.
 # The simulator runs from the build folder: installing its package costs a
 # minute of dpkg in the guest and proves nothing the checks need.
@@ -93,6 +141,7 @@ setup() {
     echo "$crashBefore" >/run/tarnhold-vm-crash-before
     cp "$work/briska-pic-client.hex" /usr/sbin/briska-pic-client.hex
     modprobe picdev || { echo "modprobe picdev failed"; return 1; }
+    usbGadget || return 1
     cat >/run/systemd/system/tarnhold-sim-cuse.service <<EOF
 [Unit]
 Description=simulated appliance on a CUSE device
@@ -107,7 +156,8 @@ EOF
     waitFor 30 test -s "$SIM_READY" -a -c "$NODE" ||
         { echo "no $NODE"; journalctl -b -u tarnhold-sim-cuse -n 5 --no-pager; return 1; }
     waitFor 10 test -S "$SIM_SOCKET" || { echo "no control socket"; return 1; }
-    echo "simulator serves $NODE as $(cat "$SIM_READY"), $(grep corvanta /proc/devices | head -n1), i2c-stub at 0x1b"
+    echo "simulator serves $NODE as $(cat "$SIM_READY"), $(grep corvanta /proc/devices | head -n1), i2c-stub at 0x1b,"
+    echo "USB device 04d8:003c on dummy_hcd as $(picUsbName)"
 }
 
 # dpkg -i starts the service and, the unit being Type=notify, returns only once
@@ -178,6 +228,72 @@ renumberedNode() {
         { echo "the service was restarted"; return 1; }
     ctl get-info >/dev/null || { echo "get-info fails after the reloads"; return 1; }
     echo "get-info served after the reloads"
+}
+
+# The kernel's lines from MARK on that name the reset of USB device number N.
+kernelReset() { # MARK N
+    kernelSince "$1" | grep -E "usb [0-9.-]+: reset [a-z-]+ USB device number $2 using dummy_hcd"
+}
+# What the service's process PID logged of its USB resets.
+resetLines() { journalctl -b _PID="$1" -o cat | grep -c 'resetUsb: resetting PIC'; }
+
+# The link's last resort on the real USB stack, under the unit's sandbox: a
+# client's go command (the application restarts), after which the link unloads
+# the driver, resets the microcontroller's USB device and loads the driver
+# again. The kernel resets that device, which answers the reset's enumeration
+# under its number, and the service serves on.
+usbReset() {
+    local num pid kernel rc resets
+    pid=$(prop MainPID)
+    resets=$(resetLines "$pid")
+    num=$(picUsbNumber) || { echo "no USB device 04d8:003c"; return 1; }
+    kmsgMark usbReset
+    ctl raw 10 >/dev/null # QX_HID_CMD_GOTO_APPLICATION
+    rc=$?
+    kernel=$(kernelReset usbReset "$num")
+    echo "raw 10 exit $rc; kernel: $kernel;"
+    journalctl -b _PID="$pid" -o cat | grep -q 'qxUsbCmd: reset USB device' || { echo "no reset after the go command"; return 1; }
+    [ "$(resetLines "$pid")" = $((resets + 1)) ] || { echo "the link found no USB device 04d8:003c to reset"; return 1; }
+    journalctl -b _PID="$pid" -o cat | grep 'resetUsb: reset failed' && return 1
+    [ -n "$kernel" ] || { echo "the kernel reset no USB device number $num"; kernelSince usbReset | tail -n 5; return 1; }
+    # The device answered the reset's enumeration: the same number, configured again.
+    [ "$(picUsbNumber)" = "$num" ] && [ "$(cat "$(picUsb)/bConfigurationValue")" = 1 ] ||
+        { echo "after the reset: $(picUsbName 2>&1), configuration $(cat "$(picUsb)/bConfigurationValue" 2>&1)"; return 1; }
+    echo "$(picUsbName) configured again;"
+    ctl raw 200 >/dev/null
+    [ $? = 1 ] && [ "$(prop StatusText)" = "Serving requests" ] && [ "$(prop MainPID)" = "$pid" ] ||
+        { echo "not serving: $(prop StatusText)"; return 1; }
+    echo "serving"
+}
+
+# A device that came back under another number (the gadget's controller
+# unbound and bound again) is found by the next reset of the same process,
+# whose library lists still hold the old number.
+usbRenumbered() {
+    local pid old new udc kernel rc resets
+    pid=$(prop MainPID)
+    resets=$(resetLines "$pid")
+    [ "$resets" -ge 1 ] || { echo "this process has not reset the USB device before"; return 1; }
+    old=$(picUsbNumber) || { echo "no USB device 04d8:003c"; return 1; }
+    udc=$(cat "$GADGET/UDC")
+    echo >"$GADGET/UDC"
+    waitFor 10 picUsbGone || { echo "the device stayed"; return 1; }
+    echo "$udc" >"$GADGET/UDC"
+    waitFor 10 picUsb && waitFor 10 test -c "$(picUsbFile)" || { echo "the device did not come back"; return 1; }
+    new=$(picUsbNumber)
+    echo "device number $old, then $new;"
+    [ "$new" != "$old" ] || return 1
+    kmsgMark usbRenumbered
+    ctl raw 10 >/dev/null # QX_HID_CMD_GOTO_APPLICATION
+    rc=$?
+    kernel=$(kernelReset usbRenumbered "$new")
+    echo "raw 10 exit $rc; kernel: $kernel;"
+    [ "$(prop MainPID)" = "$pid" ] || { echo "not the same process"; return 1; }
+    [ "$(resetLines "$pid")" = $((resets + 1)) ] || { echo "the link found no USB device 04d8:003c to reset"; return 1; }
+    [ -n "$kernel" ] || { echo "the kernel reset no USB device number $new"; kernelSince usbRenumbered | tail -n 5; return 1; }
+    ctl raw 200 >/dev/null
+    [ $? = 1 ] || { echo "not serving afterwards"; return 1; }
+    echo "serving"
 }
 
 homeUpgrades() {
@@ -377,6 +493,7 @@ sandboxNeeds() {
         "/var/log/tarnhold|ReadWritePaths=\nReadWritePaths=/tmp /run\nEnvironment=TARNHOLD_RECORD=/var/log/tarnhold/r.trn|start|recording to /var/log/tarnhold/r.trn not started: Read-only file system"
         "/dev/i2c-0|DeviceAllow=\nDeviceAllow=char-corvanta_hid_backdoor rw|fan|*****Error***** opening device node"
         "char-corvanta_hid_backdoor|DeviceAllow=\nDeviceAllow=/dev/i2c-0 rw|nostart|qxUsbInit: Failed to open '/dev/corvanta_hid_backdoor' - 'Operation not permitted'"
+        "write to char-usb_device|DeviceAllow=\nDeviceAllow=char-corvanta_hid_backdoor rw\nDeviceAllow=/dev/i2c-0 rw\nDeviceAllow=char-usb_device r|reset|resetUsb: reset failed - 'Operation not permitted'"
     )
     local entry name text action line ok=1
     for entry in "${cases[@]}"; do
@@ -391,6 +508,7 @@ sandboxNeeds() {
         nostart) systemctl restart --no-block "$UNIT"; waitFor 30 sh -c "journalctl -u $UNIT --since '$since' -o cat | grep -q 'qxUsbInit: Failed'" ;;
         reply) systemctl restart "$UNIT" && runuser -u thmember -- tarnholdctl --timeout 3 raw 200 >/dev/null 2>&1 ;;
         fan) systemctl restart "$UNIT" && ctl --timeout 10 fan >/dev/null 2>&1 ;;
+        reset) systemctl restart "$UNIT" && ctl raw 10 >/dev/null 2>&1 ;; # QX_HID_CMD_GOTO_APPLICATION
         esac
         if journalctl -u "$UNIT" --since "$since" -o cat | grep -q -F -- "$line"; then
             echo "without $name: \"$line\";"
@@ -442,7 +560,8 @@ for name in $CHECKS; do
     check "$name"
 done
 echo DONE >>"$out"
-# For a look afterwards (VM_KEEP=1): the service's and the simulator's journal.
+# For a look afterwards (VM_KEEP=1): the service's and the simulator's journal, the kernel log.
 journalctl -b -u "$UNIT" -u tarnhold-sim-cuse -o short-monotonic --no-pager >"$results/journal.txt" 2>&1
+dmesg >"$results/dmesg.txt" 2>&1
 sync
 exit 0

@@ -62,6 +62,12 @@ ko=$(bash "$src/sim/kmod/build-picdev.sh" "$work/kmod" "$kver" 2>"$work/kmod.log
     { cat "$work/kmod.log"; fail "picdev module does not build against linux-headers-$kver"; }
 [ "$ko" = "$work/kmod/picdev.ko" ] || fail "picdev module built as $ko"
 
+# The microcontroller's USB identity in the guest, a HID gadget on the dummy
+# host controller, needs these modules of the guest's kernel (modprobe there).
+for m in dummy_hcd libcomposite usb_f_hid; do
+    modinfo -k "$kver" -n "$m" >/dev/null 2>&1 || fail "module $m missing from linux-image-$kver"
+done
+
 # The application the appliance's firmware file holds: 512 bytes at the start
 # of the flash range. The simulated microcontroller starts with another one.
 srec_cat -generate 0x1D010000 0x1D010200 -repeat-string "tarnhold guest application " \
