@@ -55,6 +55,7 @@ struct flashWatch {
     int seen = 0;
     int sig = SIGTERM;
     bool (*whole)() = nullptr;
+    std::vector<bool> lockHeldAtSignal;
     int replyFd = -1;
     int requestFd = -1;
     int (*sim)(int, unsigned long, void *) = nullptr;
@@ -120,6 +121,7 @@ protected:
             const auto *report = static_cast<const uint8_t *>(arg);
             const uint32_t carried = report[0] == QX_HID_CMD_IO_CMD ? leGet32(&report[3]) : uint32_t(rq);
             if (carried == watch.request && watch.seen++ == watch.at) {
+                watch.lockHeldAtSignal.push_back(lockHeld());
                 raise(watch.sig);
             }
             return watch.sim(fd, rq, arg);
@@ -237,6 +239,7 @@ TEST_F(flashStopTest, aStopDuringAnFpgaOrCpldUpgradeWaitsForTheFlashAndItsReplyA
         EXPECT_STREQ(e.file.data(), i < 3 ? fpga.c_str() : jbc.c_str());
         EXPECT_GE(e.endSec, e.startSec + (i < 3 ? 57 : 26));
     }
+    EXPECT_EQ(watch.lockHeldAtSignal, std::vector<bool>(6, true)) << "the lock is held while the pages go out";
     EXPECT_EQ(watch.lockWhys.size(), 6u);
     EXPECT_THAT(watch.lockWhys[0], HasSubstr("Writing the FPGA from " + fpga + " (4096 pages)"));
     std::vector<flashEvent> kinds;
@@ -328,6 +331,23 @@ TEST_F(flashStopTest, historySaysInterruptedAfterAKillAndWhyAFailedFlashFailed)
     EXPECT_EQ(watch.events.back().first, flashEvent::FAILED);
     // A file refused before anything was touched is no flash.
     EXPECT_EQ(upgradeFrom(QX_HID_CMD_FPGA_UPGRADE, fpga + ".missing"), -1);
+    EXPECT_EQ(historyIn(dir_).rows.size(), 2u);
+}
+
+TEST_F(flashStopTest, withoutASystemBusEveryFlashGoesOnAndTheMissingLockIsSaidOnce)
+{
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + dir_ + "/no-bus").c_str(), 1);
+    const flashGuardOps noBus = {.event = WATCHED.event, .inhibit = FLASH_GUARD_SYSTEM.inhibit, .nowSec = WATCHED.nowSec};
+    flashGuardInit(noBus, dir_.c_str(), nullptr);
+    const std::string fpga = write(bytesOf(1 << 20));
+    EXPECT_EQ(upgradeFrom(QX_HID_CMD_FPGA_UPGRADE, fpga), 0);
+    flashGuardLeave(true);
+    EXPECT_EQ(upgradeFrom(QX_HID_CMD_CPLD_UPGRADE, std::string(TARNHOLD_TESTDATA) + "/jbc/PIXEL8x4.jbc"), 0);
+    flashGuardLeave(true);
+    unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
+    EXPECT_EQ(log.count("no inhibitor lock against shutdown and sleep (no system bus: No such file or directory); "
+                        "flashing without it"),
+              1u);
     EXPECT_EQ(historyIn(dir_).rows.size(), 2u);
 }
 
