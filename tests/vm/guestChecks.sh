@@ -503,6 +503,7 @@ purged() {
     done
     ls /var/crash/tarnhold-* >/dev/null 2>&1 && left="$left crash logs,"
     [ -e /var/log/tarnhold ] && left="$left /var/log/tarnhold,"
+    [ -e /var/lib/tarnhold ] && left="$left the flash history /var/lib/tarnhold,"
     [ "$(cat /run/tarnhold-vm-crash-before)" = 0 ] && [ -e /var/crash ] && left="$left /var/crash,"
     ls /var/lib/systemd/deb-systemd-helper-enabled/ 2>/dev/null | grep -q tarnhold && left="$left deb-systemd-helper state,"
     dpkg -s tarnhold >/dev/null 2>&1 && left="$left the package's dpkg record,"
