@@ -245,13 +245,13 @@ flashStop() {
     grep -q 'inhibited' <<<"$text" && { echo "reboot still inhibited after the flash: $text"; return 1; }
     echo "restart waited for the flash, FPGA equal to the file, lock released (reboot now: $text);"
 
-    # 4 MiB: dpkg reaches its restart well inside the flash.
-    head -c 4194304 /dev/urandom >/root/fpga-dpkg.bin
+    # 16 MiB: dpkg reaches its restart (about 110 s in) well inside the flash.
+    head -c 16777216 /dev/urandom >/root/fpga-dpkg.bin
     fpgaInBackground dpkg /root/fpga-dpkg.bin
     waitFor 60 tarnholdLock || { echo "no lock during the second upgrade"; return 1; }
     t0=$(uptimeS)
     dpkg -i "$work"/debs/tarnhold_*.deb >/run/dpkg-again.log 2>&1 || { tail -n 3 /run/dpkg-again.log; return 1; }
-    figure "dpkg -i of the same package during a 4 MiB FPGA upgrade: $(echo "$t0 $(uptimeS)" | awk '{printf "%.1f", $2 - $1}') s"
+    figure "dpkg -i of the same package during a 16 MiB FPGA upgrade: $(echo "$t0 $(uptimeS)" | awk '{printf "%.1f", $2 - $1}') s"
     fpgaWhole dpkg /root/fpga-dpkg.bin || return 1
     [ "$(deferrals)" = 2 ] || { echo "dpkg's restart came after the flash: nothing deferred"; return 1; }
     echo "dpkg -i waited for the flash too, FPGA equal to the file;"
