@@ -5,6 +5,7 @@
 
 #include "qxLoader.h"
 #include "tarnholdCtlFirmware.h"
+#include "tarnholdCtlHistory.h"
 #include "tarnholdCtlText.h"
 #include "tarnholdCtlUpgrade.h"
 #include "viaI2c.h"
@@ -48,6 +49,7 @@ struct {
     std::vector<statusCheck> checks;
     tarnholdClientParams params;
     bool denied = false; // the request FIFO refused us
+    std::string next;    // the one thing to do before anything else, or empty
 } tarnholdCtlStatusPrivateMembers;
 
 void __statusAdd(const char *name, statusState state, std::string text)
@@ -412,15 +414,34 @@ const char *__statusStateText(statusState state)
     return state == statusState::OK ? "OK" : state == statusState::UNAVAILABLE ? "not available" : "FAILED";
 }
 
+// An FPGA or CPLD flash that never finished (or failed) leaves that part
+// without a whole image: writing it again comes before anything else. Read
+// from the service's history, so it is said without the service too; said
+// only when there is one.
+void __statusFlash()
+{
+    const std::vector<std::string> unfinished = tarnholdCtlHistoryUnfinished();
+    for (const std::string &text : unfinished) {
+        __statusAdd("flash", statusState::FAILED, text);
+    }
+    if (!unfinished.empty()) {
+        tarnholdCtlStatusPrivateMembers.next = unfinished.front();
+    }
+}
+
 void __statusPrint(bool json, bool allWell)
 {
     const auto &checks = tarnholdCtlStatusPrivateMembers.checks;
+    const std::string &next = tarnholdCtlStatusPrivateMembers.next;
     if (!json) {
         for (const auto &c : checks) {
             // "not available" texts say so themselves.
             std::string line = c.state == statusState::UNAVAILABLE ? c.text
                                                                    : std::string(__statusStateText(c.state)) + ": " + c.text;
             printf("%-11s %s\n", (std::string(c.name) + ":").c_str(), line.c_str());
+        }
+        if (!next.empty()) {
+            printf("%-11s %s\n", "next:", next.c_str());
         }
         return;
     }
@@ -431,7 +452,11 @@ void __statusPrint(bool json, bool allWell)
         out += ":{\"state\":" + tarnholdCtlJsonString(__statusStateText(checks[i].state));
         out += ",\"text\":" + tarnholdCtlJsonString(checks[i].text) + "}";
     }
-    printf("%s}}\n", out.c_str());
+    out += "}";
+    if (!next.empty()) {
+        out += ",\"next\":" + tarnholdCtlJsonString(next);
+    }
+    printf("%s}\n", out.c_str());
 }
 
 } // namespace
@@ -442,8 +467,10 @@ tarnholdCtlStatusOutcome tarnholdCtlStatus(const tarnholdClientParams &params, b
     m.checks.clear();
     m.params = params;
     m.denied = false;
+    m.next.clear();
     pid_t pid = __statusDaemon();
     __statusSystemd();
+    __statusFlash();
     std::string daemonFile;
     std::string fifoGroup;
     if (pid > 0) {

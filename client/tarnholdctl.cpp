@@ -3,6 +3,7 @@
 #include "qxLoader.h"
 #include "tarnholdClient.h"
 #include "tarnholdCtlFirmware.h"
+#include "tarnholdCtlHistory.h"
 #include "tarnholdCtlStatus.h"
 #include "tarnholdCtlText.h"
 #include "tarnholdCtlTrace.h"
@@ -535,6 +536,15 @@ int __ctlStatus(tarnholdCtlContext &ctx, int argc, char **)
     }
 }
 
+// history: the daemon is not asked; an unreadable history counts as a failed system call.
+int __ctlHistory(tarnholdCtlContext &ctx, int argc, char **)
+{
+    if (argc != 0) {
+        return __ctlUsageError("history takes no arguments");
+    }
+    return tarnholdCtlHistory(ctx.json) == tarnholdCtlHistoryOutcome::PRINTED ? CTL_EXIT_OK : CTL_EXIT_TRANSPORT;
+}
+
 // trace FILE: the daemon is not asked; an unreadable file counts as a failed system call.
 int __ctlTrace(tarnholdCtlContext &ctx, int argc, char **argv)
 {
@@ -551,7 +561,7 @@ int __ctlTrace(tarnholdCtlContext &ctx, int argc, char **argv)
     }
 }
 
-constexpr std::array<tarnholdCtlCommand, 19> CTL_COMMANDS = {{
+constexpr std::array<tarnholdCtlCommand, 20> CTL_COMMANDS = {{
     {"raw", __ctlRaw, "CODE [BYTE...]", "send code CODE with BYTEs from byte 3; print both blocks"},
     {"cmd", __ctlCmd, "NAME|CODE [BYTE...]", "the same by command name (QX_HID_CMD_SET_LEDS or set-leds)"},
     {"bay-shutdown", __ctlBayShutdown, "BAY", "force drive bay BAY to shut down"},
@@ -569,6 +579,7 @@ constexpr std::array<tarnholdCtlCommand, 19> CTL_COMMANDS = {{
     {"file-transfer", __ctlFileTransfer, "[LENGTH]", "file-transfer test over LENGTH bytes (default and most 8 MiB)"},
     {"fan", __ctlFan, "[set auto|LEVEL]", "option-bay fans: mode and level, or set them (LEVEL 0-15)"},
     {"status", __ctlStatus, "", "daemon, FIFO, round trip, platform, firmware, CPLD and fans: OK or what is wrong"},
+    {"history", __ctlHistory, "", "every flash of microcontroller, FPGA and CPLD, oldest first (no daemon needed)"},
     {"trace", __ctlTrace, "FILE", "print a recording of the service, one exchange a line (no daemon needed)"},
     {"help", nullptr, "", "this text"},
 }};

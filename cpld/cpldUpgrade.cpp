@@ -4,6 +4,7 @@
 #include "cpldUpgrade.h"
 
 #include "evmLog.h"
+#include "flashGuard.h"
 #include "leBytes.h"
 #include "sysSeam.h"
 #include "usbMgmt.h"
@@ -209,6 +210,74 @@ int32_t cpldInfo(qxUsbBlock &cmd, qxUsbBlock &resp)
     return cpldWaitForReport(cmd, resp);
 }
 
+namespace {
+
+// The steps from the erase on; `why` names the one that failed.
+int32_t __cpldUpgradeSteps(const char *&why)
+{
+    int32_t rc = cpldUpgradeEraseCpld();
+    if (rc != 0) {
+        evm_log(0, CPLD_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-Error erasing CPLD!!!!!");
+        why = "setting up or erasing the CPLD failed";
+        return rc;
+    }
+    evm_log(0, CPLD_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-*****CPLD ERASE DONE*****");
+
+    rc = cpldProgramInfo(1);
+    if (rc != 0) {
+        evm_log(0, CPLD_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-cpldProgramInfo Clear Failed! rc: %d", rc);
+        why = "clearing the CPLD record failed";
+        return rc;
+    }
+    evm_log(0, CPLD_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-*****CPLD INFO CLEAR DONE*****");
+
+    rc = cpldProgramBin();
+    if (rc != 0) {
+        evm_log(0, CPLD_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-Error programming the cpld executable!!!!!");
+        why = "handing the pages over failed";
+        return rc;
+    }
+    evm_log(0, CPLD_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-*****CPLD FIRMWARE UPDATE DONE!!!*****");
+
+    rc = cpldProgramInfo(0);
+    if (rc != 0) {
+        evm_log(0, CPLD_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-cpldProgramInfo Update Failed! rc: %d", rc);
+        why = "writing the CPLD record failed";
+        return rc;
+    }
+    evm_log(0, CPLD_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-***CPLD INFO UPDATE DONE***");
+
+    rc = cpldCrcCheck();
+    if (rc != 0) {
+        evm_log(0, CPLD_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-Error verifying cpld executable binary file!!!!!");
+        __cpldClearRecord();
+        why = "the CPLD record read back before the run differs";
+        return rc;
+    }
+    evm_log(0, CPLD_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-***CPLD CRC CHECK PASSED!!!***");
+
+    rc = cpldUpgradeRun();
+    if (rc != 0) {
+        evm_log(0, CPLD_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-Error running CPLD Upgrade!!!!!");
+        __cpldClearRecord();
+        why = "starting the CPLD run failed";
+        return rc;
+    }
+    evm_log(0, CPLD_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-***CPLD UPGRADE RUN PASSED!!!***");
+
+    rc = cpldUpgradeCleanUp();
+    if (rc != 0) {
+        evm_log(0, CPLD_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-Error CPLD Upgrade Clean Up!!!!!");
+        __cpldClearRecord();
+        why = "the CPLD record after the run does not say it ran";
+        return rc;
+    }
+    evm_log(0, CPLD_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-***CPLD PROGRAM SUCCESSFUL!!!!!!!!!!!!***");
+    return 0;
+}
+
+} // namespace
+
 int32_t cpldUpgradeStart(qxUsbBlock &cmd, qxUsbBlock &)
 {
     // The path must end inside the command block: a request without its NUL
@@ -238,58 +307,15 @@ int32_t cpldUpgradeStart(qxUsbBlock &cmd, qxUsbBlock &)
     evm_log(0, CPLD_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-expected_crc: 0x%04x, actual_crc: 0x%04x", cpldImage.expectedCrc,
             actual);
 
-    rc = cpldUpgradeEraseCpld();
-    if (rc != 0) {
-        evm_log(0, CPLD_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-Error erasing CPLD!!!!!");
-        return rc;
-    }
-    evm_log(0, CPLD_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-*****CPLD ERASE DONE*****");
-
-    rc = cpldProgramInfo(1);
-    if (rc != 0) {
-        evm_log(0, CPLD_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-cpldProgramInfo Clear Failed! rc: %d", rc);
-        return rc;
-    }
-    evm_log(0, CPLD_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-*****CPLD INFO CLEAR DONE*****");
-
-    rc = cpldProgramBin();
-    if (rc != 0) {
-        evm_log(0, CPLD_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-Error programming the cpld executable!!!!!");
-        return rc;
-    }
-    evm_log(0, CPLD_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-*****CPLD FIRMWARE UPDATE DONE!!!*****");
-
-    rc = cpldProgramInfo(0);
-    if (rc != 0) {
-        evm_log(0, CPLD_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-cpldProgramInfo Update Failed! rc: %d", rc);
-        return rc;
-    }
-    evm_log(0, CPLD_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-***CPLD INFO UPDATE DONE***");
-
-    rc = cpldCrcCheck();
-    if (rc != 0) {
-        evm_log(0, CPLD_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-Error verifying cpld executable binary file!!!!!");
-        __cpldClearRecord();
-        return rc;
-    }
-    evm_log(0, CPLD_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-***CPLD CRC CHECK PASSED!!!***");
-
-    rc = cpldUpgradeRun();
-    if (rc != 0) {
-        evm_log(0, CPLD_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-Error running CPLD Upgrade!!!!!");
-        __cpldClearRecord();
-        return rc;
-    }
-    evm_log(0, CPLD_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-***CPLD UPGRADE RUN PASSED!!!***");
-
-    rc = cpldUpgradeCleanUp();
-    if (rc != 0) {
-        evm_log(0, CPLD_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-Error CPLD Upgrade Clean Up!!!!!");
-        __cpldClearRecord();
-        return rc;
-    }
-    evm_log(0, CPLD_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-***CPLD PROGRAM SUCCESSFUL!!!!!!!!!!!!***");
-    return 0;
+    // Nothing has touched the CPLD before the erase: from here on it is a flash.
+    uint8_t digest[FLASH_HISTORY_DIGEST_SIZE];
+    flashGuardMd5(cpldImage.data, static_cast<size_t>(cpldImage.upgradeSize), digest);
+    const uint32_t pages = (static_cast<uint32_t>(cpldImage.upgradeSize) + CPLD_PAGE_SIZE - 1) / CPLD_PAGE_SIZE;
+    flashGuardBegin(flashWhat::CPLD, path, static_cast<uint64_t>(cpldImage.upgradeSize), digest, pages);
+    const char *why = "";
+    rc = __cpldUpgradeSteps(why);
+    flashGuardEnd(rc, why);
+    return rc;
 }
 
 cpldUpgradeView cpldUpgradeGetView()

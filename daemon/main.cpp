@@ -7,6 +7,7 @@
 #include "daemonLib.h"
 #include "daemonNotify.h"
 #include "evmLog.h"
+#include "flashGuard.h"
 #include "qxUsb.h"
 #include "scsiCtrl.h"
 #include "sysRecord.h"
@@ -30,6 +31,11 @@
 
 void signal_exit_handler(int sig);
 void signal_pipe_handler(int sig);
+void __mainExitOn(int sig);
+
+// The end of the process on an exit signal, at once or after the flash that
+// held it back: the exit handler's own course. Tests bind a recorder instead.
+void (*mainCarryOutStop)(int sig) = __mainExitOn;
 
 constexpr mainHeartbeatOps MAIN_HEARTBEAT_NONE = {
     .intervalSec = [] { return uint32_t{0}; },
@@ -59,6 +65,7 @@ constexpr size_t MAIN_FILE_NAME_SIZE = 300;
 constexpr uint32_t MAIN_FILE_NAME_MAX_MINUS_ONE = 293; // names of 1 to 294 characters
 constexpr suseconds_t MAIN_WAIT_SLACK_US = 10;
 constexpr const char *MAIN_DAEMON_WORD = "--daemon";
+constexpr size_t MAIN_STATE_PATH_MAX = 4096;
 
 // Group names of 1 to 32 characters, as groupadd makes them; n - 1 taken
 // unsigned, like the firmware file name's check.
@@ -181,6 +188,9 @@ bool __mainParseOptions(int argc, char **argv)
     return true;
 }
 
+// The stops a flash under way holds back; the crash signals never wait.
+bool __mainStopDeferrable(int sig) { return sig == SIGTERM || sig == SIGINT || sig == SIGHUP; }
+
 int __mainStartupFailed()
 {
     daemon_stop(MAIN_TAG_EXIT, MAIN_PID_FILE);
@@ -192,14 +202,19 @@ int32_t __mainInstallSignals()
     struct sigaction action = {};
     action.sa_handler = signal_exit_handler;
     sigfillset(&action.sa_mask);
-    action.sa_flags = 0; // no restart: the loop's wait simply ends and the next pass starts
     for (int sig : MAIN_EXIT_SIGNALS) {
+        // No restart: the loop's wait simply ends and the next pass starts.
+        // The stops a flash holds back restart what they interrupt, so a
+        // driver request in the middle of a flash does not fail for them
+        // (select is never restarted, and the waits resume themselves).
+        action.sa_flags = __mainStopDeferrable(sig) ? SA_RESTART : 0;
         if (sigaction(sig, &action, nullptr) != 0) {
             evm_log(0, MAIN_SOURCE, __LINE__, "sigaction: %s", strerror(errno));
             return -1;
         }
     }
     action.sa_handler = signal_pipe_handler;
+    action.sa_flags = 0;
     if (sigaction(SIGPIPE, &action, nullptr) != 0) {
         evm_log(0, MAIN_SOURCE, __LINE__, "sigaction(PIPE): %s", strerror(errno));
         return -1;
@@ -222,6 +237,19 @@ void __mainResetOptions()
 int __mainServe(bool replay)
 {
     auto &m = mainPrivateMembers;
+    // A replay writes no history, sends no events and takes no lock: it runs
+    // on a developer's machine, not on the appliance.
+    if (!replay) {
+        // The history file's folder: the path up to its last '/'.
+        char path[MAIN_STATE_PATH_MAX];
+        const bool found = flashHistoryPath(path);
+        if (found) {
+            *strrchr(path, '/') = '\0';
+        } else {
+            evm_log(0, MAIN_SOURCE, __LINE__, "flash history: no usable state folder; none kept");
+        }
+        flashGuardInit(FLASH_GUARD_SYSTEM, found ? path : nullptr, [](int sig) { mainCarryOutStop(sig); });
+    }
     if (usbMgmtInit(m.fileSelected ? m.fileName : nullptr) != 0) {
         evm_log(0, MAIN_SOURCE, __LINE__, "usbMgmtInit: failed");
         return replay ? 1 : __mainStartupFailed();
@@ -239,8 +267,25 @@ int __mainServe(bool replay)
 
 // Ends the process on the exit set of signals. It formats text, writes a file
 // and calls exit inside a handler; the backtrace machinery was loaded at
-// start-up so that no library is loaded here.
+// start-up so that no library is loaded here. A stop that comes while a flash
+// is written is only noted, and carried out through here once it has ended.
 void signal_exit_handler(int sig)
+{
+    if (__mainStopDeferrable(sig)) {
+        const int savedErrno = errno;
+        const bool deferred = flashGuardDefer(sig);
+        errno = savedErrno;
+        if (deferred) {
+            return;
+        }
+    }
+    mainCarryOutStop(sig);
+    // Not reached in the service. Code after the call keeps this handler's
+    // frame in the crash log's backtrace (no tail call).
+    __asm__ volatile("" ::: "memory");
+}
+
+void __mainExitOn(int sig)
 {
     auto &m = mainPrivateMembers;
     sysRecordExit(sig);
@@ -383,6 +428,11 @@ void mainLoopPass()
     }
     m.record.result = usbMgmtCmd(m.record.cmd, m.record.resp);
     mainFifoReply(m.record, m.fdClient);
+    // A stop held back by a flash ends the process once its client has the
+    // answer, before anything queued behind it is read.
+    if (const int sig = flashGuardStopDue(); sig != 0) {
+        mainCarryOutStop(sig);
+    }
 }
 
 void mainLoopSetRequestFd(int fd)

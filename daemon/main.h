@@ -51,3 +51,8 @@ void mainLoopPass();
 // Points the loop at another request descriptor and resets its heartbeat
 // tick, so tests can drive passes without the fixed FIFO path.
 void mainLoopSetRequestFd(int fd);
+
+// What carries out an exit signal, at once or (SIGTERM, SIGINT, SIGHUP) once
+// the flash that held it back has ended: the exit handler's course, which
+// ends the process. Tests bind a recorder.
+extern void (*mainCarryOutStop)(int sig);

@@ -5,6 +5,7 @@
 #include "fpgaUpgrade.h"
 
 #include "evmLog.h"
+#include "flashGuard.h"
 #include "leBytes.h"
 #include "sysSeam.h"
 #include "usbMgmt.h"
@@ -53,6 +54,7 @@ constexpr usbMgmtUploadRules FPGA_UPLOAD = {
 
 struct {
     int32_t upgradeSize = 0;
+    size_t fileSize = 0; // of the file last loaded
     // On a page boundary, so that every page of it can be handed back.
     alignas(4096) uint8_t data[FPGA_DATA_SIZE] = {};
 } fpgaUpgradePrivateMembers;
@@ -116,17 +118,12 @@ void __fpgaReleaseData()
     }
 }
 
-int32_t __fpgaUpgradeRun(const char *path)
+int32_t __fpgaUpgradeSteps()
 {
-    int32_t rc = fpgaUpgradeFileInit(path);
-    if (rc != 0) {
-        return rc;
-    }
-    evm_log(0, FPGA_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-_this->upgradeSize: %dk", fpgaImage.upgradeSize / 1024);
-
-    rc = fpgaUpgradeEraseFpga();
+    int32_t rc = fpgaUpgradeEraseFpga();
     if (rc != 0) {
         evm_log(0, FPGA_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-Error erasing FPGA!!!!!");
+        flashGuardEnd(rc, "erasing the FPGA failed");
         return rc;
     }
     evm_log(0, FPGA_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-*****FPGA ERASE DONE*****");
@@ -134,6 +131,7 @@ int32_t __fpgaUpgradeRun(const char *path)
     rc = fpgaProgramConfig();
     if (rc != 0) {
         evm_log(0, FPGA_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-Error programming the configurator!!!!!");
+        flashGuardEnd(rc, "handing the pages over failed");
         return rc;
     }
     evm_log(0, FPGA_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-*****FPGA PROGRAM DONE*****");
@@ -144,7 +142,23 @@ int32_t __fpgaUpgradeRun(const char *path)
     } else {
         evm_log(0, FPGA_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-*****FPGA PROGRAM SUCCEFUL!!!!!!!!!!!!*****");
     }
+    flashGuardEnd(rc, "the clean-up was not confirmed");
     return rc;
+}
+
+int32_t __fpgaUpgradeRun(const char *path)
+{
+    const int32_t rc = fpgaUpgradeFileInit(path);
+    if (rc != 0) {
+        return rc;
+    }
+    evm_log(0, FPGA_LOG_SOURCE, __LINE__, "QX_TRACE_FILE-_this->upgradeSize: %dk", fpgaImage.upgradeSize / 1024);
+    // Nothing has touched the FPGA before the erase: from here on it is a flash.
+    uint8_t digest[FLASH_HISTORY_DIGEST_SIZE];
+    flashGuardMd5(fpgaImage.data, fpgaImage.fileSize, digest);
+    flashGuardBegin(flashWhat::FPGA, path, fpgaImage.fileSize, digest,
+                    static_cast<uint32_t>(fpgaImage.upgradeSize) / FPGA_PAGE_SIZE);
+    return __fpgaUpgradeSteps();
 }
 
 } // namespace
@@ -170,6 +184,7 @@ int32_t fpgaUpgradeFileInit(const char *path)
     const size_t readEnd = (static_cast<size_t>(size) + FPGA_BLOCK_SIZE - 1) / FPGA_BLOCK_SIZE * FPGA_BLOCK_SIZE;
     std::fill(&fpgaImage.data[size], &fpgaImage.data[readEnd], FPGA_FILL);
     fpgaImage.upgradeSize = __fpgaUpgradeSizeOf(static_cast<size_t>(size));
+    fpgaImage.fileSize = static_cast<size_t>(size);
     return 0;
 }
 

@@ -52,6 +52,7 @@ struct {
     std::array<uint8_t, QX_FILE_DATA_SIZE> data;
     std::array<uint8_t, QX_FILE_DIGEST_SIZE> md5Digest;
     int32_t dataLen;
+    std::array<char, QX_FILE_PATH_SIZE> path; // of the loaded file, for the flash history
 } qxFilePrivateMembers;
 
 int32_t fileLoaded = 0;
@@ -223,6 +224,7 @@ int32_t qxFileInit(const char *path)
         return 0;
     }
     std::fill_n(m.data.begin(), QX_FLASH_SIZE, QX_FILE_ERASED);
+    snprintf(m.path.data(), m.path.size(), "%s", path);
 
     // Opened through the seam, so that a recording holds the file the service read.
     const int fd = platformSys.open(path, O_RDONLY | O_CLOEXEC, 0);
@@ -317,5 +319,8 @@ void qxFileReset()
     qxFilePrivateMembers.data.fill(0);
     qxFilePrivateMembers.md5Digest.fill(0);
     qxFilePrivateMembers.dataLen = 0;
+    qxFilePrivateMembers.path.fill(0);
     fileLoaded = 0;
 }
+
+const char *qxFileGetPath() { return qxFilePrivateMembers.path.data(); }

@@ -4,6 +4,7 @@
 #include "qxLoader.h"
 
 #include "daemonNotify.h"
+#include "flashGuard.h"
 #include "evmLog.h"
 #include "leBytes.h"
 #include "sysSeam.h"
@@ -232,7 +233,8 @@ int32_t qxLoaderProgram()
     uint32_t block = 0;
     while (address <= QX_FLASH_LAST) {
         daemonNotifyWatchdog();
-        daemonNotifyProgress(QX_LOADER_UPGRADING, "blocks", block++, blocks);
+        daemonNotifyProgress(QX_LOADER_UPGRADING, "blocks", block, blocks);
+        flashGuardProgress(block++);
         // The driver is asked before every chunk, blank ones too: the
         // previous report may still be on its way.
         // A driver that fails or stays busy leaves the image incomplete:
@@ -276,6 +278,7 @@ int32_t qxLoaderProgram()
     }
 
     daemonNotifyProgress(QX_LOADER_UPGRADING, "blocks", blocks, blocks);
+    flashGuardProgress(blocks);
     // Ends the last run: the bootloader writes what it still buffers only
     // on this, so without it the image is not known to be complete.
     rc = __qxLoaderHandOver(PIC_HID_PIC32_PROGRAM_DONE, complete);

@@ -5,6 +5,7 @@
 
 #include "daemonNotify.h"
 #include "evmLog.h"
+#include "flashGuard.h"
 #include "sysSeam.h"
 
 #include <algorithm>
@@ -44,6 +45,21 @@ void __qxLoaderStoreImageRecord(bool invalidate)
     }
     // Not looked at: the next pass's checks decide.
     qxLoaderSetHash(len, digest);
+}
+
+// The flash of the application begins: the history entry names the firmware
+// file, the image's length and MD5 (what slot 4 will hold) and the blocks of
+// the whole range.
+void __qxLoaderFlashBegins()
+{
+    int32_t len = 0;
+    uint8_t digest[QX_FILE_DIGEST_SIZE] = {};
+    qxFileGetMd5AndLen(&len, digest);
+    const uint32_t size = qxLoaderGetPacketDataSize();
+    const uint32_t blocks = size != 0 ? (QX_FLASH_SIZE + size - 1) / size : 0;
+    static_assert(QX_FILE_DIGEST_SIZE >= FLASH_HISTORY_DIGEST_SIZE);
+    flashGuardBegin(flashWhat::MICROCONTROLLER, qxFileGetPath(), static_cast<uint64_t>(std::max(len, 0)), digest,
+                    blocks);
 }
 
 } // namespace
@@ -99,8 +115,13 @@ int32_t qxLoaderInit(int32_t forceUpgrade)
 
         evm_log(0, QX_LOADER_LOG_SOURCE, __LINE__, "QX_TRACE_PRINTF-Upgrading HID Application.....");
         daemonNotifyStatus("%s: erasing", QX_LOADER_UPGRADING);
+        // From the erase until the application runs again a stop waits: it is
+        // carried out once the microcontroller is back in its application (or
+        // programming has failed), so the next start finds it up to date.
+        __qxLoaderFlashBegins();
         qxLoaderEraseApplication();
         rc = qxLoaderProgram();
+        flashGuardEnd(rc, "programming the application failed");
         forceUpgrade = 0;
         if (rc != 0) {
             // The bootloader is the one state every fault can be repaired
@@ -110,6 +131,7 @@ int32_t qxLoaderInit(int32_t forceUpgrade)
                     "programming again in %u s",
                     rc, static_cast<unsigned>(retryWait / 1000000));
             qxUsbCleanUp();
+            flashGuardLeave(false);
             platformSysSleep(retryWait);
             retryWait = std::min(retryWait * 2, QX_LOADER_RETRY_MAX_US);
             continue;
@@ -118,5 +140,6 @@ int32_t qxLoaderInit(int32_t forceUpgrade)
         __qxLoaderStoreImageRecord(false);
         qxLoaderGotoApplication();
         qxUsbCleanUp();
+        flashGuardLeave(false);
     }
 }

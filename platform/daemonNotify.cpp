@@ -30,6 +30,10 @@ struct {
     bool pinged = false;
     uint64_t lastPingUs = 0;
     uint64_t lastProgressUs = 0;
+    char stopNote[DAEMON_NOTIFY_LINE_MAX] = {};
+    char lastStatus[DAEMON_NOTIFY_LINE_MAX] = {}; // without the note
+    bool extended = false;
+    uint64_t lastExtendUs = 0;
 } daemonNotifyPrivateMembers;
 
 // One datagram; the text is formatted on the stack (the loop must not allocate).
@@ -79,12 +83,12 @@ void daemonNotifyStatus(const char *format, ...)
     if (!m.enabled) {
         return;
     }
-    char line[DAEMON_NOTIFY_LINE_MAX] = "STATUS=";
-    const size_t prefix = strlen(line);
     va_list args;
     va_start(args, format);
-    vsnprintf(line + prefix, sizeof line - prefix, format, args);
+    vsnprintf(m.lastStatus, sizeof m.lastStatus, format, args);
     va_end(args);
+    char line[DAEMON_NOTIFY_LINE_MAX * 4];
+    snprintf(line, sizeof line, "STATUS=%s%s%s", m.lastStatus, m.stopNote[0] != '\0' ? "; " : "", m.stopNote);
     // One line: a newline would start another assignment of the protocol.
     for (char *c = line; *c != '\0'; ++c) {
         if (*c == '\n') {
@@ -149,3 +153,31 @@ void daemonNotifyWatchdog()
 }
 
 uint64_t daemonNotifyWatchdogSliceUs() { return daemonNotifyPrivateMembers.sliceUs; }
+
+void daemonNotifySetStopNote(const char *note)
+{
+    auto &m = daemonNotifyPrivateMembers;
+    snprintf(m.stopNote, sizeof m.stopNote, "%s", note != nullptr ? note : "");
+    if (m.enabled && note != nullptr) {
+        char current[sizeof m.lastStatus];
+        memcpy(current, m.lastStatus, sizeof current);
+        daemonNotifyStatus("%s", current);
+    }
+}
+
+void daemonNotifyExtendStop(uint64_t us, uint64_t gapUs)
+{
+    auto &m = daemonNotifyPrivateMembers;
+    if (!m.enabled) {
+        return;
+    }
+    const uint64_t now = platformSys.monotonicUs();
+    if (m.extended && now - m.lastExtendUs < gapUs) {
+        return;
+    }
+    m.extended = true;
+    m.lastExtendUs = now;
+    char line[64];
+    snprintf(line, sizeof line, "EXTEND_TIMEOUT_USEC=%llu", static_cast<unsigned long long>(us));
+    __daemonNotifySend(line);
+}

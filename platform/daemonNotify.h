@@ -37,3 +37,11 @@ void daemonNotifyWatchdog();
 // How long the service may go between keep-alives: an eighth of the
 // watchdog interval; 0 when no watchdog watches the process.
 uint64_t daemonNotifyWatchdogSliceUs();
+
+// While set, every status line ends with "; <note>" (a stop that waits for a
+// flash to end); nullptr clears it. The current line is sent again with it.
+void daemonNotifySetStopNote(const char *note);
+
+// Asks the service manager for `us` more before it gives up on the stop
+// (EXTEND_TIMEOUT_USEC), at most once per `gapUs` of the monotonic clock.
+void daemonNotifyExtendStop(uint64_t us, uint64_t gapUs);

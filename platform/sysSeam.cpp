@@ -1,15 +1,16 @@
 #include "sysSeam.h"
 
 #include "daemonNotify.h"
+#include "flashGuard.h"
 #include "uniqueFd.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <libudev.h>
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <climits>
 #include <fcntl.h>
 #include <linux/magic.h>
@@ -175,6 +176,22 @@ uint64_t __sysMonotonicUs()
     return static_cast<uint64_t>(ts.tv_sec) * 1000000u + static_cast<uint64_t>(ts.tv_nsec) / 1000u;
 }
 
+// The whole wait, whatever signals come meanwhile: a stop held back while a
+// flash is written must not cut the flash's fixed waits short. A signal that
+// is not held back ends the process in its handler.
+int __sysUsleep(useconds_t us)
+{
+    struct timespec left = {.tv_sec = static_cast<time_t>(us / 1000000u),
+                            .tv_nsec = static_cast<long>(us % 1000000u) * 1000};
+    while (nanosleep(&left, &left) != 0) {
+        if (errno != EINTR) {
+            return -1;
+        }
+        flashGuardPoll();
+    }
+    return 0;
+}
+
 int __sysStat(const char *path, struct stat *st) { return ::stat(path, st); }
 int __sysFstat(int fd, struct stat *st) { return ::fstat(fd, st); }
 
@@ -229,7 +246,7 @@ const platformSysOps PLATFORM_SYS_LIBC = {
     .lseek = ::lseek,
     .stat = __sysStat,
     .fstat = __sysFstat,
-    .usleep = ::usleep,
+    .usleep = __sysUsleep,
     .system = __sysSystem,
     .select = ::select,
     .msSince1970 = __sysMsSince1970,
@@ -293,5 +310,6 @@ int platformSysSleep(useconds_t us)
     }
     const int rc = platformSys.usleep(us);
     daemonNotifyWatchdog();
+    flashGuardPoll();
     return rc;
 }

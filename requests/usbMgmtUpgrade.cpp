@@ -4,6 +4,7 @@
 
 #include "cpldUpgrade.h"
 #include "daemonNotify.h"
+#include "flashGuard.h"
 #include "fpgaUpgrade.h"
 #include "sysSeam.h"
 
@@ -13,22 +14,29 @@ constexpr useconds_t USB_MGMT_CPLD_RETRY_PAUSE_US = 1000000;
 
 } // namespace
 
-// The loop puts the serving line back once the request has ended.
+// The loop puts the serving line back once the request has ended. A stop
+// that arrived during the flash is carried out by the loop after the reply.
 int32_t netUsbFuncFpgaUpgrade(qxUsbBlock &cmd, qxUsbBlock &)
 {
     daemonNotifyStatus("FPGA upgrade in progress");
-    return fpgaUpgradeStart(cmd);
+    const int32_t rc = fpgaUpgradeStart(cmd);
+    flashGuardLeave(true);
+    return rc;
 }
 
 int32_t netUsbFuncCpldUpgrade(qxUsbBlock &cmd, qxUsbBlock &resp)
 {
     daemonNotifyStatus("CPLD upgrade in progress");
-    if (cpldUpgradeStart(cmd, resp) == 0) {
-        return 0;
+    int32_t rc = cpldUpgradeStart(cmd, resp);
+    if (rc != 0) {
+        // One more attempt from the file load on; its result is final. A
+        // stop that waits lets it run: a CPLD left erased is worse than a
+        // stop that comes half a minute later.
+        platformSysSleep(USB_MGMT_CPLD_RETRY_PAUSE_US);
+        rc = cpldUpgradeStart(cmd, resp);
     }
-    // One more attempt from the file load on; its result is final.
-    platformSysSleep(USB_MGMT_CPLD_RETRY_PAUSE_US);
-    return cpldUpgradeStart(cmd, resp);
+    flashGuardLeave(true);
+    return rc;
 }
 
 int32_t netUsbFuncCpldInfo(qxUsbBlock &cmd, qxUsbBlock &resp)

@@ -3,6 +3,7 @@
 
 #include "daemonNotify.h"
 #include "evmLog.h"
+#include "flashGuard.h"
 #include "leBytes.h"
 #include "sysSeam.h"
 #include "seamFd.h"
@@ -114,6 +115,7 @@ int32_t usbMgmtUploadPages(const usbMgmtUploadRules &rules, const uint8_t *data,
         // A driver with room at every query never lets the upgrade sleep.
         daemonNotifyWatchdog();
         daemonNotifyProgress(rules.progress, "pages", next, pages);
+        flashGuardProgress(next);
         int32_t rc = __usbMgmtUploadWaitForRoom(rules);
         if (rc != 0) {
             return rc;
@@ -133,5 +135,6 @@ int32_t usbMgmtUploadPages(const usbMgmtUploadRules &rules, const uint8_t *data,
         next += count;
     }
     daemonNotifyProgress(rules.progress, "pages", pages, pages);
+    flashGuardProgress(pages);
     return 0;
 }

@@ -19,6 +19,7 @@ usr/include/tarnhold/tarnholdClient.h
 usr/include/tarnhold/usbDaemonRequest.h
 usr/lib/libtarnholdclient.a
 usr/lib/pkgconfig/tarnhold-client.pc
+usr/lib/systemd/catalog/tarnhold.catalog
 usr/lib/systemd/system/tarnhold.service
 usr/lib/sysusers.d/tarnhold.conf
 usr/lib/tmpfiles.d/tarnhold.conf
@@ -51,6 +52,17 @@ if [ "$mode" = install ]; then
     # Ready only when it serves, and restarted when its keep-alives stop.
     for line in Type=notify NotifyAccess=main; do grep -qx "$line" "$unit" || fail "the unit lacks $line"; done
     grep -Eqx 'WatchdogSec=[1-9][0-9]*' "$unit" || fail "the unit has no watchdog"
+    # A stop waits for a flash: time for the longest, the SIGTERM to the service alone, and its history kept.
+    for line in TimeoutStopSec=480 KillMode=mixed StateDirectory=tarnhold; do
+        grep -qx "$line" "$unit" || fail "the unit lacks $line"
+    done
+    # The journal's catalog of the flash events is one journalctl takes: every id it names, explained.
+    catalog="$stage/usr/lib/systemd/catalog/tarnhold.catalog"
+    ids=$(grep -o '"[0-9a-f]\{32\}"' "$(dirname "$0")/../../platform/flashGuard.cpp" | tr -d '"')
+    [ "$(echo "$ids" | wc -w)" = 4 ] || fail "not four event ids in flashGuard.cpp: $ids"
+    for id in $ids; do
+        grep -qx -- "-- $id" "$catalog" || fail "the catalog does not explain $id"
+    done
     sed "s|^ExecStart=/usr/sbin/tarnhold|ExecStart=$stage/usr/sbin/tarnhold|" "$unit" >"$work/tarnhold.service"
     out=$(MANPATH="$stage/usr/share/man" systemd-analyze verify "$work/tarnhold.service" 2>&1) || fail "verify: $out"
     [ -z "$out" ] || fail "verify: $out"

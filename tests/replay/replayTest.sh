@@ -107,6 +107,8 @@ freshTmpfs() {
 }
 freshTmpfs /tmp
 freshTmpfs /var/run
+# The daemons' flash history, in the fresh /tmp rather than the host's state folder.
+export STATE_DIRECTORY=/tmp/tarnhold-state
 # Outside the tmpfs just mounted: the files survive the daemon's ends.
 WORK=$(mktemp -d "$BUILD/replay-$CASE.XXXXXX")
 SIM_PID=

@@ -87,6 +87,8 @@ std::string daemonHarnessIsolate()
             return why;
         }
     }
+    // The flash history goes to the fresh /tmp, never the host's /var/lib/tarnhold.
+    setenv("STATE_DIRECTORY", DAEMON_HARNESS_STATE_DIR, 1);
     daemonHarnessPrivateMembers.isolated = true;
     return "";
 }

@@ -12,6 +12,9 @@
 #include <utility>
 #include <vector>
 
+// Where the daemons the harness runs keep their flash history ($STATE_DIRECTORY, in the fresh /tmp).
+constexpr const char *DAEMON_HARNESS_STATE_DIR = "/tmp/tarnhold-state";
+
 // A private mount namespace with fresh tmpfs on /tmp, /var/run and /var/crash (needs root): "" or what failed.
 // A checkout or build below one of them stays visible in the fresh one, so the tests run wherever they live.
 std::string daemonHarnessIsolate();

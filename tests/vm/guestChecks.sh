@@ -27,7 +27,7 @@ UNIT=tarnhold.service
 # The microcontroller's USB identity on the dummy host controller (see usbGadget).
 GADGET=/sys/kernel/config/usb_gadget/tarnhold-pic
 
-CHECKS="setup installed startupUpgrade access renumberedNode usbReset usbRenumbered homeUpgrades fans recordReplay journalOnce crashRestart watchdogRestart
+CHECKS="setup installed startupUpgrade access renumberedNode usbReset usbRenumbered homeUpgrades flashStop fans recordReplay journalOnce crashRestart watchdogRestart
  exposure restartQueued foreignFifo sandboxNeeds stopped purged"
 only=$(sed -n 's/.*tarnhold\.vmchecks=\([^ ]*\).*/\1/p' /proc/cmdline)
 [ "$only" = all ] || CHECKS=${only//,/ }
@@ -310,6 +310,78 @@ homeUpgrades() {
     echo "FPGA and CPLD upgraded from /root with the reply FIFO in /root; flash equal to both files"
 }
 
+# tarnhold's logind lock, as systemd-inhibit lists it.
+tarnholdLock() { systemd-inhibit --list --no-legend --no-pager 2>/dev/null | grep tarnhold; }
+
+# systemctl reboot as an account that may not override locks, on a terminal.
+rebootAsOther() { runuser -u thother -- script -qec "systemctl reboot" /dev/null 2>&1 | tr -d '\r'; return "${PIPESTATUS[0]}"; }
+
+# An FPGA upgrade from FILE in the background; its exit status goes to /run/NAME.rc.
+fpgaInBackground() { # NAME FILE
+    (TMPDIR=/root tarnholdctl --timeout 600 fpga-upgrade "$2" >"/run/$1.out" 2>&1; echo $? >"/run/$1.rc") &
+}
+
+# Waits for the background upgrade NAME and checks that it succeeded and the FPGA holds FILE.
+fpgaWhole() { # NAME FILE
+    waitFor 600 test -s "/run/$1.rc" || { echo "$1: the upgrade did not end"; return 1; }
+    [ "$(cat "/run/$1.rc")" = 0 ] || { echo "$1: tarnholdctl exit $(cat "/run/$1.rc"): $(cat "/run/$1.out")"; return 1; }
+    sim fpga-compare "$2" >/dev/null || { echo "$1: the FPGA is not the file"; return 1; }
+}
+
+deferrals() { journalctl -b -u "$UNIT" -o cat | grep -c 'signal 15: stop deferred until the FPGA flash has ended'; }
+
+# A stop during an FPGA upgrade waits for it: systemctl restart and dpkg -i of
+# the same package (whose postinst restarts the service) end with the FPGA
+# equal to the file. Meanwhile the lock is held, and a reboot asked for by an
+# account without the right to override it is refused for it; the lock goes
+# with the flash. systemctl looks at the locks itself only on a terminal (a
+# pseudo-terminal here); the account then still lacks the right to reboot, so
+# nothing goes through afterwards either (root's own reboot would end this
+# machine).
+flashStop() {
+    id thother >/dev/null 2>&1 || useradd -r -M -s /usr/sbin/nologin thother
+    head -c 1048576 /dev/urandom >/root/fpga-stop.bin
+    local t0 text lock pid
+    pid=$(prop MainPID)
+    fpgaInBackground restart /root/fpga-stop.bin
+    waitFor 60 tarnholdLock || { echo "no inhibitor lock during the upgrade: $(journalctl -b -u "$UNIT" -o cat | grep -i inhibitor)"; return 1; }
+    lock=$(tarnholdLock)
+    grep -q 'shutdown:sleep' <<<"$lock" && grep -q block <<<"$lock" || { echo "lock: $lock"; return 1; }
+    text=$(rebootAsOther) && { echo "reboot went through: $text"; return 1; }
+    grep -q 'inhibited' <<<"$text" || { echo "reboot refused, but not for the lock: $text"; return 1; }
+    echo "lock held: $(tr -s ' ' <<<"$lock");"
+    t0=$(uptimeS)
+    systemctl restart "$UNIT" || { echo "restart failed"; return 1; }
+    figure "systemctl restart during a 1 MiB FPGA upgrade (SIGTERM after its lock was taken) took: $(echo "$t0 $(uptimeS)" | awk '{printf "%.1f", $2 - $1}') s"
+    fpgaWhole restart /root/fpga-stop.bin || return 1
+    [ "$(prop MainPID)" != "$pid" ] || { echo "not restarted"; return 1; }
+    [ "$(deferrals)" = 1 ] || { echo "no deferral in the log"; return 1; }
+    tarnholdLock >/dev/null && { echo "the lock stayed after the flash"; return 1; }
+    text=$(rebootAsOther)
+    grep -q 'inhibited' <<<"$text" && { echo "reboot still inhibited after the flash: $text"; return 1; }
+    echo "restart waited for the flash, FPGA equal to the file, lock released (reboot now: $text);"
+
+    # 16 MiB: dpkg reaches its restart (about 110 s in) well inside the flash.
+    head -c 16777216 /dev/urandom >/root/fpga-dpkg.bin
+    fpgaInBackground dpkg /root/fpga-dpkg.bin
+    waitFor 60 tarnholdLock || { echo "no lock during the second upgrade"; return 1; }
+    t0=$(uptimeS)
+    dpkg -i "$work"/debs/tarnhold_*.deb >/run/dpkg-again.log 2>&1 || { tail -n 3 /run/dpkg-again.log; return 1; }
+    figure "dpkg -i of the same package during a 16 MiB FPGA upgrade: $(echo "$t0 $(uptimeS)" | awk '{printf "%.1f", $2 - $1}') s"
+    fpgaWhole dpkg /root/fpga-dpkg.bin || return 1
+    [ "$(deferrals)" = 2 ] || { echo "dpkg's restart came after the flash: nothing deferred"; return 1; }
+    echo "dpkg -i waited for the flash too, FPGA equal to the file;"
+
+    # The journal explains the events; the history has both flashes, ended well.
+    journalctl -b -x -u "$UNIT" MESSAGE_ID=f5af6997ecea46e4820dfe44735be2a3 --no-pager |
+        grep -q "tarnhold has written the appliance's FPGA from /root/fpga-stop.bin" ||
+        { echo "journalctl -x shows no catalog text: $(journalctl -b -x -u "$UNIT" MESSAGE_ID=f5af6997ecea46e4820dfe44735be2a3 --no-pager | tail -n 5)"; return 1; }
+    text=$(tarnholdctl history | grep -c 'FPGA .* ok .* /root/fpga-\(stop\|dpkg\).bin')
+    [ "$text" = 2 ] || { echo "history: $(tarnholdctl history)"; return 1; }
+    figure "flash history: $(tarnholdctl history | wc -l) entries, $(stat -c %s /var/lib/tarnhold/flash-history) bytes"
+    echo "journalctl -x explains the events; the history holds both flashes"
+}
+
 fans() {
     local reg4 reg6
     ctl fan set 12 >/dev/null || { echo "fan set 12 failed"; return 1; }
@@ -549,6 +621,7 @@ purged() {
     done
     ls /var/crash/tarnhold-* >/dev/null 2>&1 && left="$left crash logs,"
     [ -e /var/log/tarnhold ] && left="$left /var/log/tarnhold,"
+    [ -e /var/lib/tarnhold ] && left="$left the flash history /var/lib/tarnhold,"
     [ "$(cat /run/tarnhold-vm-crash-before)" = 0 ] && [ -e /var/crash ] && left="$left /var/crash,"
     ls /var/lib/systemd/deb-systemd-helper-enabled/ 2>/dev/null | grep -q tarnhold && left="$left deb-systemd-helper state,"
     dpkg -s tarnhold >/dev/null 2>&1 && left="$left the package's dpkg record,"

@@ -7,13 +7,13 @@
 # guest gives no result, or when something it needs is missing (named, with
 # its Debian package).
 # Usage: vmTest.sh SOURCE_DIR BUILD_DIR
-# Environment: VM_TIMEOUT (seconds for the whole boot, default 1200),
+# Environment: VM_TIMEOUT (seconds for the whole boot, default 1800),
 # VM_KEEP=1 keeps BUILD_DIR/vm (console log, results) for a look afterwards,
 # VM_CHECKS="setup installed ..." runs only these checks (while writing one).
 set -euo pipefail
 src=$(cd "$1" && pwd)
 build=$(cd "$2" && pwd)
-timeout=${VM_TIMEOUT:-1200}
+timeout=${VM_TIMEOUT:-1800}
 started=$(date +%s)
 fail() { echo "FAIL: $*"; exit 1; }
 
