@@ -74,8 +74,9 @@ std::string __historyTime(int64_t sec)
     const auto t = static_cast<time_t>(sec);
     struct tm local = {};
     char text[32] = "-";
-    if (localtime_r(&t, &local) != nullptr) {
-        strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
+    // No date that fits: the seconds as they are.
+    if (localtime_r(&t, &local) == nullptr || strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local) == 0) {
+        return std::to_string(sec);
     }
     return text;
 }
