@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
@@ -124,7 +125,8 @@ __qxFileStep __qxFileTakeRecord(const char *line, int32_t lineLen, __qxFileParse
     }
     const uint32_t address = strToH(line + QX_FILE_POS_ADDRESS, 4);
     const uint32_t type = strToH(line + QX_FILE_POS_TYPE, 2);
-    const uint32_t checksum = strToH(line + QX_FILE_POS_DATA + 2 * static_cast<size_t>(count), 2);
+    // Signed: an unreadable count (-1) puts the checksum before the data field.
+    const uint32_t checksum = strToH(line + QX_FILE_POS_DATA + 2 * static_cast<ptrdiff_t>(count), 2);
 
     // An unreadable checksum (0xFFFFFFFF) never equals a byte.
     const uint32_t expected = (0u - __qxFileRecordSum(line, count)) & 0xFF;
